@@ -1,0 +1,159 @@
+// FAST_PCLOCK and CSem; see fastlock.h for the protocol.
+#include <karu/sync/fastlock.h>
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <ctime>
+
+namespace Karu {
+namespace {
+
+[[noreturn]] void RaiseSem(const char* head, int error, ErrnoTable table, int32_t code)
+{
+    Throw<semExp>(ExpMessage(head).Errno(error, table), code);
+}
+
+}  // namespace
+
+uint64_t CurrentThreadIdentity() noexcept
+{
+    return static_cast<uint64_t>(pthread_self());
+}
+
+// ---- CSem ------------------------------------------------------------------------
+
+CSem::CSem(unsigned value, unsigned /*maximum*/)
+{
+    __Init(value);
+}
+
+void CSem::__Init(unsigned value)
+{
+    if (sem_init(&_sem, 0, value) != 0)
+        RaiseSem("CSem::__Init - failed create semaphore\n", errno,
+                 {{EINVAL, "the init value exceeds max limited"},
+                  {ENOSPC, "the max semaphores limit has been reached"},
+                  {EPERM, "permission denied"}},
+                 1);
+}
+
+CSem::~CSem() noexcept(false)
+{
+    if (sem_destroy(&_sem) != 0 && MayThrowFromDestructor())
+        RaiseSem("CSem::~CSem - failed destroy semaphore\n", errno,
+                 {{EBUSY, "there are currently processes blocked on the semaphore"},
+                  {EINVAL, "current object is not a valid semaphore"}},
+                 3);
+}
+
+void CSem::P()
+{
+    while (sem_wait(&_sem) != 0) {
+        if (errno == EINTR)
+            continue;
+        RaiseSem("CSem::P - failed P a semaphore\n", errno,
+                 {{EINVAL, "current object is not a valid semaphore"}, {EDEADLK, "deadlock detected"}}, 4);
+    }
+}
+
+bool CSem::TryP()
+{
+    while (sem_trywait(&_sem) != 0) {
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN)
+            return false;
+        RaiseSem("CSem::P - failed P a semaphore\n", errno,
+                 {{EINVAL, "current object is not a valid semaphore"}, {EDEADLK, "deadlock detected"}}, 4);
+    }
+    return true;
+}
+
+bool CSem::TimedP(uint32_t milliseconds)
+{
+    if (milliseconds == 0)
+        return TryP();
+    if (milliseconds == kInfinite) {
+        P();
+        return true;
+    }
+    timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += milliseconds / 1000;
+    deadline.tv_nsec += long(milliseconds % 1000) * 1000000;
+    if (deadline.tv_nsec >= 1000000000) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000;
+    }
+    while (sem_timedwait(&_sem, &deadline) != 0) {
+        if (errno == EINTR)
+            continue;  // the deadline is absolute, so a restart keeps it
+        if (errno == ETIMEDOUT)
+            return false;
+        RaiseSem("TimedWait - failed P a semaphore\n", errno,
+                 {{EINVAL, "invalid semaphore obj or invalid timeout argument"}, {EDEADLK, "deadlock detected"}}, 4);
+    }
+    return true;
+}
+
+void CSem::V(unsigned count)
+{
+    for (unsigned i = 0; i < count; ++i)
+        if (sem_post(&_sem) != 0)
+            RaiseSem("CSem::V - failed V a semaphore\n", errno,
+                     {{EINVAL, "current object is not a valid semaphore"},
+                      {EOVERFLOW, "the maximum allowable value for a semaphore would be exceeded"}},
+                     5);
+}
+
+// ---- FAST_PCLOCK -------------------------------------------------------------------
+
+FAST_PCLOCK::~FAST_PCLOCK()
+{
+    delete waitSem.load();
+}
+
+CSem* FAST_PCLOCK::__WaitSem()
+{
+    CSem* sem = waitSem.load(std::memory_order_acquire);
+    if (sem)
+        return sem;
+    CSem* mine = new CSem(0, 1);
+    if (waitSem.compare_exchange_strong(sem, mine, std::memory_order_acq_rel))
+        return mine;
+    delete mine;  // another thread installed one first
+    return sem;
+}
+
+void FAST_PCLOCK::Lock()
+{
+    const uint64_t self = CurrentThreadIdentity();
+    if (lockCount.fetch_add(1, std::memory_order_acquire) + 1 == 0) {
+        owner.store(self, std::memory_order_relaxed);
+        recursion = 1;
+        return;
+    }
+    if (owner.load(std::memory_order_relaxed) == self) {
+        ++recursion;  // the lockCount increment stands until Unlock
+        return;
+    }
+    __WaitSem()->P();
+    owner.store(self, std::memory_order_relaxed);
+    recursion = 1;
+}
+
+void FAST_PCLOCK::Unlock()
+{
+    if (--recursion != 0) {
+        lockCount.fetch_sub(1, std::memory_order_release);
+        return;
+    }
+    owner.store(0, std::memory_order_relaxed);
+    if (lockCount.fetch_sub(1, std::memory_order_acq_rel) - 1 < 0)
+        return;
+    // A waiter has counted itself in; it may not have made the semaphore yet.
+    __WaitSem()->V(1);
+}
+
+}  // namespace Karu
