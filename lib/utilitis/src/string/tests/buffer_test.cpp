@@ -34,7 +34,8 @@ TEST(Buffer, CopiesShareUntilOneWrites)
     // Assigning an object standing on the same data moves no counter.
     stringEx c = a;
     c = a;
-    a = a;
+    stringEx& alias = a;
+    a = alias;
     EXPECT_EQ(a.use_count(), 2u);
 
     // Clearing a sharer detaches it into exact storage of the old size.
