@@ -192,7 +192,7 @@ TEST(Buffer, SwapExchangesWithoutCopying)
     EXPECT_EQ(b.data(), pa);
 }
 
-TEST(Buffer, CountsStayExactUnderThreads)
+TEST(BufferConcurrency, CountsStayExactUnderThreads)
 {
     constexpr int kThreads = 8;
     constexpr int kRounds = 20000;

@@ -37,7 +37,7 @@ TEST(FastLock, RecursionReturnsToTheFreeState)
     EXPECT_EQ(lock.waitSem.load(), nullptr);  // no collision, no semaphore
 }
 
-TEST(FastLock, ExcludesUnderContentionAndKeepsCounts)
+TEST(FastLockConcurrency, ExcludesUnderContentionAndKeepsCounts)
 {
     static FAST_PCLOCK lock;  // a static instance needs no constructor run
     constexpr int kThreads = 6, kRounds = 20000;
@@ -58,7 +58,7 @@ TEST(FastLock, ExcludesUnderContentionAndKeepsCounts)
     EXPECT_EQ(lock.owner.load(), 0u);
 }
 
-TEST(FastLock, ReleaseBeforeTheWaiterMadeTheSemaphoreIsNotLost)
+TEST(FastLockConcurrency, ReleaseBeforeTheWaiterMadeTheSemaphoreIsNotLost)
 {
     // Many short rounds on fresh locks: a waiter counts itself in, and the
     // owner may release before the waiter has installed the semaphore.
@@ -97,7 +97,7 @@ TEST(Sem, CountsAndTimedWaits)
 
 void Ignore(int) {}
 
-TEST(Sem, SignalsDoNotEndAWait)
+TEST(SemConcurrency, SignalsDoNotEndAWait)
 {
     struct sigaction action {};
     action.sa_handler = Ignore;  // no SA_RESTART: the wait sees EINTR
