@@ -12,6 +12,8 @@
 // Subtle points:
 //  * size and capacity belong to the object, not to the storage: two objects
 //    may share storage with different sizes;
+//  * only a literal (a constant array) becomes a view; text given by pointer
+//    is copied, since nothing says it outlives the object;
 //  * the three reserve forms do nothing on a view; the public mutators turn a
 //    view into an owned copy before they write, so writing through a view is
 //    never a write into a literal;
@@ -21,6 +23,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -74,12 +77,21 @@ public:
 
     basic_buffer() noexcept = default;
 
-    // A view of a terminated literal: no allocation, no counter.
-    basic_buffer(const T* literal) noexcept
-        : _size(literal ? Length(literal) : 0),
-          _capacity(literal ? kViewCapacity : 0),
-          _data(const_cast<T*>(literal))
+    // A literal (a constant array) is held as a view: no allocation, no
+    // counter. A plain pointer is copied: its text may not outlive the call,
+    // and a view of it would dangle.
+    template <size_t N>
+    basic_buffer(const T (&literal)[N]) noexcept
+        : _size(Length(literal)), _capacity(kViewCapacity), _data(const_cast<T*>(literal))
     {
+    }
+
+    template <class P, std::enable_if_t<std::is_convertible_v<P, const T*>, int> = 0>
+    basic_buffer(P text)
+    {
+        const T* units = text;
+        if (units)
+            __CopyIn(units, Length(units));
     }
 
     // An owned copy of n units.
@@ -150,7 +162,8 @@ public:
         return *this;
     }
 
-    basic_buffer& operator=(const T* literal) noexcept
+    template <size_t N>
+    basic_buffer& operator=(const T (&literal)[N]) noexcept
     {
         basic_buffer view(literal);
         return *this = std::move(view);

@@ -61,7 +61,8 @@ public:
     basic_string_ex(const base& b) noexcept : base(b) {}
     basic_string_ex(base&& b) noexcept : base(std::move(b)) {}
 
-    basic_string_ex& operator=(const T* literal) noexcept
+    template <size_t N>
+    basic_string_ex& operator=(const T (&literal)[N]) noexcept
     {
         base::operator=(literal);
         return *this;

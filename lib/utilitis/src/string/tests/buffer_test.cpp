@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -83,6 +84,13 @@ TEST(Buffer, ViewsCostNothingAndAreNeverWrittenThrough)
     EXPECT_EQ(v.data(), literal);
     EXPECT_EQ(v.capacity(), 0xFFFFFFFFFFFFFFFEull);
     EXPECT_EQ(wstringEx(L"w").capacity(), 0x3FFFFFFFFFFFFFFEull);
+
+    // Text given by pointer is copied: it may not outlive the object.
+    std::string temporary = "temporary";
+    const stringEx copied(temporary.c_str());
+    temporary[0] = 'X';
+    EXPECT_EQ(copied, stringEx("temporary"));
+    EXPECT_FALSE(copied.IsView());
 
     v += " text";
     EXPECT_STREQ(literal, "literal");

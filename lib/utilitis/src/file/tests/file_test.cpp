@@ -1,0 +1,325 @@
+// Files and directories: descriptor sharing and its failures, path
+// normalisation, the wildcard search over a real tree, and whole-file reads
+// and writes with their locking.
+#include <karu/file/dir.h>
+#include <karu/file/sysfile.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+
+using namespace Karu;
+
+namespace {
+
+// A scratch directory, removed with its contents at the end.
+class Scratch {
+public:
+    Scratch()
+    {
+        char pattern[] = "/tmp/karu-file-XXXXXX";
+        path = mkdtemp(pattern);
+    }
+    ~Scratch() { std::system(("rm -rf '" + path + "'").c_str()); }
+    std::string operator/(const std::string& name) const { return path + "/" + name; }
+    void Put(const std::string& name, const std::string& content) const { std::ofstream(*this / name) << content; }
+    std::string Get(const std::string& name) const
+    {
+        std::ifstream in(*this / name);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    std::string path;
+};
+
+std::string Message(void (*op)(const Scratch&), const Scratch& dir)
+{
+    try {
+        op(dir);
+    } catch (const karuExp& e) {
+        return e.message.c_str();
+    }
+    return "(nothing raised)";
+}
+
+TEST(Paths, NormaliseAsTextAgainstTheCurrentDirectory)
+{
+    const Scratch dir;
+    CDir::MakeDir((dir / "x/y").c_str(), true);
+    const std::string saved = CDir::GetPwd().c_str();
+    ASSERT_EQ(chdir((dir / "x/y").c_str()), 0);
+    setenv("HOME", "/home/user", 1);
+    struct Row {
+        const char *in, *out;
+    } rows[] = {
+        {"a/../../b", "x/b"},          // relative to <dir>/x/y
+        {"/..", "/"},
+        {"/a//b/./c/", "/a/b/c/"},
+        {"dir/", "x/y/dir/"},
+        {"./f.txt", "x/y/f.txt"},
+        {"~/notes", "/home/user/notes"},
+        {"/a/b/.", "/a/b"},
+        {"/a/b/../../../..", "/"},
+    };
+    for (const Row& r : rows) {
+        stringEx path(r.in);
+        CDir::ConvToFullPath(path);
+        const std::string expect = r.out[0] == '/' ? r.out : dir.path + "/" + r.out;
+        EXPECT_EQ(std::string(path.c_str()), expect) << r.in;
+    }
+    ASSERT_EQ(chdir(saved.c_str()), 0);
+
+    stringEx empty;
+    try {
+        CDir::ConvToFullPath(empty);
+        ADD_FAILURE();
+    } catch (const dirExp& e) {
+        EXPECT_EQ(e.message, stringEx("CDir::ConvToFullPath - nothing to convert"));
+    }
+    EXPECT_EQ(CDir::GetPathDir("sub/*.txt"), stringEx("sub/"));
+    EXPECT_EQ(CDir::GetPathDir("*.txt"), stringEx("./"));
+    EXPECT_EQ(CDir::GetPathFilename("/a/b.txt"), stringEx("b.txt"));
+}
+
+TEST(Paths, WildcardsAreCaseSensitiveWithOneSavedStar)
+{
+    struct Row {
+        const char *name, *pattern;
+        bool match;
+    } rows[] = {
+        {"a.txt", "*.txt", true},   {"A.TXT", "*.txt", false}, {"a", "?", true},
+        {"ab", "?", false},         {"", "*", false},           {".profile", "*", true},
+        {"aXbXc", "a*b*c", true},   {"abcabd", "*abd", true},   {"abc", "a*d", false},
+        {"x.tar.gz", "*.gz", true}, {"mississippi", "m*iss*ppi", true},
+    };
+    for (const Row& r : rows)
+        EXPECT_EQ(CDir::WildcardMatch(r.name, r.pattern), r.match) << r.name << " ~ " << r.pattern;
+}
+
+std::vector<std::string> Found(const Scratch& dir, const char* pattern, bool recursive, bool hidden)
+{
+    StringVector found;
+    CDir(dir.path.c_str()).GetAllFiles(found, pattern, recursive, hidden);
+    std::vector<std::string> names;
+    for (const stringEx& f : found)
+        names.push_back(std::string(f.c_str()).substr(dir.path.size() + 1));
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST(Search, FindsFilesByPatternDepthAndVisibility)
+{
+    const Scratch dir;
+    for (const char* f : {"a.txt", "B.TXT", ".hidden.txt", "sub/c.txt", "sub/deep/d.txt", ".git/e.txt", "x"})
+        CDir::MakeDir(CDir::GetPathDir((dir / f).c_str()), true), dir.Put(f, "content");
+    CDir::MakeDir((dir / "dir.txt").c_str());  // a directory is never listed as a file
+    ASSERT_EQ(symlink((dir / "a.txt").c_str(), (dir / "link.txt").c_str()), 0);
+
+    using Names = std::vector<std::string>;
+    struct Row {
+        const char* pattern;
+        bool recursive, hidden;
+        Names expect;
+    } rows[] = {
+        {"*.txt", false, false, {"a.txt", "link.txt"}},
+        {"", false, false, {"B.TXT", "a.txt", "link.txt", "x"}},
+        {"?", false, false, {"x"}},
+        {"*.txt", false, true, {".hidden.txt", "a.txt", "link.txt"}},
+        {"*.txt", true, false, {"a.txt", "link.txt", "sub/c.txt", "sub/deep/d.txt"}},
+        {"*.txt", true, true, {".git/e.txt", ".hidden.txt", "a.txt", "link.txt", "sub/c.txt", "sub/deep/d.txt"}},
+        {"sub/*.txt", false, false, {"sub/c.txt"}},
+        {"sub/", false, false, {"sub/c.txt"}},
+    };
+    for (const Row& r : rows)
+        EXPECT_EQ(Found(dir, r.pattern, r.recursive, r.hidden), r.expect) << r.pattern;
+
+    // A dangling link ends the whole search, whatever its name.
+    ASSERT_EQ(symlink((dir / "gone").c_str(), (dir / "dangling").c_str()), 0);
+    StringVector found;
+    try {
+        CDir(dir.path.c_str()).GetAllFiles(found, "*.txt");
+        ADD_FAILURE();
+    } catch (const dirExp& e) {
+        const std::string m = e.message.c_str();
+        EXPECT_EQ(m.rfind("CDir::GetAllFiles - failed find files\n  base dir = " + dir.path + "/\n"
+                          "@ PosixStat - failed retrive the status of giving path\n",
+                          0),
+                  0u)
+            << m;
+        EXPECT_NE(m.find("  error desc = path does not exists\n"), std::string::npos) << m;
+    }
+    // A missing directory in the pattern is reported, with the working directory.
+    EXPECT_THROW(CDir(dir.path.c_str()).GetAllFiles(found, "nowhere/*"), dirExp);
+}
+
+TEST(SysFile, FailuresCarryTheirMessages)
+{
+    const Scratch dir;
+    dir.Put("f", "data");
+    struct Row {
+        const char* name;
+        void (*op)(const Scratch&);
+        std::string expectStart;
+    } rows[] = {
+        {"missing file",
+         [](const Scratch& d) { CSysFile((d / "no/such").c_str(), O_RDONLY); },
+         "PosixOpenFile - failed open specified file\n  file path  = " + (dir / "no/such") +
+             "\n  error code = 2\n  error desc = file dose not exists or can't be created\n"},
+        {"second exclusive opener",
+         [](const Scratch& d) {
+             CSysFile first((d / "f").c_str(), O_RDONLY, kShareExclusive);
+             CSysFile second((d / "f").c_str(), O_RDONLY, kShareExclusive);
+         },
+         "SetShareMode - failed set file sharing mode\n  file path    = " + (dir / "f") +
+             "\n  sharing mode = exclusive\n  error code   = 11\n  error desc   = sharing mode conflict\n"},
+        {"write on a read-only descriptor",
+         [](const Scratch& d) {
+             CSysFile f((d / "f").c_str(), O_RDONLY);
+             f.Write("x", 1);
+         },
+         "CSysFile::Read - failed reading file\n  file path  = " + (dir / "f") +
+             "\n  error code = 9\n  error desc = invalid file descriptor\n"},
+        {"unknown console", [](const Scratch&) { CSysFile().Open(3u); }, "CSysFile::Open - unknown console type: 3"},
+        {"empty name",
+         [](const Scratch&) { CSysFile("", O_RDONLY); },
+         "CSysFile::Open - failed determine the file path to open\n  file name  = \n"
+         "@ CDir::ConvToFullPath - nothing to convert"},
+        {"seek on a pipe",
+         [](const Scratch&) {
+             int fds[2];
+             ASSERT_EQ(pipe(fds), 0);
+             PosixSeekFile(fds[0], 0, SEEK_SET);
+         },
+         "PosixSeekFile - error seek file pointer\n  sys error  = 29\n"
+         "  error desc = the fildes argument is associated with a pipe, fifo, or socket\n"},
+    };
+    for (const Row& r : rows)
+        EXPECT_EQ(Message(r.op, dir).substr(0, r.expectStart.size()), r.expectStart) << r.name;
+}
+
+TEST(SysFile, DescriptorsAreSharedAndConsolesNeverClosed)
+{
+    const Scratch dir;
+    dir.Put("f", "0123456789");
+    int fd;
+    {
+        CSysFile a((dir / "f").c_str(), O_RDONLY);
+        fd = a.Descriptor();
+        CSysFile b = a;  // shares descriptor and position
+        char c;
+        a.Read(&c, 1);
+        b.Read(&c, 1);
+        EXPECT_EQ(c, '1');
+        CSysFile dup;
+        a.Duplicate(dup);
+        EXPECT_NE(dup.Descriptor(), fd);
+        EXPECT_EQ(dup.Path(), a.Path());
+    }
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);  // the last copy closed it
+    {
+        CSysFile out;
+        out.Open(kConsoleOut);
+        CSysFile copy = out;
+    }
+    EXPECT_NE(fcntl(1, F_GETFD), -1);
+
+    CSysFile f((dir / "f").c_str(), O_RDWR);
+    const CTime when = CTime::FromFields(2001, 2, 3, 4, 5, 6, 0, 0);
+    f.SetTime(nullptr, nullptr, &when);
+    CTime created, accessed, modified;
+    f.GetTime(&created, &accessed, &modified);
+    EXPECT_EQ(modified, when);
+    EXPECT_FALSE(created.IsValid());
+}
+
+TEST(SysFile, RangeLocksDoNotWaitWhenAsked)
+{
+    const Scratch dir;
+    dir.Put("f", "0123456789");
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        CSysFile f((dir / "f").c_str(), O_RDWR);
+        f.Lock(0, 5);
+        char go = 1;
+        (void)!write(ready[1], &go, 1);
+        pause();
+        _exit(0);
+    }
+    char go;
+    ASSERT_EQ(read(ready[0], &go, 1), 1);
+    CSysFile f((dir / "f").c_str(), O_RDWR);
+    EXPECT_FALSE(f.TryLock(0, 5));
+    EXPECT_TRUE(f.TryLock(5, 5));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_TRUE(f.TryLock(0, 5));
+}
+
+TEST(WholeFile, WritesInPlaceAndReadsWhole)
+{
+    const Scratch dir;
+    const stringEx path((dir / "w").c_str());
+    struct Step {
+        const char* content;
+        bool append;
+        const char* after;
+    } steps[] = {
+        {"first version", false, "first version"},
+        {"v2", false, "v2"},           // truncated once the lock is held
+        {"+more", true, "v2+more"},    // append keeps the old content
+        {"", false, ""},               // empty content leaves length 0
+    };
+    for (const Step& s : steps) {
+        CDir::WriteFile(path, stringEx(s.content), false, s.append);
+        EXPECT_EQ(dir.Get("w"), s.after);
+        byteEx back;
+        CDir::ReadFile(path, back);
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(back.data()), back.size()), s.after);
+    }
+    // Wide text goes out as its units.
+    CDir::WriteFile(path, wstringEx(L"\u00E9x"));
+    wstringEx wide;
+    CDir::ReadFile(path, wide);
+    EXPECT_EQ(wide, wstringEx(L"\u00E9x"));
+
+    stringEx data("stale");
+    try {
+        CDir::ReadFile("", data);
+        ADD_FAILURE();
+    } catch (const dirExp& e) {
+        EXPECT_EQ(e.message, stringEx("CDir::ReadFile - read what ?"));
+        EXPECT_TRUE(data.empty());
+    }
+    EXPECT_THROW(CDir::WriteFile("", stringEx("x")), dirExp);
+    EXPECT_THROW(CDir::ReadFile(dir.path.c_str(), data), sysfileExp);  // a directory
+}
+
+TEST(WholeFile, AWriterFailsAtOnceOnALockedFile)
+{
+    const Scratch dir;
+    dir.Put("held", "original");
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        CSysFile holder((dir / "held").c_str(), O_RDONLY, kShareShared);
+        char go = 1;
+        (void)!write(ready[1], &go, 1);
+        pause();
+        _exit(0);
+    }
+    char go;
+    ASSERT_EQ(read(ready[0], &go, 1), 1);
+    EXPECT_THROW(CDir::WriteFile((dir / "held").c_str(), stringEx("new")), sysfileExp);
+    EXPECT_EQ(dir.Get("held"), "original");
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+}  // namespace
