@@ -90,14 +90,28 @@ bool StartsWith(const basic_buffer<T>& text, const basic_buffer<T>& prefix) noex
 
 // ---- searching ---------------------------------------------------------------
 
+// The answers both searches give before looking: an empty needle is found at
+// start; a needle that cannot fit behind start is not found.
+template <class T>
+bool NeedleFits(const basic_buffer<T>& text, const basic_buffer<T>& needle, uint64_t start, uint64_t& answer) noexcept
+{
+    const uint64_t size = text.size();
+    if (needle.empty())
+        answer = start <= size ? start : basic_buffer<T>::npos;
+    else if (start >= size || needle.size() > size - start)
+        answer = basic_buffer<T>::npos;
+    else
+        return true;
+    return false;
+}
+
 template <class T>
 uint64_t Find(const basic_buffer<T>& text, const basic_buffer<T>& needle, uint64_t start) noexcept
 {
+    uint64_t early;
+    if (!NeedleFits(text, needle, start, early))
+        return early;
     const uint64_t n = needle.size(), size = text.size();
-    if (n == 0)
-        return start <= size ? start : basic_buffer<T>::npos;
-    if (start >= size || n > size - start)
-        return basic_buffer<T>::npos;
     const T* base = text.data();
     const T* key = needle.data();
     const uint64_t lastStart = size - n;
@@ -116,11 +130,10 @@ uint64_t Find(const basic_buffer<T>& text, const basic_buffer<T>& needle, uint64
 template <class T>
 uint64_t FindNoCase(const basic_buffer<T>& text, const basic_buffer<T>& needle, uint64_t start) noexcept
 {
+    uint64_t early;
+    if (!NeedleFits(text, needle, start, early))
+        return early;
     const uint64_t n = needle.size(), size = text.size();
-    if (n == 0)
-        return start <= size ? start : basic_buffer<T>::npos;
-    if (start >= size || n > size - start)
-        return basic_buffer<T>::npos;
     const T* base = text.data();
     const T* key = needle.data();
     for (uint64_t pos = start; pos <= size - n; ++pos) {
@@ -197,26 +210,40 @@ basic_string_ex<T> FieldAt(const basic_buffer<T>& line, const basic_buffer<T>& d
 
 // ---- substitution passes ---------------------------------------------------
 
+enum class MarkStep { kStop, kNext, kExamine };
+
+// The rules every mark-driven pass shares: a mark as the last unit ends the
+// scan (removed if `dropAtEnd`); a doubled mark is kept whole or halved.
+template <class T>
+MarkStep LastOrDoubled(basic_string_ex<T>& s, uint64_t& pos, T mark, bool dropAtEnd, bool keepDoubled)
+{
+    if (pos + 1 == s.size()) {
+        if (dropAtEnd)
+            s.erase(pos, 1);
+        return MarkStep::kStop;
+    }
+    if (s[pos + 1] != mark)
+        return MarkStep::kExamine;
+    if (keepDoubled) {
+        pos += 2;
+    } else {
+        s.erase(pos, 1);
+        pos += 1;
+    }
+    return MarkStep::kNext;
+}
+
 template <class T>
 basic_string_ex<T>& ExpandEscapes(basic_string_ex<T>& s, T esc, const EscapeRow<T>* table, bool dropUnknown,
                                   bool keepDoubled)
 {
     uint64_t pos = 0;
     while ((pos = s.Find(esc, pos)) != basic_buffer<T>::npos) {
-        if (pos + 1 == s.size()) {
-            if (dropUnknown)
-                s.erase(pos, 1);
+        const MarkStep step = LastOrDoubled(s, pos, esc, dropUnknown, keepDoubled);
+        if (step == MarkStep::kStop)
             break;
-        }
-        if (s[pos + 1] == esc) {
-            if (keepDoubled) {
-                pos += 2;
-            } else {
-                s.erase(pos, 1);
-                pos += 1;
-            }
+        if (step == MarkStep::kNext)
             continue;
-        }
         const EscapeRow<T>* row = table;
         for (; !(row->replacement.empty() && row->key.empty()); ++row)
             if (!row->key.empty() && MatchesAt<T>(s, pos + 1, row->key))
@@ -240,20 +267,11 @@ basic_string_ex<T>& ExpandMatches(basic_string_ex<T>& s, T mark, IStrMatchCmd<ba
     uint64_t pos = 0;
     basic_string_ex<T> replacement;
     while ((pos = s.Find(mark, pos)) != basic_buffer<T>::npos) {
-        if (pos + 1 == s.size()) {
-            if (dropUnknown)
-                s.erase(pos, 1);
+        const MarkStep step = LastOrDoubled(s, pos, mark, dropUnknown, keepDoubled);
+        if (step == MarkStep::kStop)
             break;
-        }
-        if (s[pos + 1] == mark) {
-            if (keepDoubled) {
-                pos += 2;
-            } else {
-                s.erase(pos, 1);
-                pos += 1;
-            }
+        if (step == MarkStep::kNext)
             continue;
-        }
         replacement.clear();
         const basic_string_ex<T> behind = basic_buffer<T>::View(s.data() + pos + 1, s.size() - pos - 1);
         const int verdict = cmd.Match(behind, replacement);
@@ -280,19 +298,11 @@ basic_string_ex<T>& ExpandDelimited(basic_string_ex<T>& s, const basic_string_ex
     uint64_t pos = 0;
     basic_string_ex<T> replacement;
     while ((pos = s.Find(first, pos)) != basic_buffer<T>::npos) {
-        if (pos + 1 == s.size()) {
-            s.erase(pos, 1);
+        const MarkStep step = LastOrDoubled(s, pos, first, true, keepDoubled);
+        if (step == MarkStep::kStop)
             break;
-        }
-        if (s[pos + 1] == first) {
-            if (keepDoubled) {
-                pos += 2;
-            } else {
-                s.erase(pos, 1);
-                pos += 1;
-            }
+        if (step == MarkStep::kNext)
             continue;
-        }
         if (s.size() - pos < open.size() + close.size()) {
             pos += 1;
             continue;
@@ -441,41 +451,37 @@ basic_string_ex<T>& basic_string_ex<T>::TrimLeft()
     return *this;
 }
 
+// Rewrites each unit through `map`, detaching only if some unit changes.
+template <class T, class Map>
+static basic_string_ex<T>& MapUnits(basic_string_ex<T>& s, Map map)
+{
+    for (uint64_t i = 0; i < s.size(); ++i) {
+        if (map(s[i]) == s[i])
+            continue;
+        T* units = s.MutableData();
+        for (; i < s.size(); ++i)
+            units[i] = map(units[i]);
+        break;
+    }
+    return s;
+}
+
 template <class T>
 basic_string_ex<T>& basic_string_ex<T>::MakeLower()
 {
-    for (size_type i = 0; i < this->size(); ++i)
-        if (Tr<T>::Fold(this->data()[i]) != this->data()[i]) {
-            T* units = this->MutableData();
-            for (; i < this->size(); ++i)
-                units[i] = Tr<T>::Fold(units[i]);
-        }
-    return *this;
+    return MapUnits(*this, [](T c) { return Tr<T>::Fold(c); });
 }
 
 template <class T>
 basic_string_ex<T>& basic_string_ex<T>::MakeUpper()
 {
-    for (size_type i = 0; i < this->size(); ++i)
-        if (Tr<T>::Upper(this->data()[i]) != this->data()[i]) {
-            T* units = this->MutableData();
-            for (; i < this->size(); ++i)
-                units[i] = Tr<T>::Upper(units[i]);
-        }
-    return *this;
+    return MapUnits(*this, [](T c) { return Tr<T>::Upper(c); });
 }
 
 template <class T>
 basic_string_ex<T>& basic_string_ex<T>::Replace(T from, T to)
 {
-    size_type at = Find(from);
-    if (at == npos)
-        return *this;
-    T* units = this->MutableData();
-    for (; at < this->size(); ++at)
-        if (units[at] == from)
-            units[at] = to;
-    return *this;
+    return MapUnits(*this, [from, to](T c) { return c == from ? to : c; });
 }
 
 template <class T>

@@ -490,8 +490,9 @@ private:
         return p;
     }
 
-    // Shared storage: a private copy of the first `keep` units in `capacity`.
-    void __Detach(size_type capacity, size_type keep)
+    // Fresh storage of `capacity` units holding the first `keep` units; the
+    // old storage is released (and freed if this was its last holder).
+    void __MoveTo(size_type capacity, size_type keep)
     {
         counter_type* cell = __NewCounter();
         T* fresh;
@@ -531,7 +532,7 @@ private:
     void __ReserveGrow(size_type request)
     {
         if (__Shared()) {
-            __Detach(std::max(request, _size) | kGranule, _size);
+            __MoveTo(std::max(request, _size) | kGranule, _size);
             return;
         }
         if (request <= _capacity)
@@ -546,7 +547,7 @@ private:
     void __ReserveExact(size_type request)
     {
         if (__Shared()) {
-            __Detach(std::max(request, _size), _size);
+            __MoveTo(std::max(request, _size), _size);
             return;
         }
         if (request > _capacity)
@@ -555,26 +556,8 @@ private:
 
     void __ReserveDiscard(size_type request)
     {
-        if (__Shared()) {
-            __Detach(request, 0);
-            return;
-        }
-        if (request <= _capacity)
-            return;
-        counter_type* cell = __NewCounter();
-        T* fresh;
-        try {
-            fresh = __Alloc(request);
-        } catch (...) {
-            std::free(cell);
-            throw;
-        }
-        const size_type size = _size;
-        __Release();
-        _size = size;
-        _data = fresh;
-        _refcount = cell;
-        _capacity = request;
+        if (__Shared() || request > _capacity)
+            __MoveTo(request, 0);
     }
 
     void __Release() noexcept

@@ -46,6 +46,35 @@ std::string Message(void (*op)(const Scratch&), const Scratch& dir)
     return "(nothing raised)";
 }
 
+// Runs `hold` in a child process that keeps what it took until killed;
+// returns the child's pid once `hold` has run.
+template <class Hold>
+pid_t HoldInChild(Hold hold)
+{
+    int ready[2];
+    if (pipe(ready) != 0)
+        return -1;
+    const pid_t child = fork();
+    if (child == 0) {
+        hold();
+        char go = 1;
+        (void)!write(ready[1], &go, 1);
+        pause();
+        _exit(0);
+    }
+    char go;
+    (void)!read(ready[0], &go, 1);
+    close(ready[0]);
+    close(ready[1]);
+    return child;
+}
+
+void Release(pid_t child)
+{
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
 TEST(Paths, NormaliseAsTextAgainstTheCurrentDirectory)
 {
     const Scratch dir;
@@ -240,24 +269,14 @@ TEST(SysFile, RangeLocksDoNotWaitWhenAsked)
 {
     const Scratch dir;
     dir.Put("f", "0123456789");
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        CSysFile f((dir / "f").c_str(), O_RDWR);
+    const pid_t child = HoldInChild([&] {
+        static CSysFile f((dir / "f").c_str(), O_RDWR);
         f.Lock(0, 5);
-        char go = 1;
-        (void)!write(ready[1], &go, 1);
-        pause();
-        _exit(0);
-    }
-    char go;
-    ASSERT_EQ(read(ready[0], &go, 1), 1);
+    });
     CSysFile f((dir / "f").c_str(), O_RDWR);
     EXPECT_FALSE(f.TryLock(0, 5));
     EXPECT_TRUE(f.TryLock(5, 5));
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    Release(child);
     EXPECT_TRUE(f.TryLock(0, 5));
 }
 
@@ -304,22 +323,10 @@ TEST(WholeFile, AWriterFailsAtOnceOnALockedFile)
 {
     const Scratch dir;
     dir.Put("held", "original");
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        CSysFile holder((dir / "held").c_str(), O_RDONLY, kShareShared);
-        char go = 1;
-        (void)!write(ready[1], &go, 1);
-        pause();
-        _exit(0);
-    }
-    char go;
-    ASSERT_EQ(read(ready[0], &go, 1), 1);
+    const pid_t child = HoldInChild([&] { static CSysFile holder((dir / "held").c_str(), O_RDONLY, kShareShared); });
     EXPECT_THROW(CDir::WriteFile((dir / "held").c_str(), stringEx("new")), sysfileExp);
     EXPECT_EQ(dir.Get("held"), "original");
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    Release(child);
 }
 
 }  // namespace
