@@ -77,6 +77,21 @@ void WriteAll(CSysFile& file, const void* data, uint64_t size)
     }
 }
 
+void WriteAll(TDataSink& sink, const void* data, uint64_t size)
+{
+    const unsigned char* bytes = static_cast<const unsigned char*>(data);
+    while (size > 0) {
+        const size_t put = sink.Write(bytes, static_cast<size_t>(size));
+        if (put == 0)
+            Throw<ioExp>(ExpMessage("TDataSink::Write - the sink accepted no more bytes\n")
+                             .Detail("sink", sink.GetName())
+                             .Detail("bytes left", static_cast<int64_t>(size)),
+                         9);
+        bytes += put;
+        size -= put;
+    }
+}
+
 }  // namespace IMPL
 
 // ---- buffered source ------------------------------------------------------------------

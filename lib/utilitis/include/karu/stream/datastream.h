@@ -252,6 +252,12 @@ private:
 extern template class CBufferedSeekableSink<CSysFile>;
 extern template class CBufferedSeekableSink<CPeriodFile>;
 
+namespace IMPL {
+// The same for any sink: a sink that takes nothing more is a failure, not
+// a silent loss of the rest.
+void WriteAll(TDataSink& sink, const void* data, uint64_t size);
+}  // namespace IMPL
+
 using CMemorySource = CGenericSeekableSource<CByteIO>;
 using CMemorySink = CGenericSeekableSink<CByteIO>;
 using CFileSource = CGenericSeekableSource<CSysFile>;
