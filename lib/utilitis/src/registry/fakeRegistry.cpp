@@ -226,6 +226,17 @@ CFakeRegistry CFakeRegistry::ObtainSubkey(const stringEx& path, bool create) con
     return key;
 }
 
+CFakeRegistry CFakeRegistry::ObtainChild(const stringEx& name, bool create) const
+{
+    CFakeRegistry child;
+    if (!IMPL::RegChild(*this, name, create, child))
+        Throw<regExp>(ExpMessage("CFakeRegistry::ObtainSubkey - can not find specified subkey\n")
+                          .Detail("next subkey", name)
+                          .Detail("full path", name),
+                      19);
+    return child;
+}
+
 bool CFakeRegistry::IsSubkeyExists(const stringEx& path) const
 {
     CFakeRegistry key = *this;

@@ -74,6 +74,9 @@ public:
     // ---- tree -----------------------------------------------------------------
     // Without `create` a missing step raises; with it the step is made.
     CFakeRegistry ObtainSubkey(const stringEx& path, bool create = false) const;
+    // One direct subkey by its exact name, which may hold the delimiter (a
+    // file can carry such names; no path can spell them).
+    CFakeRegistry ObtainChild(const stringEx& name, bool create = false) const;
     bool IsSubkeyExists(const stringEx& path) const;
     // The name at a position in name order; stable only while the key is unchanged.
     stringEx EnumSubkey(uint64_t index) const;
