@@ -128,85 +128,74 @@ void CCFile::SetBufOption(int mode, size_t size)
              stringEx::Format("  mode            = %d\n  buf size        = %zu\n", mode, size));
 }
 
+namespace {
+
+// The character calls share one shape: a call on the stream whose return
+// equals `end` on failure; for reads `end` also means the end of the data,
+// told apart by the error flag.
+template <class R, class Call>
+R CharCall(FILE* stream, const char* head, int32_t code, R end, bool isRead, Call call)
+{
+    FILE* const file = Need(stream, head, code);
+    if (isRead)
+        std::clearerr(file);
+    const R result = call(file);
+    if (result == end && (!isRead || std::ferror(file)))
+        Fail(head, errno, code);
+    return result;
+}
+
+}  // namespace
+
 int CCFile::GetChar()
 {
-    const char* const head = "CCFile::GetChar - failed getting char\n";
-    FILE* const file = Need(_file, head, 7);
-    std::clearerr(file);
-    const int c = std::fgetc(file);
-    if (c == EOF && std::ferror(file))
-        Fail(head, errno, 7);
-    return c;
+    return CharCall(_file, "CCFile::GetChar - failed getting char\n", 7, EOF, true, std::fgetc);
 }
 
 wint_t CCFile::GetWChar()
 {
-    const char* const head = "CCFile::GetWChar - failed getting char\n";
-    FILE* const file = Need(_file, head, 7);
-    std::clearerr(file);
-    const wint_t c = std::fgetwc(file);
-    if (c == WEOF && std::ferror(file))
-        Fail(head, errno, 7);
-    return c;
+    return CharCall(_file, "CCFile::GetWChar - failed getting char\n", 7, WEOF, true, std::fgetwc);
 }
 
 int CCFile::GetTChar()
 {
-    const char* const head = "CCFile::GetTChar - failed getting char\n";
-    FILE* const file = Need(_file, head, 7);
-    std::clearerr(file);
-    const int c = std::fgetc(file);
-    if (c == EOF && std::ferror(file))
-        Fail(head, errno, 7);
-    return c;
+    return CharCall(_file, "CCFile::GetTChar - failed getting char\n", 7, EOF, true, std::fgetc);
 }
 
 void CCFile::PutChar(int c)
 {
-    const char* const head = "CCFile::PutChar - failed putting char\n";
-    FILE* const file = Need(_file, head, 9);
-    if (std::fputc(c, file) == EOF)
-        Fail(head, errno, 9);
+    CharCall(_file, "CCFile::PutChar - failed putting char\n", 9, EOF, false,
+             [c](FILE* f) { return std::fputc(c, f); });
 }
 
 void CCFile::PutWChar(wchar_t c)
 {
-    const char* const head = "CCFile::PutWChar - failed putting char\n";
-    FILE* const file = Need(_file, head, 9);
-    if (std::fputwc(c, file) == WEOF)
-        Fail(head, errno, 9);
+    CharCall(_file, "CCFile::PutWChar - failed putting char\n", 9, WEOF, false,
+             [c](FILE* f) { return std::fputwc(c, f); });
 }
 
 void CCFile::PutTChar(char c)
 {
-    const char* const head = "CCFile::PutTChar - failed putting char\n";
-    FILE* const file = Need(_file, head, 9);
-    if (std::fputc(static_cast<unsigned char>(c), file) == EOF)
-        Fail(head, errno, 9);
+    CharCall(_file, "CCFile::PutTChar - failed putting char\n", 9, EOF, false,
+             [c](FILE* f) { return std::fputc(static_cast<unsigned char>(c), f); });
 }
 
 void CCFile::UnGetChar(int c)
 {
-    const char* const head = "CCFile::UnGetChar - failed unget char\n";
-    FILE* const file = Need(_file, head, 12);
-    if (std::ungetc(c, file) == EOF)
-        Fail(head, errno, 12);
+    CharCall(_file, "CCFile::UnGetChar - failed unget char\n", 12, EOF, false,
+             [c](FILE* f) { return std::ungetc(c, f); });
 }
 
 void CCFile::UnGetWChar(wint_t c)
 {
-    const char* const head = "CCFile::UnGetWChar - failed unget char\n";
-    FILE* const file = Need(_file, head, 12);
-    if (std::ungetwc(c, file) == WEOF)
-        Fail(head, errno, 12);
+    CharCall(_file, "CCFile::UnGetWChar - failed unget char\n", 12, WEOF, false,
+             [c](FILE* f) { return std::ungetwc(c, f); });
 }
 
 void CCFile::UnGetTChar(int c)
 {
-    const char* const head = "CCFile::UnGetTChar - failed unget char\n";
-    FILE* const file = Need(_file, head, 12);
-    if (std::ungetc(c, file) == EOF)
-        Fail(head, errno, 12);
+    CharCall(_file, "CCFile::UnGetTChar - failed unget char\n", 12, EOF, false,
+             [c](FILE* f) { return std::ungetc(c, f); });
 }
 
 void CCFile::__Seek(long offset, int whence, const char* head)

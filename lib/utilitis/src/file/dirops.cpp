@@ -221,6 +221,25 @@ bool ReadToEnd(const char* path, stringEx& text)
 
 }  // namespace
 
+namespace IMPL {
+
+void WriteAll(CSysFile& file, const void* data, uint64_t size)
+{
+    const unsigned char* bytes = static_cast<const unsigned char*>(data);
+    while (size > 0) {
+        const uint64_t put = file.Write(bytes, size);
+        if (put == 0)
+            Throw<sysfileExp>(ExpMessage("CSysFile::Read - failed reading file\n")
+                                  .Detail("file path", file.Path())
+                                  .Detail("error desc", "the device accepted no more bytes"),
+                              9);
+        bytes += put;
+        size -= put;
+    }
+}
+
+}  // namespace IMPL
+
 // ---- removing ----------------------------------------------------------------------------
 
 void CDir::RemoveFile(const stringEx& path, bool force) try {
@@ -299,19 +318,8 @@ void CDir::DuplicateFile(const stringEx& source, const stringEx& target, bool ov
         out.Open(to, O_WRONLY | O_CREAT | O_TRUNC, 0, kShareNone, kDefaultFilePermissions);
         stringEx block;
         char* room = block.GetBuffer(kCopyBlock);
-        for (uint64_t got; (got = in.Read(room, kCopyBlock)) > 0;) {
-            const char* at = room;
-            for (uint64_t left = got; left > 0;) {
-                const uint64_t put = out.Write(at, left);
-                if (put == 0)
-                    Throw<sysfileExp>(ExpMessage("CSysFile::Read - failed reading file\n")
-                                          .Detail("file path", to)
-                                          .Detail("error desc", "the device accepted no more bytes"),
-                                      9);
-                at += put;
-                left -= put;
-            }
-        }
+        for (uint64_t got; (got = in.Read(room, kCopyBlock)) > 0;)
+            IMPL::WriteAll(out, room, got);
         out.Flush();
         if (keepMode && fstat(in.Descriptor(), &fromStatus) == 0)
             fchmod(out.Descriptor(), fromStatus.st_mode & 07777);

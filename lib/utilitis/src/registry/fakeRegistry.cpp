@@ -141,14 +141,6 @@ bool Lookup(const CFakeRegistry& key, const stringEx& name, REG_VALUE& value)
     return true;
 }
 
-template <class T>
-T Fixed(const REG_VALUE& value)
-{
-    T out{};
-    std::memcpy(&out, value.data.data(), std::min<uint64_t>(sizeof(T), value.data.size()));
-    return out;
-}
-
 [[noreturn]] void Mismatch(const stringEx& name, const char* expected, uint32_t type)
 {
     Throw<regExp>(ExpMessage("CFakeRegistry::ReadValueEx - value type missmatch\n")
@@ -184,12 +176,6 @@ void Store(const CFakeRegistry& key, const stringEx& name, uint32_t type, const 
     CFastLockHolder hold(body.lock);
     body.values.insert_or_assign(name, value);
     body.Touch();
-}
-
-template <class T>
-byteEx BytesOf(const T& value)
-{
-    return byteEx(reinterpret_cast<const unsigned char*>(&value), sizeof(T));
 }
 
 [[noreturn]] void OutOfIndex(const char* head, uint64_t count, uint64_t index)
@@ -367,9 +353,9 @@ byteEx CFakeRegistry::ReadRawValue(const stringEx& name) const
             out = fallback;                                                                            \
     }
 KARU_REG_READ(bool, bool, T_BOOL, "T_BOOL", !value.data.empty() && value.data[0] != 0)
-KARU_REG_READ(double, double, T_FLOAT8, "T_FLOAT8", Fixed<double>(value))
-KARU_REG_READ(uint32_t, uint32_t, T_DWORD, "T_DWORD", Fixed<uint32_t>(value))
-KARU_REG_READ(uint64_t, uint64_t, T_QWORD, "T_QWORD", Fixed<uint64_t>(value))
+KARU_REG_READ(double, double, T_FLOAT8, "T_FLOAT8", IMPL::RegNumber<double>(value.data))
+KARU_REG_READ(uint32_t, uint32_t, T_DWORD, "T_DWORD", IMPL::RegNumber<uint32_t>(value.data))
+KARU_REG_READ(uint64_t, uint64_t, T_QWORD, "T_QWORD", IMPL::RegNumber<uint64_t>(value.data))
 KARU_REG_READ(StringVector, const StringVector&, T_STRING_SET, "T_STRING_SET", IMPL::SplitStringSet(value.data))
 KARU_REG_READ(byteEx, const byteEx&, T_BLOB, "T_BLOB", value.data)
 #undef KARU_REG_READ
@@ -393,22 +379,22 @@ void CFakeRegistry::ReadValueEx(const stringEx& name, stringEx& out, const strin
 
 void CFakeRegistry::SetValue(const stringEx& name, bool value)
 {
-    Store(*this, name, T_BOOL, BytesOf<unsigned char>(value ? 1 : 0));
+    Store(*this, name, T_BOOL, IMPL::RegBytes<unsigned char>(value ? 1 : 0));
 }
 
 void CFakeRegistry::SetValue(const stringEx& name, double value)
 {
-    Store(*this, name, T_FLOAT8, BytesOf(value));
+    Store(*this, name, T_FLOAT8, IMPL::RegBytes(value));
 }
 
 void CFakeRegistry::SetValue(const stringEx& name, uint32_t value)
 {
-    Store(*this, name, T_DWORD, BytesOf(value));
+    Store(*this, name, T_DWORD, IMPL::RegBytes(value));
 }
 
 void CFakeRegistry::SetValue(const stringEx& name, uint64_t value)
 {
-    Store(*this, name, T_QWORD, BytesOf(value));
+    Store(*this, name, T_QWORD, IMPL::RegBytes(value));
 }
 
 void CFakeRegistry::SetValue(const stringEx& name, const stringEx& text, bool expandable)

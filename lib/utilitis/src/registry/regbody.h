@@ -2,6 +2,9 @@
 // functions that the model, the file format and the text exchange share.
 #pragma once
 
+#include <locale.h>
+
+#include <cstring>
 #include <map>
 #include <memory>
 
@@ -57,6 +60,23 @@ StringVector SplitRegPath(const stringEx& path);
 // handle when missing otherwise. Takes and releases the key's lock.
 bool RegChild(const CFakeRegistry& key, const stringEx& name, bool create, CFakeRegistry& child);
 
+// A number from a value's raw bytes; data shorter than the number (a value
+// set raw with a wrong length) reads as zero-padded, never beyond its bytes.
+template <class T>
+T RegNumber(const byteEx& data) noexcept
+{
+    T out{};
+    std::memcpy(&out, data.data(), data.size() < sizeof(T) ? data.size() : sizeof(T));
+    return out;
+}
+
+// The raw bytes of a number.
+template <class T>
+byteEx RegBytes(const T& number)
+{
+    return byteEx(reinterpret_cast<const unsigned char*>(&number), sizeof(T));
+}
+
 // String sets: members each followed by one 0x00 byte; a piece after the
 // last 0x00 is a member too, the empty piece is not.
 StringVector SplitStringSet(const byteEx& data);
@@ -66,6 +86,9 @@ byteEx JoinStringSet(const StringVector& members);
 // system's narrow encoding.
 stringEx RegToUtf8(const stringEx& text);
 stringEx RegFromUtf8(const stringEx& text);
+// The same through a given locale's converters.
+stringEx RegLocaleToUtf8(const stringEx& text, locale_t locale);
+stringEx RegUtf8ToLocale(const stringEx& text, locale_t locale);
 
 // The file format. RegCompile writes a key (tag and all) with the key's
 // lock held by the caller and returns what is left of `bound`; RegParse

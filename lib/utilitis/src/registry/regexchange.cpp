@@ -118,11 +118,6 @@ stringEx FloatText(double value)
 stringEx ValueText(const REG_VALUE& value)
 {
     const byteEx& data = value.data;
-    auto fixed = [&](auto zero) {
-        decltype(zero) out = zero;
-        std::memcpy(&out, data.data(), std::min<uint64_t>(sizeof out, data.size()));
-        return out;
-    };
     switch (value.type) {
     case T_STRING:
     case T_EXP_STR:
@@ -135,11 +130,11 @@ stringEx ValueText(const REG_VALUE& value)
         return hex;
     }
     case T_DWORD:
-        return stringEx::Format("%u", fixed(uint32_t(0)));
+        return stringEx::Format("%u", IMPL::RegNumber<uint32_t>(data));
     case T_QWORD:
-        return stringEx::Format("%llu", static_cast<unsigned long long>(fixed(uint64_t(0))));
+        return stringEx::Format("%llu", static_cast<unsigned long long>(IMPL::RegNumber<uint64_t>(data)));
     case T_FLOAT8:
-        return FloatText(fixed(0.0));
+        return FloatText(IMPL::RegNumber<double>(data));
     case T_BOOL:
         return !data.empty() && data[0] ? "true" : "false";
     case T_STRING_SET: {
@@ -200,9 +195,7 @@ REG_VALUE ParseValue(const stringEx& givenTag, const stringEx& text, uint64_t li
     for (const TypeTag& t : kTags)
         if (stringEx(t.tag).EqualsNoCase(tag))
             value.type = t.type;
-    auto bytes = [&](const auto& number) {
-        value.data = byteEx(reinterpret_cast<const unsigned char*>(&number), sizeof number);
-    };
+    auto bytes = [&](const auto& number) { value.data = IMPL::RegBytes(number); };
     uint64_t number = 0;
     switch (value.type) {
     case T_NONE:

@@ -43,11 +43,6 @@ void WriteValues(CISXFWriter<Sink>& writer, const RegValueMap& values, int64_t w
             Throw<regExp>(ExpMessage(stringEx::Format("RegCompileValues - invalid type : %u", value.type)), 3);
         writer.PutSmallEnum(static_cast<uint8_t>(value.type));
         const byteEx& data = value.data;
-        auto fixed = [&](auto zero) {
-            decltype(zero) out = zero;
-            std::memcpy(&out, data.data(), std::min<uint64_t>(sizeof out, data.size()));
-            return out;
-        };
         switch (value.type) {
         case T_NONE:
             break;
@@ -59,10 +54,10 @@ void WriteValues(CISXFWriter<Sink>& writer, const RegValueMap& values, int64_t w
             writer.PutBlob(data);
             break;
         case T_DWORD:
-            writer.PutInt32(fixed(int32_t(0)));
+            writer.PutInt32(RegNumber<int32_t>(data));
             break;
         case T_QWORD:
-            writer.PutInt64(fixed(int64_t(0)));
+            writer.PutInt64(RegNumber<int64_t>(data));
             break;
         case T_STRING_SET: {
             StringVector members = SplitStringSet(data);
@@ -72,7 +67,7 @@ void WriteValues(CISXFWriter<Sink>& writer, const RegValueMap& values, int64_t w
             break;
         }
         case T_FLOAT8:
-            writer.PutDouble(fixed(0.0));
+            writer.PutDouble(RegNumber<double>(data));
             break;
         case T_BOOL:
             writer.PutBool(!data.empty() && data[0] != 0);
@@ -100,7 +95,6 @@ void ReadValues(CISXFReader<TDataSource>& reader, RegValueMap& values, int64_t& 
         value.type = reader.GetSmallEnum();
         if (value.type > kRegLastType)
             Throw<regExp>(ExpMessage(stringEx::Format("RegParseValues - invalid type : %u", value.type)), 3);
-        auto fixed = [&](auto number) { value.data = byteEx(reinterpret_cast<const unsigned char*>(&number), sizeof number); };
         switch (value.type) {
         case T_NONE:
             break;
@@ -116,10 +110,10 @@ void ReadValues(CISXFReader<TDataSource>& reader, RegValueMap& values, int64_t& 
             reader.GetBlob(value.data);
             break;
         case T_DWORD:
-            fixed(reader.GetInt32());
+            value.data = RegBytes(reader.GetInt32());
             break;
         case T_QWORD:
-            fixed(reader.GetInt64());
+            value.data = RegBytes(reader.GetInt64());
             break;
         case T_STRING_SET: {
             byteEx blob;
@@ -131,10 +125,10 @@ void ReadValues(CISXFReader<TDataSource>& reader, RegValueMap& values, int64_t& 
             break;
         }
         case T_FLOAT8:
-            fixed(reader.GetDouble());
+            value.data = RegBytes(reader.GetDouble());
             break;
         case T_BOOL:
-            fixed(static_cast<unsigned char>(reader.GetBool() ? 1 : 0));
+            value.data = RegBytes(static_cast<unsigned char>(reader.GetBool() ? 1 : 0));
             break;
         }
         values.insert_or_assign(name, value);

@@ -37,6 +37,19 @@ const SystemText& System()
     return text;
 }
 
+// The calling thread converts in a given locale for the life of this
+// object, whatever locale the process or the thread has set.
+class InLocale {
+public:
+    explicit InLocale(locale_t locale) : _previous(uselocale(locale)) {}
+    ~InLocale() { uselocale(_previous); }
+    InLocale(const InLocale&) = delete;
+    InLocale& operator=(const InLocale&) = delete;
+
+private:
+    locale_t _previous;
+};
+
 void AppendUtf8(stringEx& out, uint32_t c)
 {
     if (c < 0x80) {
@@ -80,10 +93,17 @@ uint32_t NextUtf8(const stringEx& text, uint64_t& at)
 
 stringEx RegToUtf8(const stringEx& text)
 {
-    const SystemText& system = System();
-    if (system.utf8 || text.empty())
-        return text;
-    const locale_t previous = uselocale(system.locale);
+    return System().utf8 ? text : RegLocaleToUtf8(text, System().locale);
+}
+
+stringEx RegFromUtf8(const stringEx& text)
+{
+    return System().utf8 ? text : RegUtf8ToLocale(text, System().locale);
+}
+
+stringEx RegLocaleToUtf8(const stringEx& text, locale_t locale)
+{
+    const InLocale scope(locale);
     stringEx out;
     mbstate_t state{};
     for (uint64_t at = 0; at < text.size();) {
@@ -98,16 +118,12 @@ stringEx RegToUtf8(const stringEx& text)
         AppendUtf8(out, static_cast<uint32_t>(c));
         at += used ? used : 1;  // an embedded NUL is a character like any other here
     }
-    uselocale(previous);
     return out;
 }
 
-stringEx RegFromUtf8(const stringEx& text)
+stringEx RegUtf8ToLocale(const stringEx& text, locale_t locale)
 {
-    const SystemText& system = System();
-    if (system.utf8 || text.empty())
-        return text;
-    const locale_t previous = uselocale(system.locale);
+    const InLocale scope(locale);
     stringEx out;
     mbstate_t state{};
     char bytes[MB_LEN_MAX];
@@ -121,7 +137,6 @@ stringEx RegFromUtf8(const stringEx& text)
             out.append(bytes, made);
         }
     }
-    uselocale(previous);
     return out;
 }
 

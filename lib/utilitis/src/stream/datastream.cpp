@@ -62,21 +62,6 @@ int64_t WrappedSize(CSysFile& file)
     return end;
 }
 
-void WriteAll(CSysFile& file, const void* data, uint64_t size)
-{
-    const unsigned char* bytes = static_cast<const unsigned char*>(data);
-    while (size > 0) {
-        const uint64_t put = file.Write(bytes, size);
-        if (put == 0)
-            Throw<sysfileExp>(ExpMessage("CSysFile::Read - failed reading file\n")
-                                  .Detail("file path", file.Path())
-                                  .Detail("error desc", "the device accepted no more bytes"),
-                              9);
-        bytes += put;
-        size -= put;
-    }
-}
-
 void WriteAll(TDataSink& sink, const void* data, uint64_t size)
 {
     const unsigned char* bytes = static_cast<const unsigned char*>(data);

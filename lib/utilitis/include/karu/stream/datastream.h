@@ -138,21 +138,18 @@ namespace IMPL {
 // The size of what a stream wraps, without moving its position.
 int64_t WrappedSize(CSysFile& file);
 inline int64_t WrappedSize(CByteIO& io) noexcept { return io.GetSize(); }
-// Hands every byte to the file: a short count is followed by another write,
-// so that a write the kernel split is never taken as the whole.
-void WriteAll(CSysFile& file, const void* data, uint64_t size);
 }  // namespace IMPL
 
-template <class T>
-class CGenericSeekableSource : public TSeekableSource {
+// What the generic forms share: the wrapped object, held by value, and the
+// position operations handed straight to it.
+template <class Base, class T>
+class TWrappingStream : public Base {
 public:
-    explicit CGenericSeekableSource(const T& wrapped) : _obj(wrapped) {}
+    using typename Base::pos;
 
-    const char* GetName() const override { return "Generic Seekable Data Source"; }
+    explicit TWrappingStream(const T& wrapped) : _obj(wrapped) {}
+
     bool IsOpen() const override { return _obj.IsOpen(); }
-    bool IsEof() override { return GetPosition() >= GetSize(); }
-    size_t Read(void* buffer, size_t size) override { return static_cast<size_t>(_obj.Read(buffer, size)); }
-
     pos SeekBegin(const pos& offset) override { return _obj.SeekBegin(offset); }
     pos SeekCurrent(const pos& offset) override { return _obj.SeekCurrent(offset); }
     pos SeekEnd(const pos& offset) override { return _obj.SeekEnd(offset); }
@@ -161,30 +158,31 @@ public:
 
     T& Wrapped() noexcept { return _obj; }
 
-private:
+protected:
     T _obj;
 };
 
 template <class T>
-class CGenericSeekableSink : public TSeekableSink {
+class CGenericSeekableSource : public TWrappingStream<TSeekableSource, T> {
 public:
-    explicit CGenericSeekableSink(const T& wrapped) : _obj(wrapped) {}
+    using TWrappingStream<TSeekableSource, T>::TWrappingStream;
+
+    const char* GetName() const override { return "Generic Seekable Data Source"; }
+    bool IsEof() override { return this->GetPosition() >= this->GetSize(); }
+    size_t Read(void* buffer, size_t size) override { return static_cast<size_t>(this->_obj.Read(buffer, size)); }
+};
+
+template <class T>
+class CGenericSeekableSink : public TWrappingStream<TSeekableSink, T> {
+public:
+    using TWrappingStream<TSeekableSink, T>::TWrappingStream;
 
     const char* GetName() const override { return "Generic Seekable Data Sink"; }
-    bool IsOpen() const override { return _obj.IsOpen(); }
-    size_t Write(const void* data, size_t size) override { return static_cast<size_t>(_obj.Write(data, size)); }
-    void Flush() override { _obj.Flush(); }
-
-    pos SeekBegin(const pos& offset) override { return _obj.SeekBegin(offset); }
-    pos SeekCurrent(const pos& offset) override { return _obj.SeekCurrent(offset); }
-    pos SeekEnd(const pos& offset) override { return _obj.SeekEnd(offset); }
-    pos GetPosition() override { return _obj.GetCurrentPos(); }
-    pos GetSize() override { return IMPL::WrappedSize(_obj); }
-
-    T& Wrapped() noexcept { return _obj; }
-
-private:
-    T _obj;
+    size_t Write(const void* data, size_t size) override
+    {
+        return static_cast<size_t>(this->_obj.Write(data, size));
+    }
+    void Flush() override { this->_obj.Flush(); }
 };
 
 template <class T>

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "registry/regbody.h"
 #include "regtest.h"
 
 #include <unistd.h>
@@ -369,6 +370,33 @@ TEST(RegistryExchange, TreesRoundTripThroughIniAndCsv)
         EXPECT_EQ(code, 18) << b.why;
         EXPECT_EQ(key.GetValueCount() + key.GetSubkeyCount(), 1u) << b.why;  // nothing of a bad text lands
     }
+}
+
+// Text of a non-UTF-8 system goes through its locale's converters; in a
+// UTF-8 locale that path must be the identity, in ASCII lossy as "?".
+TEST(RegistryText, ConvertsThroughTheSystemLocale)
+{
+    const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    const locale_t ascii = newlocale(LC_CTYPE_MASK, "C", nullptr);
+    ASSERT_TRUE(utf8 && ascii);
+    struct Row {
+        const char* why;
+        locale_t locale;
+        stringEx text, toUtf8, fromUtf8;
+    } rows[] = {
+        {"ascii passes", ascii, "plain", "plain", "plain"},
+        {"every length of UTF-8", utf8, "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80", "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80",
+         "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80"},
+        {"an embedded NUL stays", utf8, stringEx("a\0b", 3), stringEx("a\0b", 3), stringEx("a\0b", 3)},
+        {"what ascii cannot hold", ascii, "\xC3\xA9", "??", "?"},
+        {"malformed UTF-8", utf8, "\xFF", "?", "?"},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(IMPL::RegLocaleToUtf8(r.text, r.locale), r.toUtf8) << r.why;
+        EXPECT_EQ(IMPL::RegUtf8ToLocale(r.text, r.locale), r.fromUtf8) << r.why;
+    }
+    freelocale(utf8);
+    freelocale(ascii);
 }
 
 }  // namespace
