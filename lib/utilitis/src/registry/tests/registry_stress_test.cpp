@@ -30,7 +30,7 @@ namespace {
 TEST(RegistryConcurrency, ThreadsReadAndWriteOneTree)
 {
     constexpr int kThreads = 4;
-    constexpr int kRounds = 400;
+    constexpr int kRounds = 1000;
     CFakeRegistry root;
     std::atomic<int> snapshots{0};
     std::atomic<bool> failed{false};
