@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -34,6 +35,27 @@ private:
     friend class CDir;
     std::shared_ptr<DIR> _dir;
 };
+
+// What statvfs tells about the file system that holds a path, in bytes.
+struct SPACE_INFO {
+    uint64_t totalBytes = 0;
+    uint64_t freeBytes = 0;       // including what only the super-user may use
+    uint64_t availableBytes = 0;  // what an ordinary process may still write
+    uint64_t totalFiles = 0;
+    uint64_t freeFiles = 0;
+    uint64_t blockSize = 0;
+};
+
+// One line of the mount table.
+struct STORAGE_INFO {
+    stringEx device;
+    stringEx mountPoint;
+    stringEx fileSystem;
+    stringEx options;
+};
+
+// Writes the new content of a file at the path it is given.
+using TransactionWriter = std::function<void(const stringEx& path)>;
 
 class CDir {
 public:
@@ -80,6 +102,51 @@ public:
     // ---- directories ------------------------------------------------------------------
     static void MakeDir(const stringEx& path, bool recursive = false);
 
+    // ---- directory and file operations ------------------------------------------------
+    // Symbolic links inside a tree are removed, moved and copied as links;
+    // they are never followed into their targets.
+    static void RemoveDir(const stringEx& path, bool removeSubDirs = false, bool removeSubFiles = false);
+    // With force, a file the system refuses is made writable and tried again.
+    static void RemoveFile(const stringEx& path, bool force = false);
+    // A hard link and an unlink; a copy and an unlink where no link can be made.
+    static void TransferFile(const stringEx& source, const stringEx& target, bool overwrite = false,
+                             bool force = false);
+    // Copies through CSysFile and flushes; `keepMode` gives the copy the
+    // source's permission bits.
+    static void DuplicateFile(const stringEx& source, const stringEx& target, bool overwrite = false,
+                              bool keepMode = false);
+    static void TransferDir(const stringEx& source, const stringEx& target);
+    static void DuplicateDir(const stringEx& source, const stringEx& target, bool overwrite = false);
+    // Without arguments and work folder a symbolic link; with them a shell
+    // script at `newPath` that changes to the folder and runs `oldPath`.
+    static void MakeSymbolicLink(const stringEx& oldPath, const stringEx& newPath,
+                                 const stringEx& arguments = stringEx(), const stringEx& workFolder = stringEx());
+    static void MakeHardLink(const stringEx& oldPath, const stringEx& newPath);
+    static uint32_t GetAttributes(const stringEx& path);  // the permission and mode bits
+    static void SetAttributes(const stringEx& path, uint32_t mode);
+    // A name "ka<time in radix>.tmp" in this directory that does not exist yet.
+    stringEx GenTempFileName(uint32_t radix = 36) const;
+    // TMPDIR, or "/tmp/", with a trailing "/".
+    static stringEx GetTempDir();
+    // The full path of a program: a name with a directory part as it stands,
+    // otherwise the first directory of PATH that holds it.
+    static stringEx FindInPath(const stringEx& name);
+    static void GetSpaceInfo(const stringEx& path, SPACE_INFO& info);
+    // Appends the mounted file systems; returns the size of `result`.
+    static uint32_t GetStorageTopology(std::vector<STORAGE_INFO>& result);
+
+    // ---- backups and the transaction write -------------------------------------------
+    // Copies `path` to <name>@<stamp>.<ext> in this directory and keeps the
+    // newest `keepCount` copies; failures while pruning go to the log only.
+    void Backup(const stringEx& path, uint32_t keepCount, bool overwriteMode = false) const;
+    // Moves the newest backup copy back over `path`; false when none could be.
+    bool Restore(const stringEx& path) const;
+    // Where the transaction write parks the old content: the path and ".trs".
+    static stringEx TransactionFileName(const stringEx& path);
+    // Replaces a file's content so that the old content survives in the
+    // transaction file until the new one is whole; see backup.cpp.
+    static void TransactionWrite(const stringEx& path, const TransactionWriter& writer);
+
 private:
     stringEx __Resolve(const stringEx& name) const;
     bool __Next(CDirHandle& handle, stringEx& name, bool includeHidden, bool includeDots, bool files) const;
@@ -88,5 +155,13 @@ private:
 
     stringEx _path;
 };
+
+namespace IMPL {
+// Test seam: when set, called at each step boundary of the transaction write
+// and of a file transfer, so that a test can stop a process at each of them.
+using FileStepHook = void (*)(const char* step);
+void SetFileStepHook(FileStepHook hook) noexcept;
+void FileStep(const char* step);
+}  // namespace IMPL
 
 }  // namespace Karu

@@ -84,4 +84,11 @@ private:
     stringEx _path;
 };
 
+namespace IMPL {
+// Hands every byte to the file: a short count is followed by another write,
+// so that a write the kernel split is never taken as the whole, and a file
+// that takes nothing more raises rather than losing the rest.
+void WriteAll(CSysFile& file, const void* data, uint64_t size);
+}  // namespace IMPL
+
 }  // namespace Karu

@@ -1,0 +1,278 @@
+// Tree and file operations on a scratch directory, the PATH and TMPDIR
+// lookups, backups with their pruning, restore, and the transaction write.
+#include <karu/file/dir.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <string>
+
+using namespace Karu;
+
+namespace {
+
+class Tree {
+public:
+    Tree()
+    {
+        char pattern[] = "/tmp/karu-ops-XXXXXX";
+        root = mkdtemp(pattern);
+    }
+    ~Tree() { std::system(("chmod -R u+w '" + root + "'; rm -rf '" + root + "'").c_str()); }
+    std::string operator/(const std::string& name) const { return root + "/" + name; }
+    stringEx At(const std::string& name) const { return stringEx((*this / name).c_str()); }
+    void Put(const std::string& name, const std::string& content) const
+    {
+        CDir::MakeDir(CDir::GetPathDir(At(name)), true);
+        std::ofstream(*this / name) << content;
+    }
+    std::string Get(const std::string& name) const
+    {
+        std::ifstream in(*this / name);
+        if (!in)
+            return "(missing)";
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    bool Has(const std::string& name) const { return CDir::Exists(At(name)); }
+    std::string root;
+};
+
+std::string Failure(const std::function<void()>& op)
+{
+    try {
+        op();
+    } catch (const karuExp& e) {
+        return e.message.c_str();
+    }
+    return "(nothing raised)";
+}
+
+TEST(DirOps, MovesCopiesRemovesAndLinks)
+{
+    const Tree t;
+    t.Put("a.txt", "alpha");
+    t.Put("b.txt", "beta");
+    t.Put("outside/keep.txt", "keep");
+    t.Put("tree/x.txt", "x");
+    t.Put("tree/.hidden", "h");
+    t.Put("tree/sub/y.txt", "y");
+    ASSERT_EQ(symlink((t / "outside").c_str(), (t / "tree/link").c_str()), 0);
+
+    // Refusals, with their messages.
+    struct Refusal {
+        const char* why;
+        std::function<void()> op;
+        std::string message;
+    } refusals[] = {
+        {"move onto an existing file", [&] { CDir::TransferFile(t.At("a.txt"), t.At("b.txt")); },
+         "CDir::TransferFile - error move file, dest already exists\n  source file       = " + (t / "a.txt") +
+             "\n  destination file  = " + (t / "b.txt") + "\n"},
+        {"copy onto itself", [&] { CDir::DuplicateFile(t.At("a.txt"), t.At("./a.txt"), true); },
+         "CDir::DuplicateFile - error copy file\n  source file       = " + (t / "a.txt") +
+             "\n  destination file  = " + (t / "a.txt") + "\n  error desc        = source and destination are one file\n"},
+        {"tree into itself", [&] { CDir::DuplicateDir(t.At("tree"), t.At("tree/sub/copy")); },
+         "CDir::DuplicateDir - dir nesting found in recursive copy mode\n  source dir        = " + (t / "tree") +
+             "\n  target dir        = " + (t / "tree/sub/copy") + "\n"},
+        {"move onto an existing dir", [&] { CDir::TransferDir(t.At("tree"), t.At("outside")); },
+         "CDir::TransferDir - target dir already exist\n  source dir        = " + (t / "tree") +
+             "\n  target dir        = " + (t / "outside") + "\n"},
+        {"remove a full dir plainly", [&] { CDir::RemoveDir(t.At("tree")); },
+         "CDir::RemoveDir - failed remove specified directory\n  dir to remove     = " + (t / "tree") +
+             "\n  remove sub dirs   = false\n  remove sub files  = false\n  error code        = 39\n"
+             "  error desc        = the directory is not empty\n"},
+        {"nothing to make", [] { CDir::MakeHardLink("", "x"); }, "CDir::MakeHardLink - nothing to make"},
+    };
+    for (const Refusal& r : refusals)
+        EXPECT_EQ(Failure(r.op), r.message) << r.why;
+
+    // A move keeps the file itself (a link, not a copy); overwrite replaces.
+    struct stat before, after;
+    stat((t / "a.txt").c_str(), &before);
+    CDir::TransferFile(t.At("a.txt"), t.At("b.txt"), true);
+    stat((t / "b.txt").c_str(), &after);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_FALSE(t.Has("a.txt"));
+    EXPECT_EQ(t.Get("b.txt"), "alpha");
+
+    CDir::SetAttributes(t.At("b.txt"), 0640);
+    CDir::DuplicateFile(t.At("b.txt"), t.At("c.txt"), false, true);
+    EXPECT_EQ(CDir::GetAttributes(t.At("c.txt")), 0640u);
+    EXPECT_EQ(t.Get("c.txt"), "alpha");
+
+    // Trees: copied and moved with their link as a link, hidden files included.
+    CDir::DuplicateDir(t.At("tree"), t.At("copy"));
+    CDir::TransferDir(t.At("copy"), t.At("moved"));
+    EXPECT_FALSE(t.Has("copy"));
+    EXPECT_EQ(t.Get("moved/sub/y.txt"), "y");
+    EXPECT_EQ(t.Get("moved/.hidden"), "h");
+    struct stat link;
+    ASSERT_EQ(lstat((t / "moved/link").c_str(), &link), 0);
+    EXPECT_TRUE(S_ISLNK(link.st_mode));
+    // Removing a tree removes the link, never what it points to.
+    CDir::RemoveDir(t.At("moved"), true, true);
+    CDir::RemoveDir(t.At("tree"), true, true);
+    EXPECT_FALSE(t.Has("tree"));
+    EXPECT_EQ(t.Get("outside/keep.txt"), "keep");
+
+    // A read-only file goes with force.
+    CDir::SetAttributes(t.At("c.txt"), 0444);
+    CDir::RemoveFile(t.At("c.txt"), true);
+    EXPECT_FALSE(t.Has("c.txt"));
+
+    CDir::MakeHardLink(t.At("b.txt"), t.At("hard.txt"));
+    EXPECT_EQ(t.Get("hard.txt"), "alpha");
+}
+
+TEST(DirOps, LauncherScriptRunsInItsFolderWithItsArguments)
+{
+    const Tree t;
+    t.Put("prog.sh", "#!/bin/sh\npwd > out.txt\necho \"$@\" >> out.txt\n");
+    CDir::SetAttributes(t.At("prog.sh"), 0755);
+    CDir::MakeDir(t.At("work dir"));
+    CDir::MakeSymbolicLink(t.At("prog.sh"), t.At("launch"), "one 'two'", t.At("work dir"));
+    ASSERT_EQ(std::system(("'" + (t / "launch") + "' three").c_str()), 0);
+    EXPECT_EQ(t.Get("work dir/out.txt"), t / "work dir" + "\none two three\n");
+
+    CDir::MakeSymbolicLink("prog.sh", t.At("plain"));  // relative target kept relative
+    char target[64] = {};
+    ASSERT_GT(readlink((t / "plain").c_str(), target, sizeof target - 1), 0);
+    EXPECT_STREQ(target, "prog.sh");
+}
+
+TEST(DirOps, EnvironmentLookupsAndSystemInformation)
+{
+    const Tree t;
+    t.Put("bin1/tool", "1");
+    t.Put("bin2/tool", "2");
+    t.Put("bin2/other", "o");
+    CDir::MakeDir(t.At("bin1/dirname"), true);
+    const std::string savedPath = std::getenv("PATH") ? std::getenv("PATH") : "";
+    setenv("PATH", ((t / "bin1") + ":" + (t / "bin2")).c_str(), 1);
+    struct Row {
+        const char* name;
+        std::string expect;
+    } rows[] = {
+        {"tool", t / "bin1/tool"},      // the first directory wins
+        {"other", t / "bin2/other"},
+        {"dirname", "(missing)"},       // a directory is no program
+        {"nothing", "(missing)"},
+    };
+    for (const Row& r : rows) {
+        std::string found;
+        try {
+            found = CDir::FindInPath(r.name).c_str();
+        } catch (const dirExp& e) {
+            found = "(missing)";
+            EXPECT_EQ(std::string(e.message.c_str()),
+                      std::string("CDir::FindInPath - can't find file in path\n  file name         = ") + r.name +
+                          "\n  environment path  = " + (t / "bin1") + ":" + (t / "bin2") + "\n");
+        }
+        EXPECT_EQ(found, r.expect) << r.name;
+    }
+    setenv("PATH", savedPath.c_str(), 1);
+
+    const char* savedTmp = std::getenv("TMPDIR");
+    const std::string keepTmp = savedTmp ? savedTmp : "";
+    setenv("TMPDIR", t.root.c_str(), 1);
+    EXPECT_EQ(std::string(CDir::GetTempDir().c_str()), t.root + "/");
+    unsetenv("TMPDIR");
+    EXPECT_EQ(CDir::GetTempDir(), stringEx("/tmp/"));
+    if (savedTmp)
+        setenv("TMPDIR", keepTmp.c_str(), 1);
+
+    const CDir dir(t.At(""));
+    const stringEx temp = dir.GenTempFileName(16);
+    EXPECT_TRUE(temp.StartsWith(stringEx((t.root + "/ka").c_str())) && temp.EndsWith(".tmp")) << temp.c_str();
+    EXPECT_FALSE(CDir::Exists(temp));
+    const CDir gone(t.At("gone"), true);
+    CDir::RemoveDir(t.At("gone"));
+    EXPECT_THROW(gone.GenTempFileName(), dirExp);
+
+    SPACE_INFO space;
+    CDir::GetSpaceInfo(t.At(""), space);
+    EXPECT_GT(space.totalBytes, 0u);
+    EXPECT_LE(space.availableBytes, space.totalBytes);
+    std::vector<STORAGE_INFO> mounts;
+    ASSERT_GT(CDir::GetStorageTopology(mounts), 0u);
+    bool hasRoot = false;
+    for (const STORAGE_INFO& m : mounts)
+        hasRoot |= m.mountPoint == stringEx("/");
+    EXPECT_TRUE(hasRoot);
+}
+
+TEST(Backup, KeepsTheNewestAndRestoresThem)
+{
+    const Tree t;
+    const CDir dir(t.At("bak"), true);
+    t.Put("report.txt", "v1");
+    // Five older backups with known stamps.
+    for (const char* stamp : {"20090101_000001", "20090101_000002", "20090101_000003", "20090101_000004",
+                              "20090101_000005"})
+        t.Put(std::string("bak/report@") + stamp + ".txt", stamp);
+    auto backups = [&] {
+        StringVector found;
+        dir.GetAllFiles(found, "report@*.txt", false, true);
+        return found.size();
+    };
+    dir.Backup(t.At("report.txt"), 3);
+    EXPECT_EQ(backups(), 3u);  // the new one and the two newest old ones
+    EXPECT_FALSE(t.Has("bak/report@20090101_000003.txt"));
+    EXPECT_TRUE(t.Has("bak/report@20090101_000005.txt"));
+    dir.Backup(t.At("report.txt"), 3);
+    EXPECT_EQ(backups(), 3u);  // a second backup in the same second makes no copy
+
+    t.Put("report.txt", "v2");
+    EXPECT_TRUE(dir.Restore(t.At("report.txt")));
+    EXPECT_EQ(t.Get("report.txt"), "v1");  // the newest backup, consumed
+    EXPECT_EQ(backups(), 2u);
+    EXPECT_TRUE(dir.Restore(t.At("report.txt")));
+    EXPECT_EQ(t.Get("report.txt"), "20090101_000005");
+
+    dir.Backup(t.At("report.txt"), 0);
+    EXPECT_EQ(backups(), 0u);  // keep 0: no copy, and every old one goes
+    t.Put("report.txt", "v3");
+    EXPECT_FALSE(dir.Restore(t.At("report.txt")));
+    EXPECT_EQ(t.Get("report.txt"), "v3");
+}
+
+TEST(TransactionWrite, OldContentSurvivesAFailedWriter)
+{
+    const Tree t;
+    const stringEx path = t.At("store.bin");
+    auto writing = [](const char* content, bool fail) {
+        return [=](const stringEx& at) {
+            CDir::WriteFile(at, stringEx(content));
+            if (fail)
+                Throw<ioExp>(ExpMessage("writer failed"), 1);
+        };
+    };
+    struct Row {
+        const char* why;
+        const char* content;
+        bool fail;
+        const char* expect;
+    } rows[] = {
+        {"first write fails: nothing stays", "partial", true, "(missing)"},
+        {"first write", "one", false, "one"},
+        {"replacement", "two", false, "two"},
+        {"failed replacement keeps the old", "thr", true, "two"},
+    };
+    for (const Row& r : rows) {
+        const std::string raised = Failure([&] { CDir::TransactionWrite(path, writing(r.content, r.fail)); });
+        EXPECT_EQ(raised, r.fail ? "writer failed" : "(nothing raised)") << r.why;
+        EXPECT_EQ(t.Get("store.bin"), r.expect) << r.why;
+        EXPECT_FALSE(t.Has("store.bin.trs")) << r.why;
+    }
+    // A stale transaction file from an earlier crash does not stop a write.
+    t.Put("store.bin.trs", "stale");
+    CDir::TransactionWrite(path, writing("four", false));
+    EXPECT_EQ(t.Get("store.bin"), "four");
+    EXPECT_FALSE(t.Has("store.bin.trs"));
+}
+
+}  // namespace

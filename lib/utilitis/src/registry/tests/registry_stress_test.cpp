@@ -1,0 +1,204 @@
+// The store under stress: many threads on one tree, and a save killed at
+// every step and at every byte of its file.
+#include <karu/registry/fakeRegistry.h>
+
+#include <karu/file/dir.h>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "regtest.h"
+
+using namespace Karu;
+using namespace Karu::RegTest;
+
+namespace {
+
+// Threads write their own keys, fight over shared ones, remove and recreate
+// subtrees, and read, save, export and reload the tree all the while. Each
+// thread's own counter must end exact, and every snapshot must load again.
+TEST(RegistryConcurrency, ThreadsReadAndWriteOneTree)
+{
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 1000;
+    CFakeRegistry root;
+    std::atomic<int> snapshots{0};
+    std::atomic<bool> failed{false};
+
+    auto worker = [&](int id) {
+        try {
+            CFakeRegistry own = root.ObtainSubkey(stringEx::Format("own\\t%d", id), true);
+            for (int round = 0; round < kRounds; ++round) {
+                uint32_t count = 0;
+                own.ReadValueEx("count", count, uint32_t(0));
+                own.SetValue("count", count + 1);
+
+                const stringEx shared = stringEx::Format("shared\\k%d\\leaf", round % 5);
+                CFakeRegistry leaf = root.ObtainSubkey(shared, true);
+                leaf.SetValue(stringEx::Format("v%d", id), stringEx::Format("round %d", round));
+                leaf.SetValue("set", StringVector{"a", stringEx::Format("%d", id)});
+                if (round % 7 == id)
+                    root.RemoveSubkey(stringEx::Format("shared\\k%d", (round + 1) % 5), true);
+
+                for (uint64_t i = 0;; ++i) {
+                    try {
+                        root.ObtainSubkey("shared").EnumSubkey(i);
+                    } catch (const regExp&) {
+                        break;  // the end, or a key removed under the walk
+                    }
+                }
+                stringEx text;
+                leaf.ReadValueEx(stringEx::Format("v%d", id), text, stringEx());
+                root.IsSubkeyExists(shared);
+
+                if (id == 0 && round % 20 == 0) {
+                    byteEx bytes;
+                    CMemorySink sink(bytes);
+                    root.Save(sink);
+                    CMemorySource source(bytes);
+                    CFakeRegistry copy;
+                    copy.Open(source);
+                    byteEx ini;
+                    CMemorySink iniSink(ini);
+                    root.ExportIni(iniSink);
+                    CMemorySource iniSource(ini);
+                    CFakeRegistry fromIni;
+                    fromIni.ImportIni(iniSource);
+                    ++snapshots;
+                }
+            }
+        } catch (const karuExp& e) {
+            ADD_FAILURE() << "thread " << id << ": " << e.message.c_str();
+            failed = true;
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int id = 0; id < kThreads; ++id)
+        threads.emplace_back(worker, id);
+    for (std::thread& t : threads)
+        t.join();
+
+    ASSERT_FALSE(failed);
+    EXPECT_EQ(snapshots.load(), kRounds / 20);
+    for (int id = 0; id < kThreads; ++id) {
+        uint32_t count = 0;
+        root.ObtainSubkey(stringEx::Format("own\\t%d", id)).ReadValueEx("count", count);
+        EXPECT_EQ(count, static_cast<uint32_t>(kRounds)) << id;
+    }
+}
+
+// ---- crash -----------------------------------------------------------------------------------
+
+int g_killAt = 0;
+int g_steps = 0;
+
+void KillAtStep(const char*)
+{
+    if (++g_steps == g_killAt)
+        raise(SIGKILL);
+}
+
+void KillOnFileLimit(int)
+{
+    raise(SIGKILL);
+}
+
+// Runs a save of `tree` to `path` in a child that `arm` prepares to die;
+// true when the child was killed, false when the save ran to its end.
+template <class Arm>
+bool SaveInChild(CFakeRegistry tree, const stringEx& path, Arm arm)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        arm();
+        try {
+            tree.Save(path);
+        } catch (...) {
+            _exit(2);
+        }
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WIFSIGNALED(status)) {
+        EXPECT_EQ(WTERMSIG(status), SIGKILL);
+        return true;
+    }
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    return false;
+}
+
+TEST(RegistryCrash, AKilledSaveLeavesTheOldOrTheNewContent)
+{
+    char pattern[] = "/tmp/karu-crash-XXXXXX";
+    const std::string dir = mkdtemp(pattern);
+    const stringEx path((dir + "/store.reg").c_str());
+    // Small trees: the new file is cut at every one of its bytes.
+    CFakeRegistry before = RichTree(0);
+    CFakeRegistry after = RichTree(1);
+    after.ObtainSubkey("added", true).SetValue("more", "text that the old tree does not have");
+    const std::string oldDump = Dump(before), newDump = Dump(after);
+    ASSERT_NE(oldDump, newDump);
+
+    // Opens the store the way a restarted program would, says which content
+    // it found, and puts the old content back for the next round.
+    auto reopen = [&] {
+        CFakeRegistry store;
+        store.Open(path);
+        EXPECT_FALSE(CDir::Exists(CDir::TransactionFileName(path)));
+        const std::string found = Dump(store);
+        EXPECT_TRUE(found == oldDump || found == newDump) << FirstDifference(found, newDump);
+        before.Save(path);
+        return found == oldDump ? "old" : found == newDump ? "new" : "mixed";
+    };
+    before.Save(path);
+
+    // Killed at each step boundary of the save, in turn.
+    std::vector<std::string> outcomes;
+    for (int step = 1;; ++step) {
+        const bool killed = SaveInChild(after, path, [step] {
+            g_killAt = step;
+            IMPL::SetFileStepHook(KillAtStep);
+        });
+        const std::string outcome = reopen();
+        if (!killed) {
+            EXPECT_EQ(outcome, "new");
+            break;
+        }
+        outcomes.push_back(outcome);
+    }
+    // begin, stale removed, linked, parked, written, done: old until the new
+    // file is whole, new from there on.
+    EXPECT_EQ(outcomes, (std::vector<std::string>{"old", "old", "old", "old", "new", "new"}));
+
+    // Killed inside the writing of the new file, at every byte.
+    byteEx compiled;
+    CMemorySink sink(compiled);
+    CFakeRegistry(after).Save(sink);
+    std::set<std::string> seen;
+    for (uint64_t cut = 0; cut <= compiled.size(); ++cut) {
+        const bool killed = SaveInChild(after, path, [cut] {
+            signal(SIGXFSZ, KillOnFileLimit);
+            const rlimit limit{cut, cut};
+            setrlimit(RLIMIT_FSIZE, &limit);
+        });
+        const std::string outcome = reopen();
+        EXPECT_EQ(killed, cut < compiled.size()) << "cut at " << cut;
+        EXPECT_EQ(outcome, killed ? "old" : "new") << "cut at " << cut;
+        seen.insert(outcome);
+    }
+    EXPECT_EQ(seen, (std::set<std::string>{"old", "new"}));
+    std::system(("rm -rf '" + dir + "'").c_str());
+}
+
+}  // namespace

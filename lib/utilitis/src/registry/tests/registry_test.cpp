@@ -1,0 +1,402 @@
+// The configuration store: its model and messages, the bytes of its file,
+// trees through save and load and through ini and csv, and damaged input.
+#include <karu/registry/fakeRegistry.h>
+
+#include <karu/file/dir.h>
+#include <karu/stream/isxf.h>
+
+#include <gtest/gtest.h>
+
+#include "registry/regbody.h"
+#include "regtest.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <random>
+#include <string>
+
+using namespace Karu;
+using namespace Karu::RegTest;
+
+namespace {
+
+std::string Message(const std::function<void()>& op, int32_t* code = nullptr)
+{
+    try {
+        op();
+    } catch (const karuExp& e) {
+        if (code)
+            *code = e.code;
+        return e.message.c_str();
+    }
+    return "(nothing raised)";
+}
+
+byteEx Compiled(CFakeRegistry key)
+{
+    byteEx bytes;
+    CMemorySink sink(bytes);
+    key.Save(sink);
+    return bytes;
+}
+
+std::string TempDir()
+{
+    char pattern[] = "/tmp/karu-reg-XXXXXX";
+    return mkdtemp(pattern);
+}
+
+TEST(Registry, KeysValuesAndTheirMessages)
+{
+    CFakeRegistry root;
+    const CFakeRegistry made = root.ObtainSubkey("Software\\Karu", true);
+    EXPECT_TRUE(root.ObtainSubkey("SOFTWARE\\karu").IsSameKey(made));  // one key whatever the case
+    EXPECT_EQ(root.EnumSubkey(0), stringEx("Software"));              // the first spelling stays
+    made.ObtainSubkey("leaf", true).SetValue("x", uint32_t(5));
+    const CFakeRegistry kept = made.ObtainSubkey("leaf");
+
+    struct Row {
+        const char* why;
+        std::function<void()> op;
+        int32_t code;
+        const char* message;
+    } rows[] = {
+        {"missing step", [&] { root.ObtainSubkey("Software\\Nope\\Deeper"); }, 19,
+         "CFakeRegistry::ObtainSubkey - can not find specified subkey\n  next subkey = Nope\n"
+         "  full path   = Software\\Nope\\Deeper\n"},
+        {"enumerate past the end", [&] { root.EnumSubkey(root.GetSubkeyCount()); }, 2,
+         "CFakeRegistry::EnumSubkey - out of index\n  max index       = 0\n  specified index = 1\n"},
+        {"value past the end", [&] { root.EnumValue(0); }, 2,
+         "CFakeRegistry::stValueName - out of index\n  max index       = -1\n  specified index = 0\n"},
+        {"no widening", [&] {
+             uint64_t q;
+             kept.ReadValueEx("x", q);
+         },
+         11,
+         "CFakeRegistry::ReadValueEx - value type missmatch\n  value name   = x\n  expect type  = T_QWORD\n"
+         "  value's type = 4 (dword)\n"},
+        {"text from a number", [&] {
+             stringEx s;
+             kept.ReadValueEx("x", s);
+         },
+         11,
+         "CFakeRegistry::ReadValueEx - value type missmatch\n  value name   = x\n"
+         "  expect type  = T_STRING or T_EXP_STR\n  value's type = 4 (dword)\n"},
+        {"raw read of a missing value", [&] { kept.ReadRawValue("y"); }, 11,
+         "CFakeRegistry::ReadRawValue - failed found specified value\n  value name = y\n"},
+        {"type of a missing value", [&] { kept.GetValueType("y"); }, 19,
+         "CFakeRegistry::GetValueType - failed found specified value\n  value name = y\n"},
+        {"info of a missing key", [&] { root.GetSubkeyInfo("a\\b"); }, 13,
+         "CFakeRegistry::GetSubkeyInfo - specified subkey doesn't exist\n  subkey = a\\b\n"},
+        {"remove a full key plainly", [&] { root.RemoveSubkey("software\\KARU"); }, 8,
+         "CFakeRegistry::RemoveSubkey - failed remove subkey, trying to removing a not empty subkey with out "
+         "recursive\n  subkey name = software\\KARU\n"},
+    };
+    for (const Row& r : rows) {
+        int32_t code = -1;
+        EXPECT_EQ(Message(r.op, &code), r.message) << r.why;
+        EXPECT_EQ(code, r.code) << r.why;
+    }
+
+    const REG_KEY_INFO info = root.GetSubkeyInfo("software\\karu");
+    EXPECT_EQ(info.subkeyCount, 1u);
+    EXPECT_GT(info.writeTime, 0);
+    EXPECT_TRUE(root.RemoveSubkey("Software\\Karu", true));
+    EXPECT_FALSE(root.IsSubkeyExists("Software\\Karu\\leaf"));
+    uint32_t x = 0;
+    kept.ReadValueEx("x", x);  // a removed subtree stays usable through a kept handle
+    EXPECT_EQ(x, 5u);
+    EXPECT_FALSE(root.RemoveSubkey("Software\\Karu"));
+
+    setenv("KARU_REG_TEST", "expanded", 1);
+    root.SetValue("exp", "<${KARU_REG_TEST}|${KARU_REG_UNSET}>", true);
+    stringEx text;
+    root.ReadValueEx("exp", text);
+    EXPECT_EQ(text, stringEx("<expanded|>"));
+    const byteEx raw = root.ReadRawValue("exp");  // the raw form stays unexpanded
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(raw.data()), raw.size()), "<${KARU_REG_TEST}|${KARU_REG_UNSET}>");
+    double fallback = 0;
+    root.ReadValueEx("missing", fallback, 2.5);
+    EXPECT_EQ(fallback, 2.5);
+    EXPECT_TRUE(root.IsDirty());
+    EXPECT_TRUE(root.RemoveValue("exp"));
+    EXPECT_FALSE(root.RemoveValue("exp"));
+}
+
+TEST(RegistryFile, WireBytes)
+{
+    auto with = [](const std::function<void(CFakeRegistry&)>& fill) {
+        CFakeRegistry key;
+        fill(key);
+        return key;
+    };
+    EXPECT_EQ(Hex(Compiled(CFakeRegistry())), "46 52 84 00 00 00 00 00 84 00 00 00 00 ");  // never written to
+
+    // Values: the data items after the name and the type.
+    struct Value {
+        const char* why;
+        std::function<void(CFakeRegistry&)> set;
+        const char* entry;
+    } values[] = {
+        {"false is one void byte", [](auto& k) { k.SetValue("b", false); }, "0a 01 00 00 00 62 8a 08 00 "},
+        {"true is the code alone", [](auto& k) { k.SetValue("b", true); }, "0a 01 00 00 00 62 8a 08 09 "},
+        {"dword 0 is void", [](auto& k) { k.SetValue("d", uint32_t(0)); }, "0a 01 00 00 00 64 8a 04 00 "},
+        {"none has no data item", [](auto& k) { k.SetRawValue("n", T_NONE, byteEx()); },
+         "0a 01 00 00 00 6e 8a 00 "},
+        {"empty name is void", [](auto& k) { k.SetValue("", uint32_t(1)); }, "00 8a 04 03 01 00 00 00 "},
+        {"set with an empty member", [](auto& k) { k.SetValue("s", StringVector{"a", ""}); },
+         "0a 01 00 00 00 73 8a 06 0c 03 00 00 00 61 00 00 "},
+    };
+    for (const Value& v : values) {
+        CFakeRegistry key = with(v.set);
+        const std::string wire = Hex(Compiled(key));
+        // tag, count 1, write time (9 bytes), the entry, subkey count 0
+        const std::string head = "46 52 84 01 00 00 00 05 ";
+        ASSERT_EQ(wire.substr(0, head.size()), head) << v.why;
+        const std::string entry = wire.substr(head.size() + 8 * 3, wire.size() - head.size() - 8 * 3 - 5 * 3);
+        EXPECT_EQ(entry, v.entry) << v.why;
+
+        CFakeRegistry back;
+        byteEx bytes = Compiled(key);
+        CMemorySource source(bytes);
+        back.Open(source);
+        EXPECT_EQ(FirstDifference(Dump(back), Dump(key)), "") << v.why;
+        EXPECT_EQ(back.GetWriteTime(), key.GetWriteTime()) << v.why;
+    }
+    // -0.0 is written as void and so comes back as +0.0.
+    CFakeRegistry key;
+    key.SetValue("f", -0.0);
+    byteEx bytes = Compiled(key);
+    EXPECT_EQ(Hex(bytes).substr(24 + 24, 27), "0a 01 00 00 00 66 8a 07 00 ");
+    CMemorySource source(bytes);
+    key.Open(source);
+    double f = 1;
+    key.ReadValueEx("f", f);
+    EXPECT_FALSE(std::signbit(f));
+    // A write time that is not 0 takes 9 bytes instead of 1.
+    CFakeRegistry stamped;
+    stamped.SetValue("v", true);
+    stamped.RemoveValue("v");
+    EXPECT_EQ(Compiled(stamped).size(), 21u);
+}
+
+TEST(RegistryFile, TreesRoundTripThroughFiles)
+try {
+    const std::string dir = TempDir();
+    const stringEx path((dir + "/sub/dir/store.reg").c_str());
+    CFakeRegistry tree = RichTree(300);
+    tree.Save(path);  // makes the folders
+    EXPECT_FALSE(tree.IsDirty());
+    EXPECT_EQ(tree.GetFilePath(), path);
+
+    CFakeRegistry loaded;
+    loaded.Open(path);
+    EXPECT_FALSE(loaded.IsDirty());
+    EXPECT_EQ(FirstDifference(Dump(loaded), Dump(tree)), "");
+    CFakeRegistry copy;
+    copy.Open(path);
+    EXPECT_TRUE(Compiled(copy) == Compiled(tree));  // byte for byte, write times included
+    EXPECT_EQ(copy.GetFilePath(), stringEx());       // a save to a sink forgets the file
+
+    // A second save, to the recorded path, replaces the first through the
+    // transaction file.
+    loaded.SetValue("added", uint32_t(1));
+    loaded.Save();
+    EXPECT_FALSE(CDir::Exists(path + ".trs"));
+    CFakeRegistry again;
+    again.Open(path);
+    EXPECT_TRUE(again.IsValueExists("added"));
+
+    // Too deep a tree is refused, not written.
+    CFakeRegistry deep = RichTree(600);
+    int32_t code = 0;
+    EXPECT_EQ(Message([&] { Compiled(deep); }, &code), "RegCompile - key nesting too deep\n  max depth = 512\n");
+    EXPECT_EQ(code, 3);
+
+    CFakeRegistry created;
+    created.Open(stringEx((dir + "/new/one.reg").c_str()), true);
+    EXPECT_EQ(created.GetSubkeyCount() + created.GetValueCount(), 0u);
+    EXPECT_TRUE(CDir::IsDir(stringEx((dir + "/new").c_str())));
+    EXPECT_EQ(Message([&] { created.Open(stringEx((dir + "/none.reg").c_str())); }).substr(0, 60),
+              std::string("CFakeRegistry::Open - failed open file\n  file name = ") + dir.substr(0, 7));
+
+    CFakeRegistry limited = RichTree(3);
+    limited.SetMaxSize(40);
+    EXPECT_EQ(Message([&] { Compiled(limited); }).substr(0, 101),
+              "RegCompile - io failed when trying compile fake registry\n@ CISXFBasic::_CheckBound - buffer "
+              "overflow\n");
+    std::system(("rm -rf '" + dir + "'").c_str());
+} catch (const karuExp& e) {
+    FAIL() << e.message.c_str();
+}
+
+// Nested keys written by hand: a chain of `levels` subkeys named "".
+byteEx Nested(int levels)
+{
+    byteEx key(reinterpret_cast<const unsigned char*>("FR\x84\0\0\0\0\0\x84\0\0\0\0"), 13);
+    for (int i = 0; i < levels; ++i) {
+        byteEx outer(reinterpret_cast<const unsigned char*>("FR\x84\0\0\0\0\0\x84\1\0\0\0\0\x0c"), 15);
+        const uint32_t size = static_cast<uint32_t>(key.size());
+        outer.append(reinterpret_cast<const unsigned char*>(&size), 4);
+        outer.append(key);
+        key = outer;
+    }
+    return key;
+}
+
+TEST(RegistryFile, DamagedFilesNeverLoadInPart)
+{
+    const byteEx whole = Compiled(RichTree(20));
+    auto load = [](const byteEx& bytes, CFakeRegistry& key) {
+        byteEx copy(bytes.data(), bytes.size());
+        CMemorySource source(copy);
+        return Message([&] { key.Open(source); });
+    };
+    struct Row {
+        const char* why;
+        byteEx file;
+        const char* message;
+    } rows[] = {
+        {"one byte", byteEx(reinterpret_cast<const unsigned char*>("F"), 1), "RegParse - invalid tag"},
+        {"wrong tag", byteEx(reinterpret_cast<const unsigned char*>("RF\x84\0\0\0\0\0\x84\0\0\0\0"), 13),
+         "RegParse - invalid tag"},
+        {"body ends early", byteEx(reinterpret_cast<const unsigned char*>("FR\x84\0\0"), 5),
+         "RegParse - io failed when trying parsing fake registry\n@ CISXFBasic::_CheckBound - buffer overflow\n"
+         "  expected size = 4\n  check bound   = -2\n"},
+        {"invalid type", byteEx(reinterpret_cast<const unsigned char*>("FR\x84\1\0\0\0\0\0\x8a\x09"), 11),
+         "RegParseValues - invalid type : 9"},
+        {"nested too deep", Nested(600), "RegParse - key nesting too deep\n  max depth = 512\n"},
+    };
+    for (const Row& r : rows) {
+        CFakeRegistry key = RichTree(1);
+        EXPECT_EQ(load(r.file, key), r.message) << r.why;
+        EXPECT_EQ(key.GetValueCount() + key.GetSubkeyCount(), 0u) << r.why;  // emptied, not half loaded
+    }
+    CFakeRegistry deepest;
+    EXPECT_EQ(load(Nested(512), deepest), "(nothing raised)");
+
+    // Every cut of a real file fails as a whole.
+    for (size_t cut = 0; cut < whole.size(); ++cut) {
+        CFakeRegistry key;
+        const std::string message = load(byteEx(whole.data(), cut), key);
+        EXPECT_NE(message, "(nothing raised)") << "cut at " << cut;
+        EXPECT_EQ(key.GetValueCount() + key.GetSubkeyCount(), 0u) << "cut at " << cut;
+    }
+    // Random damage loads or fails, and never crashes.
+    std::mt19937 random(11);
+    for (int trial = 0; trial < 3000; ++trial) {
+        byteEx damaged(whole.data(), whole.size());
+        unsigned char* units = damaged.MutableData();
+        for (int flips = 1 + trial % 4; flips > 0; --flips)
+            units[random() % damaged.size()] ^= static_cast<unsigned char>(1u << (random() % 8));
+        CFakeRegistry key;
+        if (load(damaged, key) != "(nothing raised)") {
+            EXPECT_EQ(key.GetValueCount() + key.GetSubkeyCount(), 0u) << "trial " << trial;
+        }
+    }
+}
+
+std::string Exported(const CFakeRegistry& key, bool csv)
+{
+    byteEx bytes;
+    CMemorySink sink(bytes);
+    csv ? key.ExportCsv(sink) : key.ExportIni(sink);
+    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+std::string Imported(CFakeRegistry& key, const std::string& text, bool csv)
+{
+    byteEx bytes(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    CMemorySource source(bytes);
+    return Message([&] { csv ? key.ImportCsv(source) : key.ImportIni(source); });
+}
+
+TEST(RegistryExchange, TreesRoundTripThroughIniAndCsv)
+{
+    const CFakeRegistry tree = RichTree(30);
+    for (bool csv : {false, true}) {
+        CFakeRegistry back;
+        EXPECT_EQ(Imported(back, Exported(tree, csv), csv), "(nothing raised)") << csv;
+        EXPECT_EQ(FirstDifference(Dump(back), Dump(tree)), "") << (csv ? "csv" : "ini");
+    }
+
+    CFakeRegistry small;
+    small.SetValue("text", "a\nb");
+    small.SetValue("nothing", byteEx());
+    small.ObtainSubkey("sub\\leaf", true).SetValue("on", true);
+    EXPECT_EQ(Exported(small, false),
+              "\n[]\nnothing:BLOB=\ntext:STRING=a~nb\n\n[sub]\n\n[sub\\leaf]\non:BOOL=true\n");
+    EXPECT_EQ(Exported(small, true), "KEY,,\nBLOB,nothing,\nSTRING,text,a~nb\nKEY,sub,\nKEY,sub\\leaf,\nBOOL,on,true\n");
+
+    CFakeRegistry lower;
+    EXPECT_EQ(Imported(lower, "; comment\n[a]\r\nx:dword=12\r\n\ny:string_set=p;q~s;\n", false), "(nothing raised)");
+    uint32_t x = 0;
+    lower.ObtainSubkey("a").ReadValueEx("x", x);
+    EXPECT_EQ(x, 12u);
+    StringVector set;
+    lower.ObtainSubkey("a").ReadValueEx("y", set);
+    EXPECT_EQ(set, (StringVector{"p", "q;"}));
+
+    struct Bad {
+        const char* why;
+        std::string text;
+        bool csv;
+        const char* cause;
+    } bad[] = {
+        {"unknown tag", "[k]\nv:WORD=1\n", false, "RegImport - unknown type tag\n  line = 2\n  text = WORD\n"},
+        {"dword too big", "v:DWORD=4294967296\n", false,
+         "RegImport - dword that is no decimal number of 32 bits\n  line = 1\n  text = 4294967296\n"},
+        {"no type", "just text\n", false,
+         "RegImport - line is neither a section nor name:TYPE=value\n  line = 1\n  text = just text\n"},
+        {"bad escape", "v:STRING=~x\n", false, "RegImport - unknown escape\n  line = 1\n  text = ~x\n"},
+        {"odd blob", "BLOB,b,abc\n", true,
+         "RegImport - blob with an odd number of digits\n  line = 1\n  text = abc\n"},
+        {"four columns", "BOOL,b,true,x\n", true,
+         "RegImport - row without the three columns type, name and value\n  line = 1\n  text = BOOL\n"},
+    };
+    for (const Bad& b : bad) {
+        CFakeRegistry key;
+        key.SetValue("kept", true);
+        const std::string head = b.csv ? "CFakeRegistry::ImportCsv - failed import from csv\n@ "
+                                       : "CFakeRegistry::ImportIni - failed import from ini\n@ ";
+        int32_t code = 0;
+        byteEx bytes(reinterpret_cast<const unsigned char*>(b.text.data()), b.text.size());
+        CMemorySource source(bytes);
+        EXPECT_EQ(Message([&] { b.csv ? key.ImportCsv(source) : key.ImportIni(source); }, &code), head + b.cause)
+            << b.why;
+        EXPECT_EQ(code, 18) << b.why;
+        EXPECT_EQ(key.GetValueCount() + key.GetSubkeyCount(), 1u) << b.why;  // nothing of a bad text lands
+    }
+}
+
+// Text of a non-UTF-8 system goes through its locale's converters; in a
+// UTF-8 locale that path must be the identity, in ASCII lossy as "?".
+TEST(RegistryText, ConvertsThroughTheSystemLocale)
+{
+    const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    const locale_t ascii = newlocale(LC_CTYPE_MASK, "C", nullptr);
+    ASSERT_TRUE(utf8 && ascii);
+    struct Row {
+        const char* why;
+        locale_t locale;
+        stringEx text, toUtf8, fromUtf8;
+    } rows[] = {
+        {"ascii passes", ascii, "plain", "plain", "plain"},
+        {"every length of UTF-8", utf8, "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80", "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80",
+         "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80"},
+        {"an embedded NUL stays", utf8, stringEx("a\0b", 3), stringEx("a\0b", 3), stringEx("a\0b", 3)},
+        {"what ascii cannot hold", ascii, "\xC3\xA9", "??", "?"},
+        {"malformed UTF-8", utf8, "\xFF", "?", "?"},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(IMPL::RegLocaleToUtf8(r.text, r.locale), r.toUtf8) << r.why;
+        EXPECT_EQ(IMPL::RegUtf8ToLocale(r.text, r.locale), r.fromUtf8) << r.why;
+    }
+    freelocale(utf8);
+    freelocale(ascii);
+}
+
+}  // namespace
