@@ -18,18 +18,6 @@
 namespace Karu {
 namespace {
 
-void WriteAll(CSysFile& file, const void* data, uint64_t size)
-{
-    const char* bytes = static_cast<const char*>(data);
-    while (size > 0) {
-        const uint64_t put = file.Write(bytes, size);
-        if (put == 0)
-            break;
-        bytes += put;
-        size -= put;
-    }
-}
-
 void WriteBytes(const stringEx& path, const void* data, uint64_t size, bool flush, bool append) try {
     if (path.empty())
         Throw<dirExp>(ExpMessage("CDir::WriteFile - write what ?"), 2);
@@ -41,7 +29,7 @@ void WriteBytes(const stringEx& path, const void* data, uint64_t size, bool flus
         file.SeekBegin(0);
         file.ResizeToCurrentPos();
     }
-    WriteAll(file, data, size);
+    IMPL::WriteAll(file, data, size);
     if (flush)
         file.Flush();
     file.Close();
