@@ -1,0 +1,152 @@
+// Literal replace in both forms and both widths, written once against the
+// two searches of the string layer and instantiated for char and wchar_t.
+//
+// The copying form sizes its destination once from a guess of how many
+// matches the text holds; the guess only sets the starting capacity, and the
+// appends grow the buffer past it when the text holds more. The in-place
+// form grows its text by the growing reserve, so that a run of replacements
+// that each lengthen the text costs amortised constant reallocation.
+//
+// Aliasing: the caller may pass the same object for several arguments (the
+// replace text being the text itself, say). Every routine first takes its
+// own references to its inputs; a write into the text then detaches it from
+// them, so each input is still intact when it is read.
+#include <karu/string/replace.h>
+
+#include <cstring>
+
+namespace Karu {
+
+namespace {
+
+// A match is assumed about once per this many units when sizing the copy.
+constexpr double kUnitsPerMatchGuess = 70.0;
+
+struct CaseSensitive {
+    template <class T>
+    static uint64_t Next(const basic_string_ex<T>& text, const basic_string_ex<T>& find, uint64_t from) noexcept
+    {
+        return Find<T>(text, find, from);
+    }
+};
+
+struct CaseBlind {
+    template <class T>
+    static uint64_t Next(const basic_string_ex<T>& text, const basic_string_ex<T>& find, uint64_t from) noexcept
+    {
+        return FindNoCase<T>(text, find, from);
+    }
+};
+
+template <class Search, class T>
+uint32_t CopyReplacing(const basic_string_ex<T>& sourceArg, basic_string_ex<T>& dest,
+                       const basic_string_ex<T>& findArg, const basic_string_ex<T>& replaceArg, uint64_t start)
+{
+    const basic_string_ex<T> source = sourceArg, find = findArg, replace = replaceArg;
+    dest.clear();
+    const uint64_t n = source.size(), f = find.size(), r = replace.size();
+    if (n <= start || f == 0)
+        return 0;
+
+    uint64_t expected = n;
+    if (f < r)
+        expected = static_cast<uint64_t>(static_cast<double>(r) / static_cast<double>(f) * static_cast<double>(n) /
+                                             kUnitsPerMatchGuess +
+                                         static_cast<double>(n));
+    dest.ReserveExact(expected + 1);
+
+    uint32_t count = 0;
+    uint64_t copied = 0;
+    for (uint64_t pos = start;;) {
+        const uint64_t match = Search::Next(source, find, pos);
+        if (match == basic_string_ex<T>::npos)
+            break;
+        if (match > copied)
+            dest.append(source.data() + copied, match - copied);
+        dest.append(replace);
+        ++count;
+        pos = copied = match + f;
+        if (pos >= n || n - pos < f)
+            break;
+    }
+    if (copied < n)
+        dest.append(source.data() + copied, n - copied);
+    return count;
+}
+
+template <class Search, class T>
+uint32_t ReplaceInText(basic_string_ex<T>& text, const basic_string_ex<T>& findArg,
+                       const basic_string_ex<T>& replaceArg, uint64_t start, bool all)
+{
+    const basic_string_ex<T> find = findArg, replace = replaceArg;
+    const uint64_t f = find.size(), r = replace.size();
+    if (text.size() <= start || f == 0)
+        return 0;
+
+    uint32_t count = 0;
+    for (uint64_t pos = start;;) {
+        const uint64_t match = Search::Next(text, find, pos);
+        if (match == basic_string_ex<T>::npos)
+            return count;
+        const uint64_t size = text.size();
+        const uint64_t m = std::min(f, size - match);
+        const uint64_t newSize = size + r - m;
+        text.MakeOwn();
+        text.ReserveGrow(newSize + 1);
+        T* units = text.GetBuffer(newSize);
+        if (m != r)
+            std::memmove(units + match + r, units + match + m, (size - match - m) * sizeof(T));
+        if (r)
+            std::memcpy(units + match, replace.data(), r * sizeof(T));
+        text.SetSize(newSize);
+        ++count;
+        if (!all || newSize <= match + r)
+            return count;
+        pos = match + r;
+    }
+}
+
+}  // namespace
+
+template <class T>
+uint32_t ReplaceCopy(const basic_string_ex<T>& source, basic_string_ex<T>& dest, const basic_string_ex<T>& find,
+                     const basic_string_ex<T>& replace, uint64_t start)
+{
+    return CopyReplacing<CaseSensitive>(source, dest, find, replace, start);
+}
+
+template <class T>
+uint32_t ReplaceCopyNoCase(const basic_string_ex<T>& source, basic_string_ex<T>& dest,
+                           const basic_string_ex<T>& find, const basic_string_ex<T>& replace, uint64_t start)
+{
+    return CopyReplacing<CaseBlind>(source, dest, find, replace, start);
+}
+
+template <class T>
+uint32_t ReplaceInPlace(basic_string_ex<T>& text, const basic_string_ex<T>& find, const basic_string_ex<T>& replace,
+                        uint64_t start, bool all)
+{
+    return ReplaceInText<CaseSensitive>(text, find, replace, start, all);
+}
+
+template <class T>
+uint32_t ReplaceInPlaceNoCase(basic_string_ex<T>& text, const basic_string_ex<T>& find,
+                              const basic_string_ex<T>& replace, uint64_t start, bool all)
+{
+    return ReplaceInText<CaseBlind>(text, find, replace, start, all);
+}
+
+#define KARU_REPLACE_INSTANCES(T)                                                                                \
+    template uint32_t ReplaceCopy<T>(const basic_string_ex<T>&, basic_string_ex<T>&, const basic_string_ex<T>&, \
+                                     const basic_string_ex<T>&, uint64_t);                                       \
+    template uint32_t ReplaceCopyNoCase<T>(const basic_string_ex<T>&, basic_string_ex<T>&,                      \
+                                           const basic_string_ex<T>&, const basic_string_ex<T>&, uint64_t);      \
+    template uint32_t ReplaceInPlace<T>(basic_string_ex<T>&, const basic_string_ex<T>&, const basic_string_ex<T>&, \
+                                        uint64_t, bool);                                                         \
+    template uint32_t ReplaceInPlaceNoCase<T>(basic_string_ex<T>&, const basic_string_ex<T>&,                    \
+                                              const basic_string_ex<T>&, uint64_t, bool);
+
+KARU_REPLACE_INSTANCES(char)
+KARU_REPLACE_INSTANCES(wchar_t)
+
+}  // namespace Karu
