@@ -5,16 +5,16 @@
 // escapes substituted, and in regular-expression mode the pattern compiled.
 #pragma once
 
-#include <memory>
 #include <vector>
 
+#include <karu/regex/regexFront.h>
 #include <karu/string/stringEx.h>
 
 namespace Karu {
 
 // A compiled pattern, shared by all copies of its pair; null when the pair
 // is literal or its pattern did not compile (such a pair matches nothing).
-using PairPattern = std::shared_ptr<const void>;
+using PairPattern = RegexHandle;
 
 struct REPLACE_PAIR {
     wstringEx find;
