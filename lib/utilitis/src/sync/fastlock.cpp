@@ -49,33 +49,57 @@ CSem::~CSem() noexcept(false)
 
 void CSem::P()
 {
-    while (sem_wait(&_sem) != 0) {
-        if (errno == EINTR)
-            continue;
-        RaiseSem("CSem::P - failed P a semaphore\n", errno,
-                 {{EINVAL, "current object is not a valid semaphore"}, {EDEADLK, "deadlock detected"}}, 4);
-    }
+    IMPL::SemP(&_sem, "CSem::P - failed P a semaphore\n");
 }
 
 bool CSem::TryP()
 {
-    while (sem_trywait(&_sem) != 0) {
-        if (errno == EINTR)
-            continue;
-        if (errno == EAGAIN)
-            return false;
-        RaiseSem("CSem::P - failed P a semaphore\n", errno,
-                 {{EINVAL, "current object is not a valid semaphore"}, {EDEADLK, "deadlock detected"}}, 4);
-    }
-    return true;
+    return IMPL::SemTryP(&_sem, "CSem::P - failed P a semaphore\n");
 }
 
 bool CSem::TimedP(uint32_t milliseconds)
 {
+    return IMPL::SemTimedP(&_sem, milliseconds, "CSem::P - failed P a semaphore\n");
+}
+
+void CSem::V(unsigned count)
+{
+    IMPL::SemV(&_sem, count, "CSem::V - failed V a semaphore\n");
+}
+
+// ---- the calls shared with the named semaphore ----------------------------------
+
+namespace IMPL {
+
+void SemP(sem_t* sem, const char* head)
+{
+    while (sem_wait(sem) != 0) {
+        if (errno == EINTR)
+            continue;
+        RaiseSem(head, errno, {{EINVAL, "current object is not a valid semaphore"}, {EDEADLK, "deadlock detected"}},
+                 4);
+    }
+}
+
+bool SemTryP(sem_t* sem, const char* head)
+{
+    while (sem_trywait(sem) != 0) {
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN)
+            return false;
+        RaiseSem(head, errno, {{EINVAL, "current object is not a valid semaphore"}, {EDEADLK, "deadlock detected"}},
+                 4);
+    }
+    return true;
+}
+
+bool SemTimedP(sem_t* sem, uint32_t milliseconds, const char* head)
+{
     if (milliseconds == 0)
-        return TryP();
-    if (milliseconds == kInfinite) {
-        P();
+        return SemTryP(sem, head);
+    if (milliseconds == CSem::kInfinite) {
+        SemP(sem, head);
         return true;
     }
     timespec deadline;
@@ -86,7 +110,7 @@ bool CSem::TimedP(uint32_t milliseconds)
         deadline.tv_sec += 1;
         deadline.tv_nsec -= 1000000000;
     }
-    while (sem_timedwait(&_sem, &deadline) != 0) {
+    while (sem_timedwait(sem, &deadline) != 0) {
         if (errno == EINTR)
             continue;  // the deadline is absolute, so a restart keeps it
         if (errno == ETIMEDOUT)
@@ -97,15 +121,17 @@ bool CSem::TimedP(uint32_t milliseconds)
     return true;
 }
 
-void CSem::V(unsigned count)
+void SemV(sem_t* sem, unsigned count, const char* head)
 {
     for (unsigned i = 0; i < count; ++i)
-        if (sem_post(&_sem) != 0)
-            RaiseSem("CSem::V - failed V a semaphore\n", errno,
+        if (sem_post(sem) != 0)
+            RaiseSem(head, errno,
                      {{EINVAL, "current object is not a valid semaphore"},
                       {EOVERFLOW, "the maximum allowable value for a semaphore would be exceeded"}},
                      5);
 }
+
+}  // namespace IMPL
 
 // ---- FAST_PCLOCK -------------------------------------------------------------------
 

@@ -48,6 +48,15 @@ private:
     sem_t _sem;
 };
 
+namespace IMPL {
+// The semaphore calls of CSem and CProcSem; `head` names the operation in a
+// failure's message. Waits restart after a signal.
+void SemP(sem_t* sem, const char* head);
+bool SemTryP(sem_t* sem, const char* head);
+bool SemTimedP(sem_t* sem, uint32_t milliseconds, const char* head);
+void SemV(sem_t* sem, unsigned count, const char* head);
+}  // namespace IMPL
+
 // The calling thread's identity as the locks store it (never 0).
 uint64_t CurrentThreadIdentity() noexcept;
 

@@ -1,0 +1,329 @@
+// Named shared-memory objects and their mappings; see shmem.h.
+//
+// Every call loops on EINTR. A failure after the object was created (sizing,
+// mapping) removes the name again, so that a failed set-up leaves nothing
+// behind for the next process to trip over.
+#include <karu/misc/shmem.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cwchar>
+
+namespace Karu {
+namespace {
+
+constexpr mode_t kObjectPermissions = 0666;
+
+const ErrnoTable kOpenErrors = {
+    {EACCES, "access denied"},
+    {ENOENT, "the shared memory object does not exist"},
+    {EMFILE, "too many file descriptors are currently in use by this process"},
+    {ENFILE, "too many shared memory objects are currently open in the system"},
+    {EINVAL, "unsupport name"},
+    {EEXIST, "the shared memory object already exists"},
+    {ENAMETOOLONG, "name is too long"},
+    {EOPNOTSUPP, "the request mode does not supported"},
+    {ENOSPC, "there is insufficient space for the creation of the new shared memory object"},
+};
+
+const ErrnoTable kMapErrors = {
+    {ENOTSUP, "the request flags does not supported in this system"},
+    {EAGAIN, "mapping could not be locked in memory due to a lack of resources"},
+    {EMFILE, "too many mapped regions"},
+    {EINVAL, "invalid size, address, or flags argument"},
+    {ENODEV, "the device of the descriptor does not support memory mapping"},
+    {EACCES, "access denied"},
+    {ENOMEM, "insufficient memory"},
+    {EBADF, "invalid descriptor"},
+};
+
+stringEx SlashName(const stringEx& name)
+{
+    if (!name.empty() && name[0] == '/')
+        return stringEx(name.data(), name.size());
+    stringEx out("/");
+    out += name;
+    return out;
+}
+
+int OpenFlags(uint32_t flag)
+{
+    switch (flag) {
+    case kAccessRead:
+    case kAccessReadExec:
+        return O_RDONLY;
+    case kAccessWrite:  // a mapping cannot be write-only; the descriptor reads too
+    default:
+        return O_RDWR;
+    }
+}
+
+int Protection(uint32_t access)
+{
+    switch (access) {
+    case kAccessRead:
+        return PROT_READ;
+    case kAccessWrite:
+        return PROT_WRITE;
+    case kAccessReadExec:
+        return PROT_READ | PROT_EXEC;
+    default:
+        return PROT_READ | PROT_WRITE;
+    }
+}
+
+int ShmOpen(const stringEx& name, int flags)
+{
+    int fd;
+    do {
+        fd = shm_open(name.c_str(), flags, kObjectPermissions);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+[[noreturn]] void RaiseOpen(const char* head, const stringEx& name, uint32_t flag, int error)
+{
+    Throw<shmemExp>(ExpMessage(head)
+                        .Detail("smo name", name)
+                        .Detail("flag", int64_t(flag))
+                        .Detail("access mode", int64_t(OpenFlags(flag)))
+                        .Errno(error, kOpenErrors),
+                    1);
+}
+
+uint64_t DescriptorSize(int fd)
+{
+    struct stat info {};
+    return fstat(fd, &info) == 0 ? uint64_t(info.st_size) : 0;
+}
+
+void Map(SMO_HANDLE& handle, uint32_t access, void* address)
+{
+    const int protection = Protection(access);
+    void* mapped = mmap(address, handle.size, protection, MAP_SHARED, handle.fd, 0);
+    if (mapped != MAP_FAILED) {
+        handle.address = mapped;
+        return;
+    }
+    const int error = errno;
+    const stringEx name = handle.name;
+    if (handle.Created()) {
+        handle.created = stringEx();
+        try {
+            CloseAndRemoveSharedMemoryObject(handle, name);
+        } catch (const karuExp&) {
+            // the mapping failure is the one worth reporting
+        }
+    } else {
+        close(handle.fd);  // an opener leaves the name to its creator
+        handle.fd = -1;
+    }
+    Throw<shmemExp>(ExpMessage("SetupMapView - failed create memory view\n")
+                        .Detail("smo name", name)
+                        .Detail("size", int64_t(handle.size))
+                        .Detail("address arg", stringEx::Format("%p", address))
+                        .Detail("protection", int64_t(protection))
+                        .Detail("flags", int64_t(MAP_SHARED))
+                        .Errno(error, kMapErrors),
+                    3);
+}
+
+}  // namespace
+
+stringEx SysNarrow(const wchar_t* text)
+{
+    stringEx out;
+    if (!text)
+        return out;
+    mbstate_t state{};
+    char bytes[MB_LEN_MAX];
+    for (; *text; ++text) {
+        const size_t made = wcrtomb(bytes, *text, &state);
+        if (made == static_cast<size_t>(-1)) {
+            out += '?';  // no byte form in this locale
+            state = mbstate_t{};
+        } else {
+            out.append(bytes, made);
+        }
+    }
+    return out;
+}
+
+stringEx SysNarrow(const wstringEx& text)
+{
+    return SysNarrow(wstringEx(text.data(), text.size()).c_str());
+}
+
+wstringEx SysWiden(const stringEx& text)
+{
+    wstringEx out;
+    mbstate_t state{};
+    for (uint64_t at = 0; at < text.size();) {
+        wchar_t c;
+        const size_t used = mbrtowc(&c, text.data() + at, text.size() - at, &state);
+        if (used == static_cast<size_t>(-1) || used == static_cast<size_t>(-2)) {
+            out += wchar_t(static_cast<unsigned char>(text[at]));  // keep the byte's value
+            ++at;
+            state = mbstate_t{};
+            continue;
+        }
+        out += c;
+        at += used ? used : 1;
+    }
+    return out;
+}
+
+bool CreateSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t flag, uint64_t size)
+{
+    const stringEx path = SlashName(name);
+    const int flags = OpenFlags(flag);
+    bool created = false;
+    int fd = ShmOpen(path, flags);
+    if (fd < 0) {
+        // O_EXCL tells the creator apart when two processes arrive together;
+        // the loser of that race opens what the winner made.
+        fd = ShmOpen(path, flags | O_CREAT | O_EXCL);
+        if (fd >= 0)
+            created = true;
+        else if (errno == EEXIST)
+            fd = ShmOpen(path, flags);
+        if (fd < 0)
+            RaiseOpen("CreateSharedMemoryObject - failed create shared memory object\n", path, flag, errno);
+    }
+    if (created && size > 0) {
+        int result;
+        do {
+            result = ftruncate(fd, static_cast<off_t>(size));
+        } while (result != 0 && errno == EINTR);
+        if (result != 0) {
+            const int error = errno;
+            close(fd);
+            shm_unlink(path.c_str());
+            Throw<shmemExp>(ExpMessage("CreateSharedMemoryObject - failed set the size of shared memory object\n")
+                                .Detail("smo name", path)
+                                .Detail("smo size", int64_t(size))
+                                .Detail("flag", int64_t(flag))
+                                .Detail("access mode", int64_t(flags))
+                                .Errno(error, {}),
+                            1);
+        }
+    }
+    handle.fd = fd;
+    handle.address = nullptr;
+    handle.size = created ? size : DescriptorSize(fd);
+    handle.created = created ? path : stringEx();
+    handle.name = path;
+    return created;
+}
+
+void OpenSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t flag)
+{
+    const stringEx path = SlashName(name);
+    const int fd = ShmOpen(path, OpenFlags(flag));
+    if (fd < 0)
+        RaiseOpen("OpenSharedMemoryObject - failed create shared memory object\n", path, flag, errno);
+    handle.fd = fd;
+    handle.address = nullptr;
+    handle.size = DescriptorSize(fd);
+    handle.created = stringEx();
+    handle.name = path;
+}
+
+void CloseAndRemoveSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name)
+{
+    const stringEx path = SlashName(name);
+    if (handle.fd >= 0) {
+        const int fd = handle.fd;
+        handle.fd = -1;
+        // Linux frees the descriptor even when close is interrupted.
+        if (close(fd) != 0 && errno != EINTR)
+            Throw<shmemExp>(ExpMessage("CloseAndRemoveSharedMemoryObject - failed close shared memory object\n")
+                                .Detail("smo name", path)
+                                .Errno(errno, {{EBADF, "invalid smo descriptor"}, {EIO, "io error occurred"}}),
+                            2);
+    }
+    if (shm_unlink(path.c_str()) != 0 && errno != ENOENT)
+        Throw<shmemExp>(ExpMessage("CloseAndRemoveSharedMemoryObject - failed remove shared memory object\n")
+                            .Detail("smo name", path)
+                            .Errno(errno, {{EACCES, "access denied"}, {ENAMETOOLONG, "name is too long"}}),
+                        2);
+}
+
+bool SetupMapView(SMO_HANDLE& handle, const stringEx& name, uint64_t size, uint32_t access, void* address)
+{
+    const bool created = CreateSharedMemoryObject(handle, name, access, size);
+    if (!created && handle.size < size) {
+        // The creator may not have sized it yet; map what the caller needs.
+        handle.size = size;
+    }
+    Map(handle, access, address);
+    return created;
+}
+
+bool SetupMapView(SMO_HANDLE& handle, const wstringEx& name, uint64_t size, uint32_t access, void* address)
+{
+    return SetupMapView(handle, SysNarrow(name), size, access, address);
+}
+
+bool SetupMapView(SMO_HANDLE& handle, const char* name, uint64_t size, uint32_t access, void* address)
+{
+    return SetupMapView(handle, stringEx(name), size, access, address);
+}
+
+bool SetupMapView(SMO_HANDLE& handle, const wchar_t* name, uint64_t size, uint32_t access, void* address)
+{
+    return SetupMapView(handle, SysNarrow(name), size, access, address);
+}
+
+void OpenMapView(SMO_HANDLE& handle, const stringEx& name, uint32_t access, void* address)
+{
+    OpenSharedMemoryObject(handle, name, access);
+    if (handle.size == 0) {
+        close(handle.fd);
+        handle.fd = -1;
+        Throw<shmemExp>(ExpMessage("SetupMapView - failed create memory view\n")
+                            .Detail("smo name", handle.name)
+                            .Detail("size", int64_t(0))
+                            .Errno(EINVAL, kMapErrors),
+                        3);
+    }
+    Map(handle, access, address);
+}
+
+void OpenMapView(SMO_HANDLE& handle, const wstringEx& name, uint32_t access, void* address)
+{
+    OpenMapView(handle, SysNarrow(name), access, address);
+}
+
+void OpenMapView(SMO_HANDLE& handle, const char* name, uint32_t access, void* address)
+{
+    OpenMapView(handle, stringEx(name), access, address);
+}
+
+void OpenMapView(SMO_HANDLE& handle, const wchar_t* name, uint32_t access, void* address)
+{
+    OpenMapView(handle, SysNarrow(name), access, address);
+}
+
+void ReleaseMapView(SMO_HANDLE& handle)
+{
+    if (handle.address) {
+        munmap(handle.address, handle.size);
+        handle.address = nullptr;
+    }
+    if (handle.Created()) {
+        const stringEx name = handle.name;
+        handle.created = stringEx();
+        CloseAndRemoveSharedMemoryObject(handle, name);
+    } else if (handle.fd >= 0) {
+        close(handle.fd);
+        handle.fd = -1;
+    }
+}
+
+}  // namespace Karu
