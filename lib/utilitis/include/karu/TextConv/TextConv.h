@@ -1,0 +1,165 @@
+// Text conversion between byte encodings and the library's wide text.
+//
+// TTextConv is the converter interface and, used by itself, the converter of
+// last resort (each byte becomes one wide unit, sign-extended, and back). The
+// real work is done by back ends loaded at run time (see backends.h); the
+// factory CreateConv picks the first one that accepts an encoding and never
+// fails: a name nobody knows ends in the plain byte mapping, silently.
+//
+// Beside the converters stand the encoding table (names, code pages and
+// descriptions, in a fixed case-insensitive order), the system's encoding as
+// the environment's locale gives it, each thread's own system and UTF-8
+// converters, and the table of conversions that lose nothing.
+//
+// Thread safety: the tables and cached values are built once under one
+// process-wide lock and are read without it afterwards. A converter object is
+// not meant to be shared between threads (each back end serialises its own
+// calls anyway); GetSysConv and GetUtf8Conv hand each thread its own.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <set>
+
+#include <karu/string/karuExp.h>
+#include <karu/string/stringEx.h>
+
+namespace Karu {
+
+// One row of the encoding table.
+struct EncInfo {
+    // A Windows-style code page. Not unique, and on some rows deliberately
+    // not the canonical number: it is what a back end is offered when it
+    // does not know the row's name.
+    uint32_t codepage = 0;
+    // The text of the encoding listing.
+    stringEx description;
+    // Set on the Arabic and Hebrew rows (right to left); informational.
+    bool flag = false;
+};
+
+// The ordering of encoding names: byte by byte after tolower, bytes compared
+// as signed 8-bit values, a prefix first.
+struct EncNameLess {
+    bool operator()(const stringEx& a, const stringEx& b) const noexcept;
+};
+using EncNameSet = std::set<stringEx, EncNameLess>;
+
+// A group of conversions that lose nothing. A mutual group lists all its
+// members in `from` (and `to` is empty): any member converts to any other.
+// In a one-way group an empty side stands for any encoding.
+struct CompatGroup {
+    EncNameSet from;
+    EncNameSet to;
+    bool mutual = false;
+    stringEx name;
+};
+
+// Position of an enumeration. Pass an empty cookie to start; the enumeration
+// empties it again at the end.
+using EnumCookie = std::shared_ptr<uint64_t>;
+
+class TTextConv;
+// Converters are handed out under shared ownership (atomic count).
+using TextConvPtr = std::shared_ptr<TTextConv>;
+
+class TTextConv {
+public:
+    TTextConv() noexcept = default;
+    virtual ~TTextConv() noexcept(false) = default;
+    TTextConv(const TTextConv&) = delete;
+    TTextConv& operator=(const TTextConv&) = delete;
+
+    // A new converter of the same back end for another encoding, owned by
+    // the caller.
+    virtual std::unique_ptr<TTextConv> NewConv(uint32_t codepage);
+    virtual std::unique_ptr<TTextConv> NewConv(const stringEx& name);
+    // A new converter of the same back end and encoding: each thread's own.
+    virtual std::unique_ptr<TTextConv> Clone();
+
+    // Bytes to wide text. `dst` is emptied first.
+    virtual wstringEx MBtoWC(const stringEx& src);
+    virtual void MBtoWC(wstringEx& dst, const stringEx& src);
+    // Wide text to bytes. `dst` is emptied first.
+    virtual stringEx WCtoMB(const wstringEx& src);
+    virtual void WCtoMB(stringEx& dst, const wstringEx& src);
+
+    // Which back end converts ("iconv", "icu", "locale", "bytes") and the
+    // encoding name it finally accepted (empty for the last two).
+    virtual stringEx BackEnd() const;
+    virtual stringEx Encoding() const;
+
+    // ---- the encoding table ---------------------------------------------------
+
+    // "CP<number>" in any case gives the number without a look-up; otherwise
+    // the row's code page. Unknown name: tconvExp.
+    static uint32_t EncToCP(const stringEx& name);
+    // The first row (in table order) with that code page, or "CP<number>".
+    static stringEx CPToEnc(uint32_t codepage);
+    // The row of `name`; a "CP<number>" name is first replaced by CPToEnc of
+    // the number. Unknown name: tconvExp.
+    static EncInfo GetEncInfo(stringEx& name);
+    // Copies out the row at the cookie and advances; false (and everything
+    // emptied) after the last row.
+    static bool EnumEncoding(EnumCookie& cookie, stringEx& name, EncInfo& info);
+    // Number of rows in the table.
+    static uint64_t EncodingCount();
+
+    // ---- the system's encoding (read once, then cached) -----------------------
+
+    static stringEx GetSysEncoding();
+    static uint32_t GetSysCodePage();
+    static stringEx GetSysLocale();
+    static bool IsSysUtf8();
+
+    // ---- converters -------------------------------------------------------------
+
+    // The converter for a code page and/or a name (either may be empty).
+    // Never fails: a name no back end accepts gives a plain TTextConv.
+    static TextConvPtr CreateConv(uint32_t codepage, const stringEx& name);
+    // The calling thread's converters for the system's encoding and UTF-8.
+    static TextConvPtr GetSysConv();
+    static TextConvPtr GetUtf8Conv();
+
+    // ---- conversions that lose nothing --------------------------------------------
+
+    // True when text in `from` survives conversion to `to`; `groupName`, if
+    // given, receives the title of the group that says so. "CP<number>" names
+    // are first replaced by CPToEnc of the number.
+    static bool IsCompatible(const stringEx& from, const stringEx& to, stringEx* groupName);
+    static bool IsCompatible(uint32_t from, uint32_t to, stringEx* groupName);
+    // Copies out the group at the cookie and advances; false and an empty
+    // group after the last.
+    static bool EnumCompatible(EnumCookie& cookie, CompatGroup& group);
+    static uint64_t CompatibleGroupCount();
+};
+
+// What the tool prints, as one text, when the conversion from `from` to `to`
+// would lose characters and is not forced, and the status it then ends with.
+stringEx IncompatibleConversionMessage(const stringEx& from, const stringEx& to);
+constexpr int kIncompatibleConversionStatus = -1;
+
+// ---- shortcuts through the calling thread's converters ---------------------------
+// None of these fails: a converter that raises is replaced, for that string,
+// by the plain byte mapping.
+
+wstringEx SysMBtoWC(const stringEx& src);
+void SysMBtoWC(wstringEx& dst, const stringEx& src);
+stringEx SysWCtoMB(const wstringEx& src);
+void SysWCtoMB(stringEx& dst, const wstringEx& src);
+
+wstringEx Utf8MBtoWC(const stringEx& src);
+void Utf8MBtoWC(wstringEx& dst, const stringEx& src);
+stringEx Utf8WCtoMB(const wstringEx& src);
+void Utf8WCtoMB(stringEx& dst, const wstringEx& src);
+
+// Re-encoding between UTF-8 and the system's encoding; a copy when the system
+// is UTF-8. `temp` is a caller's scratch buffer for the wide middle step.
+stringEx Utf8ToSys(const stringEx& src);
+stringEx Utf8ToSys(const byteEx& src);
+stringEx Utf8ToSys(const stringEx& src, wstringEx& temp);
+stringEx SysToUtf8(const stringEx& src);
+stringEx SysToUtf8(const byteEx& src);
+stringEx SysToUtf8(const stringEx& src, wstringEx& temp);
+
+}  // namespace Karu

@@ -1,0 +1,102 @@
+// The two converter back ends, each a library found at run time: the program
+// links neither, so it starts and converts (less well) without them.
+//
+// CTextLibIConv is the first choice; CTextLibIcu serves encodings the first
+// refuses. Both keep their library loaded while any converter of theirs
+// lives, and both serialise the calls on one object with its own lock.
+// Neither ever reports bad input: an unconvertible byte or character becomes
+// "?" (or what the library substitutes), so that a conversion always yields
+// text.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include <karu/TextConv/TextConv.h>
+#include <karu/sync/fastlock.h>
+
+namespace Karu {
+
+namespace IMPL {
+class CFastCodec;
+}
+
+class CTextLibIConv : public TTextConv {
+public:
+    explicit CTextLibIConv(const stringEx& name);
+    explicit CTextLibIConv(uint32_t codepage);
+    ~CTextLibIConv() noexcept(false) override;
+
+    std::unique_ptr<TTextConv> NewConv(uint32_t codepage) override;
+    std::unique_ptr<TTextConv> NewConv(const stringEx& name) override;
+    std::unique_ptr<TTextConv> Clone() override;
+
+    using TTextConv::MBtoWC;
+    using TTextConv::WCtoMB;
+    void MBtoWC(wstringEx& dst, const stringEx& src) override;
+    void WCtoMB(stringEx& dst, const wstringEx& src) override;
+
+    stringEx BackEnd() const override;
+    stringEx Encoding() const override;
+
+    // The conversions exactly as the library gives them, bypassing the
+    // shortcuts for common encodings (which must agree with these).
+    void LibMBtoWC(wstringEx& dst, const stringEx& src);
+    void LibWCtoMB(stringEx& dst, const wstringEx& src);
+
+    // A library tried before the usual names; empty (the default) for none.
+    static void SetLibraryPath(const stringEx& path);
+    static stringEx GetLibraryPath();
+    // Whether the library is loaded now (some converter lives).
+    static bool IsLoaded();
+
+private:
+    void __Open(const stringEx& encoding);
+    void __Close() noexcept;
+    static void __AddRef();
+    static void __Release() noexcept;
+
+    void* _toWide = reinterpret_cast<void*>(-1);
+    void* _toBytes = reinterpret_cast<void*>(-1);
+    stringEx _encoding;
+    FAST_PCLOCK _lock;
+    std::unique_ptr<IMPL::CFastCodec> _fast;
+};
+
+class CTextLibIcu : public TTextConv {
+public:
+    explicit CTextLibIcu(const stringEx& name);
+    explicit CTextLibIcu(uint32_t codepage);
+    ~CTextLibIcu() noexcept(false) override;
+
+    std::unique_ptr<TTextConv> NewConv(uint32_t codepage) override;
+    std::unique_ptr<TTextConv> NewConv(const stringEx& name) override;
+    std::unique_ptr<TTextConv> Clone() override;
+
+    using TTextConv::MBtoWC;
+    using TTextConv::WCtoMB;
+    void MBtoWC(wstringEx& dst, const stringEx& src) override;
+    void WCtoMB(stringEx& dst, const wstringEx& src) override;
+
+    stringEx BackEnd() const override;
+    stringEx Encoding() const override;
+
+    // A library tried before the versioned names; empty (the default) for none.
+    static void SetLibraryPath(const stringEx& path);
+    static stringEx GetLibraryPath();
+    // The library's major version, as it appears in its file name. Empty
+    // (the default) means the newest one installed.
+    static void SetVersion(const stringEx& version);
+    static stringEx GetVersion();
+    static bool IsLoaded();
+
+private:
+    static void __AddRef();
+    static void __Release() noexcept;
+
+    void* _converter = nullptr;
+    stringEx _encoding;
+    FAST_PCLOCK _lock;
+};
+
+}  // namespace Karu

@@ -1,0 +1,388 @@
+// The iconv back end: conversion through an iconv found at run time.
+//
+// The library is looked for as a configured path, as iconv.so or
+// libiconv.so, and finally in the program itself, where the C library's own
+// iconv serves; the entry points are tried under their "lib" names first. It
+// stays loaded while any converter of this kind lives.
+//
+// A conversion never fails. It runs in rounds through a small stack buffer;
+// a round that yields nothing because of bad input costs one "?" and a step
+// of one byte (one character when encoding), so that garbage in a file shows
+// as question marks instead of stopping the run. Because the library is
+// asked to ignore characters the target cannot hold, a bad spot usually just
+// vanishes; the "?" appears where a round produced nothing at all.
+//
+// Before the library, a shortcut for the common encodings (fastcodec.h) is
+// tried; it gives byte-identical results or steps aside.
+#include <karu/TextConv/backends.h>
+
+#include <cerrno>
+#include <string>
+
+#include <karu/file/dllLoader.h>
+
+#include "fastcodec.h"
+#include "textconv_impl.h"
+
+namespace Karu {
+
+namespace {
+
+using IconvOpenFn = void* (*)(const char* tocode, const char* fromcode);
+using IconvFn = size_t (*)(void* cd, char** in, size_t* inLeft, char** out, size_t* outLeft);
+using IconvCloseFn = int (*)(void* cd);
+
+void* const kNoDescriptor = reinterpret_cast<void*>(-1);
+// The in-memory form of wstringEx: 32-bit little-endian units.
+constexpr const char* kWideCode = "UCS-4LE";
+// Stack buffers of one round: 256 wide characters, 512 bytes.
+constexpr size_t kWideRoundBytes = 1024;
+constexpr size_t kByteRoundBytes = 512;
+
+struct IconvLibrary {
+    std::unique_ptr<CDllLoader> loader;
+    IconvOpenFn open = nullptr;
+    IconvFn convert = nullptr;
+    IconvCloseFn close = nullptr;
+    uint64_t users = 0;
+    stringEx path;  // configured library, tried first
+};
+
+IconvLibrary& Library()
+{
+    static IconvLibrary library;
+    return library;
+}
+
+void LoadEntryPoints(IconvLibrary& lib, const char* openName, const char* convertName, const char* closeName)
+{
+    lib.open = reinterpret_cast<IconvOpenFn>(lib.loader->GetProc(stringEx(openName)));
+    lib.convert = reinterpret_cast<IconvFn>(lib.loader->GetProc(stringEx(convertName)));
+    lib.close = reinterpret_cast<IconvCloseFn>(lib.loader->GetProc(stringEx(closeName)));
+}
+
+void LoadLibrary(IconvLibrary& lib)
+{
+    if (!lib.path.empty()) {
+        try {
+            lib.loader = std::make_unique<CDllLoader>(lib.path, stringEx(), stringEx());
+        } catch (...) {
+        }
+    }
+    if (!lib.loader) {
+        try {
+            lib.loader = std::make_unique<CDllLoader>(stringEx("iconv"), stringEx(), stringEx("so"));
+        } catch (const dlllExp&) {
+            // No separate library: the C library linked into the program may
+            // have one of its own.
+            lib.loader = std::make_unique<CDllLoader>(stringEx(), stringEx(), stringEx("so"));
+        }
+    }
+    try {
+        LoadEntryPoints(lib, "libiconv_open", "libiconv", "libiconv_close");
+    } catch (const dlllExp& e) {
+        if (e.code != kDllSymbolMissing)
+            throw;
+        LoadEntryPoints(lib, "iconv_open", "iconv", "iconv_close");
+    }
+}
+
+// Runs one direction of a conversion in rounds through a stack buffer;
+// `unit` is the size of one source character in the bad-input step.
+template <size_t RoundBytes, class Emit, class Fail>
+void RunRounds(IconvFn convert, void* cd, const char* src, size_t srcBytes, size_t unit, Emit emit, Fail fail)
+{
+    char buffer[RoundBytes];
+    char* out = buffer;
+    size_t outLeft = RoundBytes;
+    // Every conversion starts from the initial shift state.
+    convert(cd, nullptr, nullptr, &out, &outLeft);
+    char* in = const_cast<char*>(src);
+    size_t inLeft = srcBytes;
+    for (;;) {
+        out = buffer;
+        outLeft = RoundBytes;
+        const size_t result = convert(cd, &in, &inLeft, &out, &outLeft);
+        const size_t produced = RoundBytes - outLeft;
+        if (produced == 0 && result == static_cast<size_t>(-1)) {
+            fail();
+            if (inLeft <= unit)
+                return;
+            in += unit;
+            inLeft -= unit;
+            continue;
+        }
+        emit(buffer, produced);
+        if (inLeft == 0)
+            return;
+    }
+}
+
+}  // namespace
+
+// ---- the library ---------------------------------------------------------------------
+
+void CTextLibIConv::SetLibraryPath(const stringEx& path)
+{
+    CFastLockHolder hold(IMPL::TextLock());
+    Library().path = path;
+}
+
+stringEx CTextLibIConv::GetLibraryPath()
+{
+    CFastLockHolder hold(IMPL::TextLock());
+    return Library().path;
+}
+
+bool CTextLibIConv::IsLoaded()
+{
+    CFastLockHolder hold(IMPL::TextLock());
+    return Library().loader != nullptr;
+}
+
+void CTextLibIConv::__AddRef()
+{
+    CFastLockHolder hold(IMPL::TextLock());
+    IconvLibrary& lib = Library();
+    try {
+        if (!lib.loader)
+            LoadLibrary(lib);
+    } catch (const dlllExp& e) {
+        lib.loader.reset();
+        Throw<libiconvExp>(ExpMessage(stringEx("CTextLibIConv::__AddRef - ") +
+                                      (e.code == kDllLoadFailed ? "failed load dynamic library\n"
+                                                                : "failed locate iconv api\n"))
+                               .Cause(e),
+                           e.code);
+    } catch (...) {
+        lib.loader.reset();
+        Throw<libiconvExp>(ExpMessage("CTextLibIConv::__AddRef - unknwon error"), 0);
+    }
+    ++lib.users;
+}
+
+void CTextLibIConv::__Release() noexcept
+{
+    CFastLockHolder hold(IMPL::TextLock());
+    IconvLibrary& lib = Library();
+    if (lib.users == 0 || --lib.users > 0)
+        return;
+    try {
+        lib.loader.reset();
+    } catch (...) {
+        // An unload failure leaves the library mapped; nothing else is lost.
+    }
+    lib.open = nullptr;
+    lib.convert = nullptr;
+    lib.close = nullptr;
+}
+
+// ---- converters ----------------------------------------------------------------------
+
+namespace {
+
+// What the library makes of a short piece, and whether it did so cleanly:
+// the shortcuts are checked against this before they are trusted.
+bool ProbeConvert(IconvFn convert, void* cd, const char* src, size_t bytes, stringEx& out)
+{
+    out.clear();
+    char buffer[kWideRoundBytes];
+    char* o = buffer;
+    size_t oLeft = sizeof buffer;
+    convert(cd, nullptr, nullptr, &o, &oLeft);
+    char* in = const_cast<char*>(src);
+    size_t inLeft = bytes;
+    bool clean = true;
+    while (inLeft > 0) {
+        o = buffer;
+        oLeft = sizeof buffer;
+        const size_t result = convert(cd, &in, &inLeft, &o, &oLeft);
+        out.append(buffer, sizeof buffer - oLeft);
+        if (result == static_cast<size_t>(-1)) {
+            if (errno != E2BIG)
+                return false;
+        } else if (result != 0) {
+            clean = false;  // irreversible: something was substituted
+        }
+    }
+    o = buffer;
+    oLeft = sizeof buffer;
+    if (convert(cd, nullptr, nullptr, &o, &oLeft) == static_cast<size_t>(-1))
+        return false;
+    out.append(buffer, sizeof buffer - oLeft);
+    return clean;
+}
+
+}  // namespace
+
+// Opens both directions for `encoding`, and the shortcut if there is one;
+// leaves both descriptors closed if either direction is refused.
+void CTextLibIConv::__Open(const stringEx& encoding)
+{
+    const IconvLibrary& lib = Library();
+    _encoding = encoding;
+    _toWide = lib.open((std::string(kWideCode) + "//IGNORE").c_str(), std::string(encoding.data(), encoding.size()).c_str());
+    if (_toWide == kNoDescriptor)
+        return;
+    _toBytes = lib.open((std::string(encoding.data(), encoding.size()) + "//IGNORE").c_str(), kWideCode);
+    if (_toBytes == kNoDescriptor) {
+        lib.close(_toWide);
+        _toWide = kNoDescriptor;
+        return;
+    }
+    IconvFn convert = lib.convert;
+    _fast = IMPL::MakeFastCodec(
+        _encoding,
+        [this, convert](const stringEx& src, wstringEx& dst) {
+            stringEx bytes;
+            const bool clean = ProbeConvert(convert, _toWide, src.data(), src.size(), bytes);
+            dst = bytes.Reinterpret<wchar_t>();
+            return clean;
+        },
+        [this, convert](const wstringEx& src, stringEx& dst) {
+            return ProbeConvert(convert, _toBytes, reinterpret_cast<const char*>(src.data()),
+                                src.size() * sizeof(wchar_t), dst);
+        });
+}
+
+void CTextLibIConv::__Close() noexcept
+{
+    const IconvLibrary& lib = Library();
+    if (_toWide != kNoDescriptor)
+        lib.close(_toWide);
+    if (_toBytes != kNoDescriptor)
+        lib.close(_toBytes);
+    _toWide = _toBytes = kNoDescriptor;
+}
+
+
+CTextLibIConv::CTextLibIConv(const stringEx& name)
+{
+    __AddRef();
+    try {
+        __Open(name);
+        if (_toWide == kNoDescriptor) {
+            const stringEx substitute = IMPL::CodePageName(EncToCP(name));
+            __Open(substitute);
+            if (_toWide == kNoDescriptor)
+                Throw<libiconvExp>(ExpMessage("CTextLibIConv::CTextLibIConv - failed init encoding convertion\n")
+                                       .Detail("encoding name", name + " (" + substitute + ")"),
+                                   errno);
+        }
+    } catch (...) {
+        __Close();
+        __Release();
+        throw;
+    }
+}
+
+CTextLibIConv::CTextLibIConv(uint32_t codepage)
+{
+    __AddRef();
+    try {
+        __Open(IMPL::CodePageName(codepage));
+        if (_toWide == kNoDescriptor) {
+            const stringEx name = CPToEnc(codepage);
+            __Open(name);
+            if (_toWide == kNoDescriptor)
+                Throw<libiconvExp>(ExpMessage("CTextLibIConv::CTextLibIConv - failed init encoding convertion\n")
+                                       .Detail("code page", static_cast<int64_t>(codepage))
+                                       .Detail("encoding name", name),
+                                   errno);
+        }
+    } catch (...) {
+        __Close();
+        __Release();
+        throw;
+    }
+}
+
+CTextLibIConv::~CTextLibIConv() noexcept(false)
+{
+    _fast.reset();
+    const IconvLibrary& lib = Library();
+    bool failed = false;
+    if (_toWide != kNoDescriptor && lib.close(_toWide) != 0)
+        failed = true;
+    if (_toBytes != kNoDescriptor && lib.close(_toBytes) != 0)
+        failed = true;
+    __Release();
+    if (failed && MayThrowFromDestructor())
+        Throw<libiconvExp>(
+            ExpMessage("CTextLibIConv::~CTextLibIConv - failed release lib iconv's convertion descriptor"), errno);
+}
+
+std::unique_ptr<TTextConv> CTextLibIConv::NewConv(uint32_t codepage)
+{
+    return std::make_unique<CTextLibIConv>(codepage);
+}
+
+std::unique_ptr<TTextConv> CTextLibIConv::NewConv(const stringEx& name)
+{
+    return std::make_unique<CTextLibIConv>(name);
+}
+
+std::unique_ptr<TTextConv> CTextLibIConv::Clone()
+{
+    return std::make_unique<CTextLibIConv>(_encoding);
+}
+
+stringEx CTextLibIConv::BackEnd() const
+{
+    return stringEx("iconv");
+}
+
+stringEx CTextLibIConv::Encoding() const
+{
+    return _encoding;
+}
+
+void CTextLibIConv::MBtoWC(wstringEx& dst, const stringEx& src)
+{
+    if (_fast && _fast->Decode(dst, src))
+        return;
+    LibMBtoWC(dst, src);
+}
+
+void CTextLibIConv::WCtoMB(stringEx& dst, const wstringEx& src)
+{
+    if (_fast && _fast->Encode(dst, src))
+        return;
+    LibWCtoMB(dst, src);
+}
+
+void CTextLibIConv::LibMBtoWC(wstringEx& dst, const stringEx& src)
+{
+    dst.clear();
+    if (src.empty())
+        return;
+    CFastLockHolder hold(_lock);
+    RunRounds<kWideRoundBytes>(
+        Library().convert, _toWide, src.data(), src.size(), 1,
+        [&dst](const char* bytes, size_t n) {
+            dst.append(reinterpret_cast<const wchar_t*>(bytes), n / sizeof(wchar_t));
+        },
+        [&dst] { dst.push_back(L'?'); });
+}
+
+void CTextLibIConv::LibWCtoMB(stringEx& dst, const wstringEx& src)
+{
+    dst.clear();
+    if (src.empty())
+        return;
+    CFastLockHolder hold(_lock);
+    IconvFn convert = Library().convert;
+    RunRounds<kByteRoundBytes>(
+        convert, _toBytes, reinterpret_cast<const char*>(src.data()), src.size() * sizeof(wchar_t),
+        sizeof(wchar_t), [&dst](const char* bytes, size_t n) { dst.append(bytes, n); },
+        [&dst] { dst.push_back('?'); });
+    // Return to the initial shift state, so that a stateful encoding ends as
+    // a complete text (and the last bytes of a UTF-7 run are not lost).
+    char buffer[kByteRoundBytes];
+    char* out = buffer;
+    size_t outLeft = sizeof buffer;
+    convert(_toBytes, nullptr, nullptr, &out, &outLeft);
+    dst.append(buffer, sizeof buffer - outLeft);
+}
+
+}  // namespace Karu

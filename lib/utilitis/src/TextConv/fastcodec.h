@@ -1,0 +1,39 @@
+// Shortcuts for common encodings beside a back end: straight-line code for
+// UTF-8, UTF-16, UTF-32 and single-byte code pages.
+//
+// A shortcut must never change a byte of output: it converts only input it
+// can convert exactly as the back end would, and answers false for anything
+// else (invalid or incomplete sequences, characters without an image, shift
+// states), in which case the caller runs the back end over the whole input.
+// Whole, not the rest: the back end's handling of a bad byte depends on what
+// came before it in the same round, so a seam in the middle could differ.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include <karu/string/stringEx.h>
+
+namespace Karu::IMPL {
+
+class CFastCodec {
+public:
+    virtual ~CFastCodec() = default;
+    // True with `dst` filled, or false with `dst` unspecified.
+    virtual bool Decode(wstringEx& dst, const stringEx& src) const = 0;
+    virtual bool Encode(stringEx& dst, const wstringEx& src) const = 0;
+    virtual const char* Kind() const noexcept = 0;
+};
+
+// How the back end converts a short piece: the conversion of `src` and
+// whether it went through without any substitution or loss.
+using ProbeDecode = std::function<bool(const stringEx& src, wstringEx& dst)>;
+using ProbeEncode = std::function<bool(const wstringEx& src, stringEx& dst)>;
+
+// The shortcut for the encoding the back end accepted under `encoding`, or
+// null when there is none. The back end is asked (through the probes) to
+// confirm that the shortcut agrees with it before it is used.
+std::unique_ptr<CFastCodec> MakeFastCodec(const stringEx& encoding, const ProbeDecode& decode,
+                                          const ProbeEncode& encode);
+
+}  // namespace Karu::IMPL
