@@ -118,9 +118,14 @@ uint32_t RegexReplaceCopy(const basic_string_ex<T>& source, basic_string_ex<T>& 
     // Holding the source keeps its text readable even when the destination
     // shares its storage and detaches below.
     const basic_string_ex<T> src = source;
-    destination.clear();
-    if (!handle)
+    if (!handle) {
+        // A pattern that did not compile replaces nothing: the destination
+        // must still carry the whole text, since the caller takes it as the
+        // result. Sharing costs no copy.
+        destination = src;
         return 0;
+    }
+    destination.clear();
     if (expandEscapes)
         ExpandReplacementEscapes(replacement);
     const ReplacementPlan<T> plan(replacement, handle.GroupCount() + 1);

@@ -15,7 +15,7 @@ namespace Karu {
 // `destination` (cleared first, its storage kept). With `expandEscapes` the
 // character escapes of the replacement (\t, \n, \" ...) become their
 // characters first. Returns the number of matches replaced; a null handle
-// replaces nothing and leaves `destination` empty.
+// replaces nothing and makes `destination` share the source's text.
 template <class T>
 uint32_t RegexReplaceCopy(const basic_string_ex<T>& source, basic_string_ex<T>& destination,
                           const RegexHandle& handle, basic_string_ex<T> replacement, bool notBol, bool notEol,
