@@ -61,6 +61,16 @@ void PriorityRange(int policy, int& low, int& high, const char* head)
         RaiseThread(head, errno, {{EINVAL, "invalid scheduling policy"}}, 6);
 }
 
+// The report of a thread that an exception ended. The log itself may be what
+// failed, so nothing may leave this.
+void ReportEnd(const char* cause) noexcept
+{
+    try {
+        CLog::LogError("util.trd", "thread ended by an exception\n@ %s", cause);
+    } catch (...) {
+    }
+}
+
 }  // namespace
 
 // ---- CThread_Imp ---------------------------------------------------------------
@@ -194,11 +204,11 @@ void* TThread::__Entry(void* argument)
     } catch (abi::__forced_unwind&) {
         throw;  // a cancel request must unwind to the end
     } catch (const karuExp& e) {
-        CLog::LogError("util.trd", "thread ended by an exception\n@ %s", e.message.c_str());
+        ReportEnd(e.message.c_str());
     } catch (const std::exception& e) {
-        CLog::LogError("util.trd", "thread ended by an exception\n@ %s", e.what());
+        ReportEnd(e.what());
     } catch (...) {
-        CLog::LogError("util.trd", "thread ended by an unknown exception");
+        ReportEnd("unknown exception");
     }
     {
         CFastLockHolder hold(self->_lock);

@@ -1,0 +1,285 @@
+// The log: the line format letter by letter, the filter, the logger stack,
+// and the asynchronous queue under many producers.
+#include <karu/log/log.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+
+#include <atomic>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "sync/tests/forktest.h"
+
+using namespace Karu;
+using namespace KaruTest;
+
+namespace {
+
+// Keeps what it receives; may be told to refuse or to raise.
+class Recorder : public ILogger {
+public:
+    struct Entry {
+        int32_t level;
+        std::string channel, message;
+    };
+    bool Write(const CTime&, int32_t level, const stringEx& channel, const stringEx& message) override
+    {
+        if (raise)
+            throw logExp(stringEx("recorder raised"), 9);
+        entries.push_back({level, channel.c_str(), message.c_str()});
+        return pass;
+    }
+    void Flush() override { ++flushes; }
+    std::vector<Entry> entries;
+    bool pass = true;
+    bool raise = false;
+    int flushes = 0;
+};
+
+// Every test leaves the process without a log.
+class LogTest : public ::testing::Test {
+protected:
+    void TearDown() override { CLog::SetInstance(nullptr); }
+    CLog::Handle Install(int32_t threshold = kLogDebug)
+    {
+        auto log = std::make_shared<CLog>(0, threshold);
+        CLog::SetInstance(log);
+        return log;
+    }
+};
+
+using LogLines = LogTest;
+using LogFilter = LogTest;
+using LogConcurrency = LogTest;
+
+const char* const kStamp = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6} UTC[+-]\d{4}\])";
+
+TEST_F(LogLines, FileAndStreamRecordsLetterByLetter)
+{
+    const std::string path = testing::TempDir() + "karu_log_lines.txt";
+    unlink(path.c_str());
+    auto log = Install();
+    std::ostringstream stream;
+    log->PushLogger(std::make_shared<CFileLogger<CSysFile>>(stringEx(path.c_str())));
+    log->PushLogger(std::make_shared<CStreamLogger>(stream));
+    struct Row {
+        int32_t level;
+        const char* tag;
+        const char* name;
+    } rows[] = {
+        {0, "[Debug]   ", "debug only"}, {1, "[Info]    ", "info"},  {2, "[Warning] ", "warning"},
+        {3, "[Error]   ", "error"},      {4, "[Note]    ", "important notes"}, {5, "[Fatal]   ", "fatal error"},
+        {9, "[Unknown] ", "unknown"},
+    };
+    for (const Row& row : rows) {
+        CLog::LogLevel(row.level, "util.test", "n=%d", row.level);
+        EXPECT_STREQ(LogLevelName(row.level), row.name);
+    }
+    EXPECT_STREQ(LogLevelName(6), "disabled");
+    CLog::SetInstance(nullptr);  // closes the file
+
+    std::ifstream file(path);
+    std::stringstream fileText;
+    fileText << file.rdbuf();
+    std::string expectFile, expectStream;
+    for (const Row& row : rows) {
+        const std::string body = std::regex_replace(std::string(row.tag), std::regex(R"([\[\]])"), R"(\$&)") +
+                                 R"(\(util\.test\) n=)" + std::to_string(row.level);
+        expectFile += kStamp + body + "\n";
+        expectStream += kStamp + body + "\n\n";
+    }
+    EXPECT_TRUE(std::regex_match(fileText.str(), std::regex(expectFile))) << fileText.str();
+    EXPECT_TRUE(std::regex_match(stream.str(), std::regex(expectStream))) << stream.str();
+}
+
+TEST_F(LogFilter, ThresholdAndTheSavedThreshold)
+{
+    // Without a log nothing is formatted: this pointer would fault if it were.
+    CLog::LogError("util.test", "%s", reinterpret_cast<const char*>(16));
+
+    auto log = Install(kLogWarning);
+    auto recorder = std::make_shared<Recorder>();
+    log->PushLogger(recorder);
+    struct Row {
+        const char* why;
+        void (*before)();
+        int32_t level;
+        bool delivered;
+    } rows[] = {
+        {"below the threshold", nullptr, kLogInfo, false},
+        {"exactly the threshold", nullptr, kLogWarning, true},
+        {"disabled", [] { CLog::DisableLogging(); }, kLogFatal, false},
+        {"disabled twice, then enabled, stays disabled",
+         [] {
+             CLog::DisableLogging();
+             CLog::EnableLogging();
+         },
+         kLogFatal, false},
+    };
+    for (const Row& row : rows) {
+        if (row.before)
+            row.before();
+        const size_t before = recorder->entries.size();
+        CLog::LogLevel(row.level, "util.test", stringEx("x"));
+        EXPECT_EQ(recorder->entries.size() - before, row.delivered ? 1u : 0u) << row.why;
+    }
+    EXPECT_EQ(log->GetThreshold(), kLogDisabled);
+    // A fresh log enabled without a disable takes the saved debug level.
+    auto fresh = Install(kLogError);
+    fresh->PushLogger(recorder);
+    CLog::EnableLogging();
+    EXPECT_EQ(fresh->GetThreshold(), kLogError);  // a saved "disabled" is never put back
+}
+
+TEST_F(LogFilter, MainLoggerAndStackFailures)
+{
+    auto log = Install();
+    auto main = std::make_shared<Recorder>(), first = std::make_shared<Recorder>(),
+         second = std::make_shared<Recorder>();
+    log->PushLogger(first);
+    log->PushLogger(second);
+    EXPECT_TRUE(log->IsLoggerPushed(second));
+    log->SetMainLogger(main);
+
+    main->pass = false;  // hides the record from the stack
+    CLog::LogInfo("util.test", stringEx("hidden"));
+    main->pass = true;
+    first->raise = true;  // swallowed; the next logger still gets it
+    CLog::LogInfo("util.test", stringEx("shown"));
+    EXPECT_EQ(main->entries.size(), 2u);
+    EXPECT_EQ(first->entries.size(), 0u);
+    ASSERT_EQ(second->entries.size(), 1u);
+    EXPECT_EQ(second->entries[0].message, "shown");
+
+    main->raise = true;  // the main logger's failure reaches the caller
+    EXPECT_THROW(CLog::LogInfo("util.test", stringEx("x")), logExp);
+    main->raise = false;
+
+    CLog::LogFatal("util.test", stringEx("flushes"));
+    EXPECT_EQ(second->flushes, 1);
+    EXPECT_EQ(main->flushes, 0);  // the main logger is not flushed
+
+    try {
+        log->PushLogger(nullptr);
+        ADD_FAILURE();
+    } catch (const logExp& e) {
+        EXPECT_EQ(e.code, 5);
+        EXPECT_STREQ(e.message.c_str(), "CLog::PushLogger - invalid logger handle");
+    }
+    log->RemoveLogger(first);
+    EXPECT_EQ(log->LoggerCount(), 1u);
+    EXPECT_EQ(log->PopLogger(), second);
+    try {
+        log->PopLogger();
+        ADD_FAILURE();
+    } catch (const logExp& e) {
+        EXPECT_EQ(e.code, 1);
+        EXPECT_STREQ(e.message.c_str(), "CLog::PopLogger - nothing to pop");
+    }
+}
+
+TEST_F(LogConcurrency, ManyProducersLoseNothingAndKeepTheirOrder)
+{
+    auto log = Install();
+    auto recorder = std::make_shared<Recorder>();
+    log->PushLogger(recorder);
+    ASSERT_TRUE(log->StartLoggingThread(true, 3));  // small: producers meet a full queue
+    EXPECT_TRUE(log->StartLoggingThread(true, 1000));
+    constexpr int kThreads = 5, kRecords = 400;
+    std::vector<std::thread> producers;
+    for (int t = 0; t < kThreads; ++t)
+        producers.emplace_back([t] {
+            for (int i = 0; i < kRecords; ++i)
+                CLog::LogInfo("util.test", "%d %d", t, i);
+        });
+    for (auto& p : producers)
+        p.join();
+    CLog::Flush();
+    ASSERT_EQ(recorder->entries.size(), size_t(kThreads * kRecords));
+    std::vector<int> next(kThreads, 0);
+    for (const auto& e : recorder->entries) {
+        int t = -1, i = -1;
+        sscanf(e.message.c_str(), "%d %d", &t, &i);
+        ASSERT_TRUE(t >= 0 && t < kThreads) << e.message;
+        EXPECT_EQ(i, next[t]++) << "thread " << t << " out of order";
+    }
+    EXPECT_TRUE(log->StartLoggingThread(false, 0));
+    EXPECT_FALSE(log->IsLoggingThreadOn());
+}
+
+TEST_F(LogConcurrency, FlushWaitsForTheVeryRecordAndStopDeliversTheRest)
+{
+    auto log = Install();
+    struct Slow : Recorder {
+        bool Write(const CTime& t, int32_t l, const stringEx& c, const stringEx& m) override
+        {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            return Recorder::Write(t, l, c, m);
+        }
+    };
+    auto slow = std::make_shared<Slow>();
+    log->PushLogger(slow);
+    ASSERT_TRUE(log->StartLoggingThread(true, 1));  // every second record waits for room
+    CLog::Flush();  // an empty queue drains at once
+    CLog::LogInfo("util.test", stringEx("one"));
+    CLog::Flush();
+    EXPECT_EQ(slow->entries.size(), 1u);
+    for (int i = 0; i < 20; ++i)
+        CLog::LogInfo("util.test", "more %d", i);
+    EXPECT_TRUE(log->StartLoggingThread(false, 0));  // the stop order goes behind them
+    EXPECT_EQ(slow->entries.size(), 21u);
+}
+
+TEST_F(LogConcurrency, StartFailuresAndAFailingMainLoggerLeaveTheLogSynchronous)
+{
+    auto log = Install();
+    auto recorder = std::make_shared<Recorder>();
+    log->PushLogger(recorder);
+    EXPECT_FALSE(log->StartLoggingThread(true, 0xFFFFFFFF));  // above the semaphore limit
+    EXPECT_FALSE(log->IsLoggingThreadOn());
+
+    auto main = std::make_shared<Recorder>();
+    main->raise = true;
+    log->SetMainLogger(main);
+    ASSERT_TRUE(log->StartLoggingThread(true, 8));
+    CLog::LogInfo("util.test", stringEx("ends the thread"));
+    for (int i = 0; i < 500 && log->IsLoggingThreadOn(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_FALSE(log->IsLoggingThreadOn());
+    main->raise = false;
+    CLog::LogInfo("util.test", stringEx("delivered in the caller"));
+    ASSERT_FALSE(recorder->entries.empty());
+    EXPECT_EQ(recorder->entries.back().message, "delivered in the caller");
+}
+
+TEST_F(LogConcurrency, RecordsQueuedAtExitAreWritten)
+{
+    const std::string path = testing::TempDir() + "karu_log_exit.txt";
+    unlink(path.c_str());
+    constexpr int kRecords = 300;
+    const ChildEnd end = RunChild([&] {
+        auto log = std::make_shared<CLog>();
+        log->PushLogger(std::make_shared<CFileLogger<CSysFile>>(stringEx(path.c_str())));
+        log->StartLoggingThread(true, 16);
+        CLog::SetInstance(log);
+        log.reset();
+        for (int i = 0; i < kRecords; ++i)
+            CLog::LogInfo("util.test", "record %d", i);
+        exit(0);  // the exit handler drains the queue
+        return 1;
+    });
+    EXPECT_EQ(end.status, 0);
+    std::ifstream file(path);
+    std::string line;
+    int count = 0;
+    while (std::getline(file, line))
+        EXPECT_NE(line.find("record " + std::to_string(count++)), std::string::npos) << line;
+    EXPECT_EQ(count, kRecords);
+}
+
+}  // namespace
