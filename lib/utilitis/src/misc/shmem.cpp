@@ -135,7 +135,9 @@ void Map(SMO_HANDLE& handle, uint32_t access, void* address)
 
 }  // namespace
 
-stringEx SysNarrow(const wchar_t* text)
+namespace IMPL {
+
+stringEx ToSysBytes(const wchar_t* text)
 {
     stringEx out;
     if (!text)
@@ -154,12 +156,12 @@ stringEx SysNarrow(const wchar_t* text)
     return out;
 }
 
-stringEx SysNarrow(const wstringEx& text)
+stringEx ToSysBytes(const wstringEx& text)
 {
-    return SysNarrow(wstringEx(text.data(), text.size()).c_str());
+    return ToSysBytes(wstringEx(text.data(), text.size()).c_str());
 }
 
-wstringEx SysWiden(const stringEx& text)
+wstringEx FromSysBytes(const stringEx& text)
 {
     wstringEx out;
     mbstate_t state{};
@@ -177,6 +179,8 @@ wstringEx SysWiden(const stringEx& text)
     }
     return out;
 }
+
+}  // namespace IMPL
 
 bool CreateSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t flag, uint64_t size)
 {
@@ -267,7 +271,7 @@ bool SetupMapView(SMO_HANDLE& handle, const stringEx& name, uint64_t size, uint3
 
 bool SetupMapView(SMO_HANDLE& handle, const wstringEx& name, uint64_t size, uint32_t access, void* address)
 {
-    return SetupMapView(handle, SysNarrow(name), size, access, address);
+    return SetupMapView(handle, IMPL::ToSysBytes(name), size, access, address);
 }
 
 bool SetupMapView(SMO_HANDLE& handle, const char* name, uint64_t size, uint32_t access, void* address)
@@ -277,7 +281,7 @@ bool SetupMapView(SMO_HANDLE& handle, const char* name, uint64_t size, uint32_t 
 
 bool SetupMapView(SMO_HANDLE& handle, const wchar_t* name, uint64_t size, uint32_t access, void* address)
 {
-    return SetupMapView(handle, SysNarrow(name), size, access, address);
+    return SetupMapView(handle, IMPL::ToSysBytes(name), size, access, address);
 }
 
 void OpenMapView(SMO_HANDLE& handle, const stringEx& name, uint32_t access, void* address)
@@ -297,7 +301,7 @@ void OpenMapView(SMO_HANDLE& handle, const stringEx& name, uint32_t access, void
 
 void OpenMapView(SMO_HANDLE& handle, const wstringEx& name, uint32_t access, void* address)
 {
-    OpenMapView(handle, SysNarrow(name), access, address);
+    OpenMapView(handle, IMPL::ToSysBytes(name), access, address);
 }
 
 void OpenMapView(SMO_HANDLE& handle, const char* name, uint32_t access, void* address)
@@ -307,7 +311,7 @@ void OpenMapView(SMO_HANDLE& handle, const char* name, uint32_t access, void* ad
 
 void OpenMapView(SMO_HANDLE& handle, const wchar_t* name, uint32_t access, void* address)
 {
-    OpenMapView(handle, SysNarrow(name), access, address);
+    OpenMapView(handle, IMPL::ToSysBytes(name), access, address);
 }
 
 void ReleaseMapView(SMO_HANDLE& handle)

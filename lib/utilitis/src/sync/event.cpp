@@ -161,13 +161,13 @@ bool CEvent::IsSet()
 // ---- CProcEvent ----------------------------------------------------------------
 
 CProcEvent::CProcEvent(bool initialState, const stringEx& name) { __Create(initialState, name); }
-CProcEvent::CProcEvent(bool initialState, const wstringEx& name) { __Create(initialState, SysNarrow(name)); }
+CProcEvent::CProcEvent(bool initialState, const wstringEx& name) { __Create(initialState, IMPL::ToSysBytes(name)); }
 CProcEvent::CProcEvent(bool initialState, const char* name) { __Create(initialState, stringEx(name)); }
-CProcEvent::CProcEvent(bool initialState, const wchar_t* name) { __Create(initialState, SysNarrow(name)); }
+CProcEvent::CProcEvent(bool initialState, const wchar_t* name) { __Create(initialState, IMPL::ToSysBytes(name)); }
 CProcEvent::CProcEvent(const stringEx& name) { __Open(name); }
-CProcEvent::CProcEvent(const wstringEx& name) { __Open(SysNarrow(name)); }
+CProcEvent::CProcEvent(const wstringEx& name) { __Open(IMPL::ToSysBytes(name)); }
 CProcEvent::CProcEvent(const char* name) { __Open(stringEx(name)); }
-CProcEvent::CProcEvent(const wchar_t* name) { __Open(SysNarrow(name)); }
+CProcEvent::CProcEvent(const wchar_t* name) { __Open(IMPL::ToSysBytes(name)); }
 
 namespace {
 

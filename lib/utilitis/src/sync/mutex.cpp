@@ -218,13 +218,13 @@ void CMutex::UnLock() { DoUnlock(&_mutex, kMutexHeads); }
 // ---- CProcMutex ----------------------------------------------------------------
 
 CProcMutex::CProcMutex(bool lockNow, const stringEx& name) { __Create(lockNow, name); }
-CProcMutex::CProcMutex(bool lockNow, const wstringEx& name) { __Create(lockNow, SysNarrow(name)); }
+CProcMutex::CProcMutex(bool lockNow, const wstringEx& name) { __Create(lockNow, IMPL::ToSysBytes(name)); }
 CProcMutex::CProcMutex(bool lockNow, const char* name) { __Create(lockNow, stringEx(name)); }
-CProcMutex::CProcMutex(bool lockNow, const wchar_t* name) { __Create(lockNow, SysNarrow(name)); }
+CProcMutex::CProcMutex(bool lockNow, const wchar_t* name) { __Create(lockNow, IMPL::ToSysBytes(name)); }
 CProcMutex::CProcMutex(const stringEx& name) { __Open(name); }
-CProcMutex::CProcMutex(const wstringEx& name) { __Open(SysNarrow(name)); }
+CProcMutex::CProcMutex(const wstringEx& name) { __Open(IMPL::ToSysBytes(name)); }
 CProcMutex::CProcMutex(const char* name) { __Open(stringEx(name)); }
-CProcMutex::CProcMutex(const wchar_t* name) { __Open(SysNarrow(name)); }
+CProcMutex::CProcMutex(const wchar_t* name) { __Open(IMPL::ToSysBytes(name)); }
 
 void CProcMutex::__Create(bool lockNow, const stringEx& name)
 {

@@ -61,10 +61,12 @@ void OpenMapView(SMO_HANDLE& handle, const wchar_t* name, uint32_t access, void*
 // Unmaps and closes; removes the name when this process created the object.
 void ReleaseMapView(SMO_HANDLE& handle);
 
+namespace IMPL {
 // A name in the system's narrow encoding, as the platform's calls take it.
-stringEx SysNarrow(const wstringEx& text);
-stringEx SysNarrow(const wchar_t* text);
+stringEx ToSysBytes(const wstringEx& text);
+stringEx ToSysBytes(const wchar_t* text);
 // Bytes of the system's encoding as wide text.
-wstringEx SysWiden(const stringEx& text);
+wstringEx FromSysBytes(const stringEx& text);
+}  // namespace IMPL
 
 }  // namespace Karu
