@@ -18,6 +18,7 @@
 #include <exception>
 #include <set>
 
+#include <karu/TextConv/TextConv.h>
 #include <karu/file/dir.h>
 #include <karu/string/karuExp.h>
 
@@ -145,14 +146,11 @@ int Run(int argc, char** argv)
         }
     }
 
-    if (!has("force") && !IsCompatible(input.name, output.name, nullptr)) {
-        Print(stringEx("\n") + "## Incompatible text encoding convertion detected:" + " encoding from \"" +
-                  input.name + "\" to \"" + output.name + "\" will lost infomation and should not be used." +
-                  " use: \"tolmek -listcmp\" for a list of the compatible convertion" +
-                  " combinations. or use \"-force\" to enforce the convertion.\n",
-              stdout);
+    // The check compares names only, so it runs for wide-unit names too.
+    if (!has("force") && !TTextConv::IsCompatible(input.name, output.name, nullptr)) {
+        Print(IncompatibleConversionMessage(input.name, output.name), stdout);
         std::fflush(stdout);
-        return kExitFailure;
+        return kIncompatibleConversionStatus;
     }
 
     const bool withSignature = has("unisign");

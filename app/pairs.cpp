@@ -10,10 +10,10 @@
 
 #include <cstdlib>
 
+#include <karu/TextConv/TextConv.h>
 #include <karu/string/replace.h>
 
 #include "methods.h"
-#include "sysconv.h"
 
 namespace Karu {
 
@@ -41,9 +41,9 @@ wstringEx LookUp(const wstringEx& name)
 {
     if (name.empty())
         return wstringEx();
-    const stringEx bytes = SysNarrow(name);
+    const stringEx bytes = SysWCtoMB(name);
     const char* value = std::getenv(bytes.c_str());
-    return value && *value ? SysWiden(stringEx(value)) : wstringEx();
+    return value && *value ? SysMBtoWC(stringEx(value)) : wstringEx();
 }
 
 // $NAME: the longest run of name characters behind the mark.

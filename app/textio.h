@@ -9,15 +9,12 @@
 // half of a unit does not survive that swap.
 #pragma once
 
-#include <memory>
-
+#include <karu/TextConv/TextConv.h>
 #include <karu/string/stringEx.h>
-
-#include "pending_conv.h"
 
 namespace Karu {
 
-using ConvPtr = std::shared_ptr<TTextConv>;
+using ConvPtr = TextConvPtr;
 
 // The whole file as wide text: decoded by conv, or taken as units when
 // `wide`, with the low 16 bits of each unit byte-swapped when `swapped`.

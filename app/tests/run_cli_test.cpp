@@ -209,7 +209,8 @@ TEST(Stream, StandardInputAndItsEndMarker)
         {"no count per file, a total at the end",
          {"-f", "-argfile:p.txt", "-encin:ISO-8859-1", "-frc", "-trc"}, "cat cat",
          "lion lion\xFF\n## total replaced 2 matchs\n"},
-        {"the marker can be matched", {"-f", "-argfile:m.txt", "-encin:ISO-8859-1"}, "x", "x<end>"},
+        {"the marker can be matched", {"-f", "-argfile:m.txt", "-encin:ISO-8859-1", "-encarg:ISO-8859-1"}, "x",
+         "x<end>"},
     };
     for (const Row& row : rows) {
         Sandbox box;

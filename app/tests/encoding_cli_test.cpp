@@ -1,0 +1,230 @@
+// Encodings from the outside: wide-unit files and streams round trip byte
+// for byte, signatures come and go as asked, lossy conversions are refused
+// unless forced, and real multi-byte encodings are decoded and encoded.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "cli_harness.h"
+
+using namespace ostrel_test;
+using namespace std::string_literals;
+
+namespace {
+
+using Args = std::vector<std::string>;
+
+// Four bytes a unit, low byte first, as the tool keeps wide units.
+std::string Units(std::initializer_list<uint32_t> units)
+{
+    std::string bytes;
+    for (uint32_t u : units)
+        for (int shift = 0; shift < 32; shift += 8)
+            bytes += static_cast<char>((u >> shift) & 0xFF);
+    return bytes;
+}
+
+TEST(WideUnits, FilesRoundTripByteForByte)
+{
+    struct Row {
+        const char* why;
+        Args encoding;
+        std::string before, after;
+        Args extra = {};
+    } rows[] = {
+        {"plain units", {"-encin:UTF-16"}, Units({'A', 'x', 0x4E2D}), Units({'C', 'x', 0x4E2D})},
+        {"upper halves survive without swap", {"-encin:ucs-2le"}, Units({0x12340041}), Units({0x12340041})},
+        {"a tail shorter than a unit is lost", {"-encin:UTF-16"}, Units({'A'}) + "xy", Units({'C'})},
+        {"swapped units", {"-encin:UTF-16BE"}, Units({0x4100, 0x4200}), Units({0x4300, 0x4200})},
+        {"signature dropped", {"-encin:UTF-16"}, Units({0xFEFF, 'A'}), Units({'C'})},
+        {"signature restored", {"-encin:UTF-16"}, Units({0xFEFF, 'A'}), Units({0xFEFF, 'C'}), {"-unisign"}},
+        {"swapped signature restored", {"-encin:UTF-16BE"}, Units({0xFFFE, 0x4100}), Units({0xFFFE, 0x4300}),
+         {"-unisign"}},
+        {"output named outside the family stays in units", {"-encin:UTF-16", "-encout:UTF-8"}, Units({'A'}),
+         Units({'C'})},
+        {"wide output of byte input", {"-encin:ISO-8859-1", "-encout:UTF-16"}, "A", Units({'C'})},
+        {"swapped output of byte input", {"-encin:ISO-8859-1", "-encout:CP1201"}, "A", Units({0x4300})},
+    };
+    for (const Row& row : rows) {
+        Sandbox box;
+        box.Put("p.txt", "A->C\n");
+        box.Put("w.bin", row.before);
+        Args args = {"w.bin", "-f", "-argfile:p.txt"};
+        args.insert(args.end(), row.encoding.begin(), row.encoding.end());
+        args.insert(args.end(), row.extra.begin(), row.extra.end());
+        const RunResult run = box.Run(args);
+        EXPECT_EQ(run.status, 0) << row.why << run.out << run.err;
+        EXPECT_EQ(Visible(box.Get("w.bin")), Visible(row.after)) << row.why;
+    }
+}
+
+TEST(WideUnits, StreamsAndArgumentsFile)
+{
+    Sandbox box;
+    box.Put("p.txt", "A->C\n");
+    box.Put("wide-pairs.bin", Units({'A', '-', '>', 'Z', '\n'}));
+    struct Row {
+        const char* why;
+        Args args;
+        std::string input, out;
+    } rows[] = {
+        {"units in, units out, the end mark as a last unit", {"-f", "-argfile:p.txt", "-encin:UTF-16"},
+         Units({'A', 'b'}), Units({'C', 'b', 0xFFFFFFFF})},
+        {"a partial last unit is dropped", {"-f", "-argfile:p.txt", "-encin:UTF-16"}, Units({'A'}) + "z",
+         Units({'C', 0xFFFFFFFF})},
+        {"swapped: the mark keeps only its low half", {"-f", "-argfile:p.txt", "-encin:UTF-16BE"},
+         Units({0x4100}), Units({0x4300, 0xFFFF})},
+        {"empty input gives the mark alone", {"-f", "-argfile:p.txt", "-encin:UTF-16"}, "", Units({0xFFFFFFFF})},
+        {"pairs read in units", {"-f", "-argfile:wide-pairs.bin", "-encarg:UTF-16", "-encin:ISO-8859-1"}, "A",
+         "Z\xFF"},
+        {"no signature on standard output", {"-f", "-argfile:p.txt", "-encin:UTF-16", "-unisign"}, Units({'A'}),
+         Units({'C', 0xFFFFFFFF})},
+    };
+    for (const Row& row : rows) {
+        const RunResult run = box.Run(row.args, {row.input});
+        EXPECT_EQ(run.status, 0) << row.why << run.err;
+        EXPECT_EQ(Visible(run.out), Visible(row.out)) << row.why;
+    }
+}
+
+TEST(Signatures, OnlyUtf8ByThatNameGetsOne)
+{
+    struct Row {
+        const char* why;
+        std::string before;
+        Args args;
+        std::string after;
+    } rows[] = {
+        {"added on request", "A", {"-encin:UTF-8", "-unisign"}, "\xEF\xBB\xBF" "C"},
+        {"any case of the name", "A", {"-encin:UTF-8", "-encout:utf-8", "-unisign"}, "\xEF\xBB\xBF" "C"},
+        {"dropped on reading, not restored unasked", "\xEF\xBB\xBF" "A", {"-encin:UTF-8"}, "C"},
+        {"another spelling gets none", "A", {"-encin:UTF-8", "-encout:UTF8", "-unisign", "-force"}, "C"},
+        {"byte encodings get none", "A", {"-encin:ISO-8859-1", "-unisign"}, "C"},
+    };
+    for (const Row& row : rows) {
+        Sandbox box;
+        box.Put("p.txt", "A->C\n");
+        box.Put("t.txt", row.before);
+        Args args = {"t.txt", "-f", "-argfile:p.txt"};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        const RunResult run = box.Run(args);
+        EXPECT_EQ(run.status, 0) << row.why << run.out << run.err;
+        EXPECT_EQ(Visible(box.Get("t.txt")), Visible(row.after)) << row.why;
+    }
+}
+
+TEST(Compatibility, LossyConversionsNeedForce)
+{
+    Sandbox box;
+    box.Put("p.txt", "A->C\n");
+    box.Put("t.txt", "A");
+    const RunResult refused = box.Run({"t.txt", "-f", "-argfile:p.txt", "-encin: UTF-8 ", "-encout:GBK"});
+    EXPECT_EQ(refused.status, 255);
+    EXPECT_EQ(refused.out,
+              "\n## Incompatible text encoding convertion detected: encoding from \"UTF-8\" to \"GBK\" will lost "
+              "infomation and should not be used. use: \"tolmek -listcmp\" for a list of the compatible convertion "
+              "combinations. or use \"-force\" to enforce the convertion.\n");
+    EXPECT_EQ(box.Get("t.txt"), "A");
+
+    const RunResult forced = box.Run({"t.txt", "-f", "-argfile:p.txt", "-encin:UTF-8", "-encout:GBK", "-force"});
+    EXPECT_EQ(forced.status, 0) << forced.err;
+    EXPECT_EQ(box.Get("t.txt"), "C");
+}
+
+TEST(Conversion, RealEncodingsAndBadInput)
+{
+    // "你好, 世界" in GBK, and the pairs written in UTF-8.
+    const std::string gbkHello = "\xC4\xE3\xBA\xC3, \xCA\xC0\xBD\xE7";
+    struct Row {
+        const char* why;
+        std::string before;
+        Args args;
+        std::string after;
+        std::string locale = "C";
+    } rows[] = {
+        {"GBK in and out", gbkHello, {"-encin:GBK"}, "\xC4\xE3\xBA\xC3, World"},
+        {"GBK to UTF-8", gbkHello, {"-encin:GBK", "-encout:UTF-8"}, "\xE4\xBD\xA0\xE5\xA5\xBD, World"},
+        {"Latin-1 to UTF-8", "Stra\xDF" "e", {"-encin:ISO-8859-1", "-encout:UTF-8"}, "Street"},
+        {"Latin-1 keeps every other byte, NUL included", "\x00\xFF\x80Stra\xDF" "e\x01",
+         {"-encin:latin1", "-force"}, "\x00\xFF\x80Street\x01"},
+        {"a UTF-8 locale needs no names", "\xC3\xA9t\xC3\xA9 Stra\xC3\x9F" "e", {}, "\xC3\xA9t\xC3\xA9 Street",
+         "C.UTF-8"},
+        {"an unknown name maps bytes one to one", "\xE9 Stra\xDF" "e", {"-encin:NO-SUCH-CODE", "-force"},
+         "\xE9 Stra\xDF" "e"},
+    };
+    for (const Row& row : rows) {
+        Sandbox box;
+        box.Put("p.txt", "世界->World\nStraße->Street\n");
+        box.Put("t.txt", row.before);
+        Args args = {"t.txt", "-f", "-argfile:p.txt", "-encarg:UTF-8"};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        const RunResult run = box.Run(args, {"", row.locale});
+        EXPECT_EQ(run.status, 0) << row.why << run.out << run.err;
+        EXPECT_EQ(Visible(box.Get("t.txt")), Visible(row.after)) << row.why;
+    }
+
+    // A byte that is invalid in the input encoding does not stop the run:
+    // the system's converter drops it or marks it with a question mark.
+    {
+        Sandbox box;
+        box.Put("p.txt", "Straße->Street\n");
+        box.Put("t.txt", "\xFF Stra\xC3\x9F" "e");
+        const RunResult run = box.Run({"t.txt", "-f", "-argfile:p.txt", "-encarg:UTF-8", "-encin:UTF-8"});
+        EXPECT_EQ(run.status, 0) << run.err;
+        const std::string after = box.Get("t.txt");
+        EXPECT_TRUE(after == " Street" || after == "? Street") << Visible(after);
+    }
+
+    // The same unknown name on both sides is no known lossless conversion.
+    Sandbox box;
+    box.Put("p.txt", "a->b\n");
+    box.Put("t.txt", "a");
+    const RunResult refused = box.Run({"t.txt", "-f", "-argfile:p.txt", "-encin:NO-SUCH-CODE"});
+    EXPECT_EQ(refused.status, 255);
+    EXPECT_EQ(box.Get("t.txt"), "a");
+}
+
+TEST(Listings, ColumnsOfEncodingsAndGroups)
+{
+    Sandbox box;
+    const RunResult encodings = box.Run({"-listenc", "-listcmp", "-encin:NOPE", "*.none"});
+    EXPECT_EQ(encodings.status, 0);
+    EXPECT_EQ(encodings.out.substr(0, 124),
+              "\nName                Codepage   Description\n" + std::string(79, '=') + "\n");
+    struct Row {
+        const char* why;
+        std::string line;
+    } rows[] = {
+        {"short name padded to 20", "ANSI-Arabic         CP1256     Arabic - ANSI\n"},
+        {"a name of 20 moves the row on", "ANSI-CentralEuropean\n                    CP1250     Central European"},
+        {"long name", "OEM-MultlingualLatinI+EuroSymbol\n                    CP858      Multlingual Latin I"},
+        {"table order ignores case", "UCS-2LE             CP1200     Unicode - UCS-2 Little-Endian"},
+        {"last row", "VISCII              CP1258     Vietnamese - VISCII\n"},
+    };
+    for (const Row& row : rows)
+        EXPECT_NE(encodings.out.find(row.line), std::string::npos) << row.why;
+    EXPECT_EQ(encodings.out.find("-- Unicode Charset --"), std::string::npos) << "only the first listing runs";
+    EXPECT_EQ(std::count(encodings.out.begin(), encodings.out.end(), '\n'), 3 + 95 + 3);
+
+    const RunResult groups = box.Run({"-LISTCMP"});
+    EXPECT_EQ(groups.status, 0);
+    const std::string head = "From                                    To\n" + std::string(79, '=') + "\n";
+    const std::string pad = std::string(40 - 5, ' ');
+    Row groupRows[] = {
+        {"any source", "\n-- Unicode Charset --\n" + head + "<ANY>" + pad + "GB18030\n<ANY>" + pad + "UCS-2\n"},
+        {"any target", "\n-- Standard English --\n" + head + "ANSI_x3.4-1968" + std::string(26, ' ') + "<ANY>\n"},
+        {"mutual group", "\n-- Vietnamese --\n" + head + "TCVN" + std::string(36, ' ') + "TCVN\nVISCII" +
+                             std::string(34, ' ') + "VISCII\n"},
+        {"side by side, the right side runs out",
+         "\n-- CJK Charset --\n" + head + "BIG5" + std::string(36, ' ') + "GB18030\nBIG5-HKSCS" +
+             std::string(30, ' ') + "GBK\nBIG5-HKSCS:1999" + std::string(25, ' ') + "\n"},
+    };
+    for (const Row& row : groupRows)
+        EXPECT_NE(groups.out.find(row.line), std::string::npos) << row.why;
+    size_t groupCount = 0;
+    for (size_t at = 0; (at = groups.out.find("\n-- ", at)) != std::string::npos; ++at)
+        ++groupCount;
+    EXPECT_EQ(groupCount, 18u);
+}
+
+}  // namespace
