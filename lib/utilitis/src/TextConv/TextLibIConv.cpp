@@ -16,6 +16,7 @@
 // tried; it gives byte-identical results or steps aside.
 #include <karu/TextConv/backends.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -38,6 +39,9 @@ constexpr const char* kWideCode = "UCS-4LE";
 // Stack buffers of one round: 256 wide characters, 512 bytes.
 constexpr size_t kWideRoundBytes = 1024;
 constexpr size_t kByteRoundBytes = 512;
+// Characters handed to a stateful encoder at once: even with a designation
+// and a single shift before each, their bytes fit one round's buffer.
+constexpr size_t kStatefulPieceChars = 32;
 
 struct IconvLibrary {
     std::unique_ptr<CDllLoader> loader;
@@ -215,6 +219,28 @@ bool ProbeConvert(IconvFn convert, void* cd, const char* src, size_t bytes, stri
 
 }  // namespace
 
+// Whether the encoder keeps a shift state: it then has something to write
+// when it is reset after a few characters of different scripts.
+bool HoldsState(IconvFn convert, void* cd)
+{
+    const wchar_t sample[] = L"A\x4E00\x3042\xAC00\xE9\x391\x5D0";
+    char buffer[kByteRoundBytes];
+    char* in = reinterpret_cast<char*>(const_cast<wchar_t*>(sample));
+    size_t inLeft = sizeof sample - sizeof(wchar_t);
+    char* out = buffer;
+    size_t outLeft = sizeof buffer;
+    convert(cd, nullptr, nullptr, &out, &outLeft);
+    convert(cd, &in, &inLeft, &out, &outLeft);
+    out = buffer;
+    outLeft = sizeof buffer;
+    convert(cd, nullptr, nullptr, &out, &outLeft);
+    const bool stateful = outLeft != sizeof buffer;
+    out = buffer;
+    outLeft = sizeof buffer;
+    convert(cd, nullptr, nullptr, &out, &outLeft);
+    return stateful;
+}
+
 // Opens both directions for `encoding`, and the shortcut if there is one;
 // leaves both descriptors closed if either direction is refused.
 void CTextLibIConv::__Open(const stringEx& encoding)
@@ -231,6 +257,7 @@ void CTextLibIConv::__Open(const stringEx& encoding)
         return;
     }
     IconvFn convert = lib.convert;
+    _stateful = HoldsState(convert, _toBytes);
     _fast = IMPL::MakeFastCodec(
         _encoding,
         [this, convert](const stringEx& src, wstringEx& dst) {
@@ -337,6 +364,11 @@ stringEx CTextLibIConv::Encoding() const
     return _encoding;
 }
 
+stringEx CTextLibIConv::Shortcut() const
+{
+    return _fast ? stringEx(_fast->Kind()) : stringEx();
+}
+
 void CTextLibIConv::MBtoWC(wstringEx& dst, const stringEx& src)
 {
     if (_fast && _fast->Decode(dst, src))
@@ -372,10 +404,43 @@ void CTextLibIConv::LibWCtoMB(stringEx& dst, const wstringEx& src)
         return;
     CFastLockHolder hold(_lock);
     IconvFn convert = Library().convert;
-    RunRounds<kByteRoundBytes>(
-        convert, _toBytes, reinterpret_cast<const char*>(src.data()), src.size() * sizeof(wchar_t),
-        sizeof(wchar_t), [&dst](const char* bytes, size_t n) { dst.append(bytes, n); },
-        [&dst] { dst.push_back('?'); });
+    const char* bytes = reinterpret_cast<const char*>(src.data());
+    const size_t total = src.size() * sizeof(wchar_t);
+    auto emit = [&dst](const char* out, size_t n) { dst.append(out, n); };
+    auto fail = [&dst] { dst.push_back('?'); };
+    if (!_stateful) {
+        RunRounds<kByteRoundBytes>(convert, _toBytes, bytes, total, sizeof(wchar_t), emit, fail);
+    } else {
+        // Some stateful encoders of the C library forget their designation
+        // when a call stops because the output buffer is full, and then
+        // write text that reads back differently. Pieces small enough that
+        // their output always fits keep every call whole.
+        char buffer[kByteRoundBytes];
+        char* out = buffer;
+        size_t outLeft = sizeof buffer;
+        convert(_toBytes, nullptr, nullptr, &out, &outLeft);
+        char* in = const_cast<char*>(bytes);
+        size_t inLeft = total;
+        while (inLeft > 0) {
+            size_t pieceLeft = std::min(inLeft, kStatefulPieceChars * sizeof(wchar_t));
+            const size_t piece = pieceLeft;
+            out = buffer;
+            outLeft = sizeof buffer;
+            const size_t result = convert(_toBytes, &in, &pieceLeft, &out, &outLeft);
+            const size_t produced = sizeof buffer - outLeft;
+            inLeft -= piece - pieceLeft;
+            if (produced == 0 && result == static_cast<size_t>(-1) && pieceLeft == piece) {
+                // Nothing taken and nothing made: the character is skipped.
+                fail();
+                if (inLeft <= sizeof(wchar_t))
+                    break;
+                in += sizeof(wchar_t);
+                inLeft -= sizeof(wchar_t);
+                continue;
+            }
+            emit(buffer, produced);
+        }
+    }
     // Return to the initial shift state, so that a stateful encoding ends as
     // a complete text (and the last bytes of a UTF-7 run are not lost).
     char buffer[kByteRoundBytes];

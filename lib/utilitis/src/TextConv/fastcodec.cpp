@@ -1,11 +1,426 @@
-// Shortcuts for common encodings; see fastcodec.h.
+// Shortcuts for common encodings; see fastcodec.h for the contract.
+//
+// Unicode forms are decoded by straight-line code that accepts only
+// well-formed input (shortest forms, no surrogates, nothing above U+10FFFF)
+// and steps aside on anything else. Single-byte code pages use a 256-entry
+// table that the back end fills itself, byte by byte, when the converter is
+// made; the reverse direction is filled the same way from the characters the
+// table holds. A table is trusted only after the back end has converted its
+// entries in sequence exactly as the table does, every entry followed by
+// every combining mark among them included, which rules out code pages that
+// compose neighbours (a base letter with a following tone mark, say).
+//
+// Every shortcut is checked against the back end on a sample before use, so
+// a library that treats some form differently (a byte-order mark, say)
+// simply gets no shortcut.
 #include "fastcodec.h"
+
+#include <array>
+#include <cstring>
+#include <string>
+#include <vector>
 
 namespace Karu::IMPL {
 
-std::unique_ptr<CFastCodec> MakeFastCodec(const stringEx&, const ProbeDecode&, const ProbeEncode&)
+namespace {
+
+constexpr uint32_t kMaxScalar = 0x10FFFF;
+
+inline bool IsSurrogate(uint32_t c) noexcept
 {
+    return c >= 0xD800 && c <= 0xDFFF;
+}
+
+inline bool IsScalar(uint32_t c) noexcept
+{
+    return c <= kMaxScalar && !IsSurrogate(c);
+}
+
+// ---- UTF-8 ---------------------------------------------------------------------------
+
+class CUtf8Codec : public CFastCodec {
+public:
+    bool Decode(wstringEx& dst, const stringEx& src) const override
+    {
+        const auto* in = reinterpret_cast<const unsigned char*>(src.data());
+        const size_t n = src.size();
+        dst.clear();
+        wchar_t* out = dst.GetBuffer(n);
+        size_t i = 0, o = 0;
+        while (i < n) {
+            // Runs of ASCII, eight bytes a step.
+            while (i + 8 <= n) {
+                uint64_t word;
+                std::memcpy(&word, in + i, 8);
+                if (word & 0x8080808080808080ull)
+                    break;
+                for (int k = 0; k < 8; ++k)
+                    out[o + k] = static_cast<wchar_t>(in[i + k]);
+                i += 8;
+                o += 8;
+            }
+            if (i >= n)
+                break;
+            const uint32_t c = in[i];
+            if (c < 0x80) {
+                out[o++] = static_cast<wchar_t>(c);
+                ++i;
+                continue;
+            }
+            uint32_t cp;
+            size_t len;
+            if (c >= 0xC2 && c <= 0xDF) {
+                len = 2;
+                cp = c & 0x1F;
+            } else if (c >= 0xE0 && c <= 0xEF) {
+                len = 3;
+                cp = c & 0x0F;
+            } else if (c >= 0xF0 && c <= 0xF4) {
+                len = 4;
+                cp = c & 0x07;
+            } else {
+                return false;
+            }
+            if (i + len > n)
+                return false;
+            for (size_t k = 1; k < len; ++k) {
+                const uint32_t t = in[i + k];
+                if ((t & 0xC0) != 0x80)
+                    return false;
+                cp = (cp << 6) | (t & 0x3F);
+            }
+            // Overlong forms, surrogates and values past the last plane.
+            if ((len == 3 && cp < 0x800) || (len == 4 && (cp < 0x10000 || cp > kMaxScalar)) || IsSurrogate(cp))
+                return false;
+            out[o++] = static_cast<wchar_t>(cp);
+            i += len;
+        }
+        dst.SetSize(o);
+        return true;
+    }
+
+    bool Encode(stringEx& dst, const wstringEx& src) const override
+    {
+        const wchar_t* in = src.data();
+        const size_t n = src.size();
+        // Sizing first keeps the result exactly as large as it needs to be;
+        // it also finds anything that is no character before any writing.
+        size_t bytes = 0;
+        for (size_t i = 0; i < n; ++i) {
+            const uint32_t c = static_cast<uint32_t>(in[i]);
+            if (!IsScalar(c))
+                return false;
+            bytes += c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
+        }
+        dst.clear();
+        auto* out = reinterpret_cast<unsigned char*>(dst.GetBuffer(bytes));
+        size_t o = 0;
+        for (size_t i = 0; i < n; ++i) {
+            const uint32_t c = static_cast<uint32_t>(in[i]);
+            if (c < 0x80) {
+                out[o++] = static_cast<unsigned char>(c);
+            } else if (c < 0x800) {
+                out[o++] = static_cast<unsigned char>(0xC0 | (c >> 6));
+                out[o++] = static_cast<unsigned char>(0x80 | (c & 0x3F));
+            } else if (c < 0x10000) {
+                out[o++] = static_cast<unsigned char>(0xE0 | (c >> 12));
+                out[o++] = static_cast<unsigned char>(0x80 | ((c >> 6) & 0x3F));
+                out[o++] = static_cast<unsigned char>(0x80 | (c & 0x3F));
+            } else {
+                out[o++] = static_cast<unsigned char>(0xF0 | (c >> 18));
+                out[o++] = static_cast<unsigned char>(0x80 | ((c >> 12) & 0x3F));
+                out[o++] = static_cast<unsigned char>(0x80 | ((c >> 6) & 0x3F));
+                out[o++] = static_cast<unsigned char>(0x80 | (c & 0x3F));
+            }
+        }
+        dst.SetSize(o);
+        return true;
+    }
+
+    const char* Kind() const noexcept override { return "utf-8"; }
+};
+
+// ---- UTF-16, UCS-2 and UTF-32 in a fixed byte order ---------------------------------------
+
+template <size_t Width>
+uint32_t ReadUnit(const unsigned char* p, bool bigEndian) noexcept
+{
+    uint32_t v = 0;
+    for (size_t k = 0; k < Width; ++k)
+        v |= static_cast<uint32_t>(p[k]) << (8 * (bigEndian ? Width - 1 - k : k));
+    return v;
+}
+
+template <size_t Width>
+void WriteUnit(unsigned char* p, uint32_t v, bool bigEndian) noexcept
+{
+    for (size_t k = 0; k < Width; ++k)
+        p[k] = static_cast<unsigned char>(v >> (8 * (bigEndian ? Width - 1 - k : k)));
+}
+
+// Width 2 with pairs is UTF-16, without them UCS-2; width 4 is UTF-32.
+template <size_t Width>
+class CUnitCodec : public CFastCodec {
+public:
+    CUnitCodec(bool bigEndian, bool pairs, const char* kind) : _bigEndian(bigEndian), _pairs(pairs), _kind(kind) {}
+
+    bool Decode(wstringEx& dst, const stringEx& src) const override
+    {
+        if (src.size() % Width)
+            return false;
+        const auto* in = reinterpret_cast<const unsigned char*>(src.data());
+        const size_t units = src.size() / Width;
+        dst.clear();
+        wchar_t* out = dst.GetBuffer(units);
+        size_t o = 0;
+        for (size_t i = 0; i < units; ++i) {
+            uint32_t c = ReadUnit<Width>(in + i * Width, _bigEndian);
+            if (Width == 2 && _pairs && c >= 0xD800 && c < 0xDC00 && i + 1 < units) {
+                const uint32_t low = ReadUnit<Width>(in + (i + 1) * Width, _bigEndian);
+                if (low >= 0xDC00 && low <= 0xDFFF) {
+                    c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
+                    ++i;
+                }
+            }
+            if (!IsScalar(c))
+                return false;
+            out[o++] = static_cast<wchar_t>(c);
+        }
+        dst.SetSize(o);
+        return true;
+    }
+
+    bool Encode(stringEx& dst, const wstringEx& src) const override
+    {
+        const wchar_t* in = src.data();
+        size_t units = 0;
+        for (size_t i = 0; i < src.size(); ++i) {
+            const uint32_t c = static_cast<uint32_t>(in[i]);
+            if (!IsScalar(c) || (Width == 2 && c > 0xFFFF && !_pairs))
+                return false;
+            units += (Width == 2 && c > 0xFFFF) ? 2 : 1;
+        }
+        dst.clear();
+        auto* out = reinterpret_cast<unsigned char*>(dst.GetBuffer(units * Width));
+        for (size_t i = 0; i < src.size(); ++i) {
+            const uint32_t c = static_cast<uint32_t>(in[i]);
+            if (Width == 2 && c > 0xFFFF) {
+                WriteUnit<Width>(out, 0xD800 + ((c - 0x10000) >> 10), _bigEndian);
+                WriteUnit<Width>(out + Width, 0xDC00 + ((c - 0x10000) & 0x3FF), _bigEndian);
+                out += 2 * Width;
+            } else {
+                WriteUnit<Width>(out, c, _bigEndian);
+                out += Width;
+            }
+        }
+        dst.SetSize(units * Width);
+        return true;
+    }
+
+    const char* Kind() const noexcept override { return _kind; }
+
+private:
+    bool _bigEndian;
+    bool _pairs;
+    const char* _kind;
+};
+
+// ---- single-byte code pages ----------------------------------------------------------------
+
+// Marks a byte or a character the back end does not convert one to one.
+constexpr uint32_t kNoImage = 0xFFFFFFFF;
+// A table with more holes than this belongs to a multi-byte encoding (lead
+// bytes are holes): its shortcut would step aside on nearly every text.
+constexpr int kMaxHoles = 32;
+
+// Marks that attach to the character before them, in the scripts that
+// single-byte code pages cover.
+bool IsCombining(uint32_t c) noexcept
+{
+    return (c >= 0x0300 && c <= 0x036F) || (c >= 0x0483 && c <= 0x0489) || (c >= 0x0591 && c <= 0x05C7) ||
+           (c >= 0x0610 && c <= 0x061A) || (c >= 0x064B && c <= 0x065F) || c == 0x0670 ||
+           (c >= 0x0E31 && c <= 0x0E4E) || (c >= 0x1DC0 && c <= 0x1DFF) || (c >= 0x20D0 && c <= 0x20FF);
+}
+
+class CTableCodec : public CFastCodec {
+public:
+    bool Decode(wstringEx& dst, const stringEx& src) const override
+    {
+        const auto* in = reinterpret_cast<const unsigned char*>(src.data());
+        const size_t n = src.size();
+        dst.clear();
+        wchar_t* out = dst.GetBuffer(n);
+        for (size_t i = 0; i < n; ++i) {
+            const uint32_t c = toWide[in[i]];
+            if (c == kNoImage)
+                return false;
+            out[i] = static_cast<wchar_t>(c);
+        }
+        dst.SetSize(n);
+        return true;
+    }
+
+    bool Encode(stringEx& dst, const wstringEx& src) const override
+    {
+        const wchar_t* in = src.data();
+        const size_t n = src.size();
+        dst.clear();
+        auto* out = reinterpret_cast<unsigned char*>(dst.GetBuffer(n));
+        for (size_t i = 0; i < n; ++i) {
+            const int byte = ByteOf(static_cast<uint32_t>(in[i]));
+            if (byte < 0)
+                return false;
+            out[i] = static_cast<unsigned char>(byte);
+        }
+        dst.SetSize(n);
+        return true;
+    }
+
+    const char* Kind() const noexcept override { return "table"; }
+
+    int ByteOf(uint32_t c) const noexcept
+    {
+        if (c > 0xFFFF)
+            return -1;
+        return pages[pageOf[c >> 8]][c & 0xFF];
+    }
+
+    void SetByte(uint32_t c, int byte)
+    {
+        uint8_t& page = pageOf[c >> 8];
+        if (page == 0) {
+            page = static_cast<uint8_t>(pages.size());
+            pages.emplace_back();
+            pages.back().fill(-1);
+        }
+        pages[page][c & 0xFF] = static_cast<int16_t>(byte);
+    }
+
+    std::array<uint32_t, 256> toWide{};
+    // Wide to byte in two levels: pageOf selects one of the pages by the
+    // character's high byte; page 0 is the empty one.
+    std::array<uint8_t, 256> pageOf{};
+    std::vector<std::array<int16_t, 256>> pages = std::vector<std::array<int16_t, 256>>(1);
+};
+
+std::unique_ptr<CFastCodec> MakeTableCodec(const ProbeDecode& decode, const ProbeEncode& encode)
+{
+    auto codec = std::make_unique<CTableCodec>();
+    codec->pages[0].fill(-1);
+    std::vector<unsigned char> exact;
+    wstringEx wide;
+    for (int b = 0; b < 256; ++b) {
+        const char byte = static_cast<char>(b);
+        if (decode(stringEx(&byte, 1), wide) && wide.size() == 1 && static_cast<uint32_t>(wide[0]) != kNoImage) {
+            codec->toWide[b] = static_cast<uint32_t>(wide[0]);
+            exact.push_back(static_cast<unsigned char>(b));
+        } else {
+            codec->toWide[b] = kNoImage;
+        }
+    }
+    if (256 - static_cast<int>(exact.size()) > kMaxHoles)
+        return nullptr;
+    stringEx all;
+    wstringEx allWide;
+    for (int pass = 0; pass < 2; ++pass)
+        for (size_t i = 0; i < exact.size(); ++i) {
+            const unsigned char b = exact[pass == 0 ? i : exact.size() - 1 - i];
+            all.push_back(static_cast<char>(b));
+            allWide.push_back(static_cast<wchar_t>(codec->toWide[b]));
+        }
+    if (!decode(all, wide) || !(wide == allWide))
+        return nullptr;
+    // The reverse: what the back end makes of each character the table holds.
+    stringEx bytes;
+    std::vector<uint32_t> chars;
+    for (unsigned char b : exact) {
+        const uint32_t c = codec->toWide[b];
+        if (c > 0xFFFF || codec->ByteOf(c) >= 0)
+            continue;
+        wstringEx one(1, static_cast<wchar_t>(c));
+        if (encode(one, bytes) && bytes.size() == 1) {
+            codec->SetByte(c, static_cast<unsigned char>(bytes[0]));
+            chars.push_back(c);
+        }
+    }
+    // Neighbours must not change each other: the whole table forwards and
+    // backwards, and every entry before each combining mark, since a code
+    // page that composes a letter with a following mark would otherwise
+    // decode differently in context than byte by byte.
+    std::vector<uint32_t> order(chars.begin(), chars.end());
+    order.insert(order.end(), chars.rbegin(), chars.rend());
+    for (uint32_t mark : chars) {
+        if (!IsCombining(mark))
+            continue;
+        for (uint32_t c : chars) {
+            order.push_back(c);
+            order.push_back(mark);
+        }
+    }
+    stringEx sequence;
+    wstringEx sequenceWide;
+    for (uint32_t c : order) {
+        sequence.push_back(static_cast<char>(codec->ByteOf(c)));
+        sequenceWide.push_back(static_cast<wchar_t>(c));
+    }
+    if (!decode(sequence, wide) || !(wide == sequenceWide))
+        return nullptr;
+    if (!encode(sequenceWide, bytes) || !(bytes == sequence))
+        return nullptr;
+    return codec;
+}
+
+// Uppercase ASCII, for comparing encoding names.
+std::string Upper(const stringEx& name)
+{
+    std::string s(name.data(), name.size());
+    for (char& c : s)
+        if (c >= 'a' && c <= 'z')
+            c = static_cast<char>(c - 'a' + 'A');
+    return s;
+}
+
+std::unique_ptr<CFastCodec> UnicodeCodec(const std::string& name)
+{
+    if (name == "UTF-8" || name == "UTF8")
+        return std::make_unique<CUtf8Codec>();
+    if (name == "UTF-16LE" || name == "UTF-16BE")
+        return std::make_unique<CUnitCodec<2>>(name[name.size() - 2] == 'B', true, "utf-16");
+    if (name == "UCS-2LE" || name == "UCS-2BE")
+        return std::make_unique<CUnitCodec<2>>(name[name.size() - 2] == 'B', false, "ucs-2");
+    if (name == "UTF-32LE" || name == "UTF-32BE")
+        return std::make_unique<CUnitCodec<4>>(name[name.size() - 2] == 'B', true, "utf-32");
     return nullptr;
+}
+
+// A shortcut for a Unicode form is trusted once the back end agrees with it
+// on a sample of every length of sequence, including a leading U+FEFF.
+bool AgreesOnSample(const CFastCodec& codec, const ProbeDecode& decode, const ProbeEncode& encode, bool bmpOnly)
+{
+    std::wstring sample = L"\xFEFF" L"A\x01\x7F\x80\xE9\xFF\x100\x7FF\x800\x4F60\xFEFF\xFFFD";
+    if (!bmpOnly)
+        sample += L"\x10000\x1F600\x10FFFF";
+    const wstringEx wide(sample.data(), sample.size());
+    stringEx viaBackEnd, viaCodec;
+    wstringEx back, fastBack;
+    return encode(wide, viaBackEnd) && codec.Encode(viaCodec, wide) && viaBackEnd == viaCodec &&
+           decode(viaBackEnd, back) && codec.Decode(fastBack, viaBackEnd) && back == fastBack && back == wide;
+}
+
+}  // namespace
+
+std::unique_ptr<CFastCodec> MakeFastCodec(const stringEx& encoding, const ProbeDecode& decode,
+                                          const ProbeEncode& encode)
+{
+    try {
+        const std::string name = Upper(encoding);
+        if (std::unique_ptr<CFastCodec> codec = UnicodeCodec(name))
+            return AgreesOnSample(*codec, decode, encode, name.rfind("UCS-2", 0) == 0) ? std::move(codec) : nullptr;
+        return MakeTableCodec(decode, encode);
+    } catch (...) {
+        // A shortcut is an optimisation: without one the back end serves.
+        return nullptr;
+    }
 }
 
 }  // namespace Karu::IMPL

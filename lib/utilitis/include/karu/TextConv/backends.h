@@ -44,6 +44,10 @@ public:
     void LibMBtoWC(wstringEx& dst, const stringEx& src);
     void LibWCtoMB(stringEx& dst, const wstringEx& src);
 
+    // The shortcut in use for this encoding ("utf-8", "utf-16", "ucs-2",
+    // "utf-32", "table"), or empty when every conversion goes to the library.
+    stringEx Shortcut() const;
+
     // A library tried before the usual names; empty (the default) for none.
     static void SetLibraryPath(const stringEx& path);
     static stringEx GetLibraryPath();
@@ -61,6 +65,7 @@ private:
     stringEx _encoding;
     FAST_PCLOCK _lock;
     std::unique_ptr<IMPL::CFastCodec> _fast;
+    bool _stateful = false;
 };
 
 class CTextLibIcu : public TTextConv {

@@ -193,7 +193,9 @@ TEST(EncodingCompat, PairsAndTheirGroups)
 
 TEST(SysEncoding, ReadOnceFromTheEnvironment)
 {
-    // Each row runs in a child process: the values are cached for life.
+    // Each row runs in a fresh process: the values are cached for life, and
+    // other tests of this program may have read them already.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     struct Row {
         const char* lang;
         const char* ctype;
