@@ -21,6 +21,7 @@
 namespace Karu {
 
 using StringVector = std::vector<stringEx>;
+using WStringVector = std::vector<wstringEx>;
 
 // stat() with the library's messages; follows links.
 void PosixStat(const stringEx& path, struct stat& status);
@@ -61,6 +62,7 @@ class CDir {
 public:
     CDir() = default;
     explicit CDir(const stringEx& path, bool create = false, bool noCheck = false) { Open(path, create, noCheck); }
+    explicit CDir(const wstringEx& path, bool create = false, bool noCheck = false) { Open(path, create, noCheck); }
 
     const stringEx& Path() const noexcept { return _path; }
 
@@ -85,6 +87,21 @@ public:
                            bool includeHidden = false, bool includeDots = false, uint32_t reserved = 0) const;
     bool NextFile(CDirHandle& handle, stringEx& name, bool includeHidden) const;
     bool NextSubDir(CDirHandle& handle, stringEx& name, bool includeHidden, bool includeDots) const;
+
+    // ---- wide names -------------------------------------------------------------
+    // The same operations on wide names: a name goes to the system's narrow
+    // encoding on the way in and comes back through it on the way out, so a
+    // wide caller sees exactly what a narrow one would.
+    void Open(const wstringEx& path, bool create = false, bool noCheck = false);
+    static void ConvToFullPath(wstringEx& path);
+    static wstringEx GetPathDir(const wstringEx& path);
+    static wstringEx GetPathFilename(const wstringEx& path);
+    uint32_t GetAllFiles(WStringVector& result, const wstringEx& pattern, bool recursive = false,
+                         bool includeHidden = false, uint32_t reserved = 0) const;
+    uint32_t GetAllSubDirs(WStringVector& result, const wstringEx& pattern, bool recursive = false,
+                           bool includeHidden = false, bool includeDots = false, uint32_t reserved = 0) const;
+    bool NextFile(CDirHandle& handle, wstringEx& name, bool includeHidden) const;
+    bool NextSubDir(CDirHandle& handle, wstringEx& name, bool includeHidden, bool includeDots) const;
 
     // ---- whole files ------------------------------------------------------------------
     // Rewrites in place under an exclusive lock: no temporary file, so owner,

@@ -48,6 +48,9 @@ public:
 
     void Open(const stringEx& path, uint32_t openFlags, uint32_t extraFlags = 0, uint32_t shareMode = kShareNone,
               uint32_t permissions = kDefaultFilePermissions, uint32_t options = 0);
+    // A wide path goes to the system's narrow encoding first.
+    void Open(const wstringEx& path, uint32_t openFlags, uint32_t extraFlags = 0, uint32_t shareMode = kShareNone,
+              uint32_t permissions = kDefaultFilePermissions, uint32_t options = 0);
     // Takes over standard input (0), output (1) or error (2) without a count.
     void Open(uint32_t consoleType);
     void Close();

@@ -1,6 +1,7 @@
 // Files and directories: descriptor sharing and its failures, path
 // normalisation, the wildcard search over a real tree, and whole-file reads
 // and writes with their locking.
+#include <karu/TextConv/TextConv.h>
 #include <karu/file/dir.h>
 #include <karu/file/sysfile.h>
 
@@ -138,6 +139,38 @@ std::vector<std::string> Found(const Scratch& dir, const char* pattern, bool rec
         names.push_back(std::string(f.c_str()).substr(dir.path.size() + 1));
     std::sort(names.begin(), names.end());
     return names;
+}
+
+// The wide forms must hand every flag through: a swapped or dropped flag
+// shows as a different list than the narrow form gives.
+TEST(Search, WideFormsListWhatTheNarrowFormsList)
+{
+    const Scratch dir;
+    for (const char* f : {"a.txt", ".h.txt", "sub/c.txt", "sub/.d/e.txt"})
+        CDir::MakeDir(CDir::GetPathDir((dir / f).c_str()), true), dir.Put(f, "content");
+    const CDir narrowDir(dir.path.c_str());
+    const CDir wideDir(SysMBtoWC(dir.path.c_str()));
+    for (int flags = 0; flags < 8; ++flags) {
+        const bool recursive = flags & 1, hidden = flags & 2, dots = flags & 4;
+        StringVector files, dirs;
+        WStringVector wideFiles, wideDirs;
+        narrowDir.GetAllFiles(files, "*", recursive, hidden);
+        EXPECT_EQ(wideDir.GetAllFiles(wideFiles, L"*", recursive, hidden), files.size()) << flags;
+        narrowDir.GetAllSubDirs(dirs, "*", recursive, hidden, dots);
+        EXPECT_EQ(wideDir.GetAllSubDirs(wideDirs, L"*", recursive, hidden, dots), dirs.size()) << flags;
+        for (size_t i = 0; i < files.size() && i < wideFiles.size(); ++i)
+            EXPECT_EQ(wideFiles[i], SysMBtoWC(files[i])) << flags;
+        for (size_t i = 0; i < dirs.size() && i < wideDirs.size(); ++i)
+            EXPECT_EQ(wideDirs[i], SysMBtoWC(dirs[i])) << flags;
+    }
+    wstringEx relative = L"sub//c.txt/.";
+    const stringEx saved = CDir::GetPwd();
+    ASSERT_EQ(chdir(dir.path.c_str()), 0);
+    CDir::ConvToFullPath(relative);
+    ASSERT_EQ(chdir(saved.c_str()), 0);
+    EXPECT_EQ(relative, SysMBtoWC((dir.path + "/sub/c.txt").c_str()));
+    EXPECT_EQ(CDir::GetPathDir(wstringEx(L"sub/*.txt")), wstringEx(L"sub/"));
+    EXPECT_EQ(CDir::GetPathFilename(wstringEx(L"/a/b.txt")), wstringEx(L"b.txt"));
 }
 
 TEST(Search, FindsFilesByPatternDepthAndVisibility)

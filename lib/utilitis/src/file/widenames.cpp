@@ -1,0 +1,92 @@
+// The wide-name twins of the file and directory operations.
+//
+// Names live in the file system as bytes of the system's encoding, so every
+// wide twin is the narrow operation between two conversions through the
+// system shortcuts. One conversion point keeps the two forms from drifting:
+// the narrow operation stays the only place that touches the system.
+#include <karu/TextConv/TextConv.h>
+#include <karu/file/dir.h>
+#include <karu/file/sysfile.h>
+
+namespace Karu {
+namespace {
+
+// Runs a search that fills a narrow vector and appends its names, widened,
+// to the caller's; the count is the size of the caller's vector, as for the
+// narrow forms.
+template <class Search>
+uint32_t WidenResults(WStringVector& result, Search&& search)
+{
+    StringVector narrow;
+    search(narrow);
+    result.reserve(result.size() + narrow.size());
+    for (const stringEx& name : narrow)
+        result.push_back(SysMBtoWC(name));
+    return static_cast<uint32_t>(result.size());
+}
+
+}  // namespace
+
+void CSysFile::Open(const wstringEx& path, uint32_t openFlags, uint32_t extraFlags, uint32_t shareMode,
+                    uint32_t permissions, uint32_t options)
+{
+    Open(SysWCtoMB(path), openFlags, extraFlags, shareMode, permissions, options);
+}
+
+void CDir::Open(const wstringEx& path, bool create, bool noCheck)
+{
+    Open(SysWCtoMB(path), create, noCheck);
+}
+
+void CDir::ConvToFullPath(wstringEx& path)
+{
+    stringEx narrow = SysWCtoMB(path);
+    ConvToFullPath(narrow);
+    path = SysMBtoWC(narrow);
+}
+
+wstringEx CDir::GetPathDir(const wstringEx& path)
+{
+    return SysMBtoWC(GetPathDir(SysWCtoMB(path)));
+}
+
+wstringEx CDir::GetPathFilename(const wstringEx& path)
+{
+    return SysMBtoWC(GetPathFilename(SysWCtoMB(path)));
+}
+
+uint32_t CDir::GetAllFiles(WStringVector& result, const wstringEx& pattern, bool recursive, bool includeHidden,
+                           uint32_t reserved) const
+{
+    const stringEx narrowPattern = SysWCtoMB(pattern);
+    return WidenResults(result, [&](StringVector& narrow) {
+        GetAllFiles(narrow, narrowPattern, recursive, includeHidden, reserved);
+    });
+}
+
+uint32_t CDir::GetAllSubDirs(WStringVector& result, const wstringEx& pattern, bool recursive, bool includeHidden,
+                             bool includeDots, uint32_t reserved) const
+{
+    const stringEx narrowPattern = SysWCtoMB(pattern);
+    return WidenResults(result, [&](StringVector& narrow) {
+        GetAllSubDirs(narrow, narrowPattern, recursive, includeHidden, includeDots, reserved);
+    });
+}
+
+bool CDir::NextFile(CDirHandle& handle, wstringEx& name, bool includeHidden) const
+{
+    stringEx narrow;
+    const bool more = NextFile(handle, narrow, includeHidden);
+    name = more ? SysMBtoWC(narrow) : wstringEx();
+    return more;
+}
+
+bool CDir::NextSubDir(CDirHandle& handle, wstringEx& name, bool includeHidden, bool includeDots) const
+{
+    stringEx narrow;
+    const bool more = NextSubDir(handle, narrow, includeHidden, includeDots);
+    name = more ? SysMBtoWC(narrow) : wstringEx();
+    return more;
+}
+
+}  // namespace Karu
