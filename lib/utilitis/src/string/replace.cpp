@@ -54,6 +54,9 @@ uint32_t CopyReplacing(const basic_string_ex<T>& sourceArg, basic_string_ex<T>& 
                                              kUnitsPerMatchGuess +
                                          static_cast<double>(n));
     dest.ReserveExact(expected + 1);
+    // Fresh storage holds no terminator yet, and a text of only matches with
+    // an empty replacement appends nothing.
+    dest.SetSize(0);
 
     uint32_t count = 0;
     uint64_t copied = 0;
