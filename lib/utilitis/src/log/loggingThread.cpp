@@ -87,9 +87,11 @@ int32_t CLoggingThread::Run()
         }
     } catch (...) {
         // The main logger raised: this thread ends, and the log goes back
-        // to delivering in the callers' threads.
+        // to delivering in the callers' threads. The failure is not logged:
+        // that would need CLog::lock, which the thread that reaps this one
+        // holds while it waits for the end.
         __Abandon();
-        throw;
+        return -1;
     }
 }
 

@@ -12,8 +12,8 @@
 // queued before it nor wait for one that was already delivered.
 //
 // If delivery fails (the main logger raised), the thread marks itself dead,
-// releases every waiter and ends; CLog then reaps it and goes back to
-// synchronous delivery.
+// releases every waiter and ends without touching the log again; CLog then
+// reaps it and goes back to synchronous delivery.
 #pragma once
 
 #include <atomic>
