@@ -288,6 +288,12 @@ void CSysFile::__Adopt(int fd)
     _count = count;
 }
 
+void CSysFile::Attach(int fd, const stringEx& displayName)
+{
+    __Adopt(fd);
+    _path = displayName;
+}
+
 void CSysFile::Close()
 {
     __Release();

@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <karu/envMgr/envMgr.h>
 #include <karu/time/time.h>
 
 namespace Karu {
@@ -110,23 +111,9 @@ namespace {
 const char* const kTypeNames[] = {"none", "string", "expandable string", "blob", "dword",
                                   "qword", "string set", "float8", "bool"};
 
-// One environment reference ${NAME}: replaced by the variable's value, or
-// by nothing when the variable is not set.
-class EnvReference : public IStrMatchCmd<stringEx> {
-public:
-    int Match(const stringEx& view, stringEx& replacement) override
-    {
-        const stringEx name(view.data(), view.size());
-        const char* value = std::getenv(name.c_str());
-        replacement = stringEx(value ? value : "");
-        return 1;
-    }
-};
-
-stringEx Expanded(stringEx text)
+stringEx Expanded(const stringEx& text)
 {
-    EnvReference reference;
-    return ExpandDelimited(text, stringEx("${"), stringEx("}"), reference, true);
+    return ExpandEnvStrings(text);
 }
 
 // A copy of one value, taken under the key's lock; false when missing.

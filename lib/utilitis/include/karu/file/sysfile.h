@@ -53,6 +53,9 @@ public:
               uint32_t permissions = kDefaultFilePermissions, uint32_t options = 0);
     // Takes over standard input (0), output (1) or error (2) without a count.
     void Open(uint32_t consoleType);
+    // Takes over a descriptor opened elsewhere (a pipe end, say); the object
+    // closes it. `displayName` stands where a path would in messages.
+    void Attach(int fd, const stringEx& displayName);
     void Close();
 
     bool IsOpen() const noexcept { return _fd >= 0; }

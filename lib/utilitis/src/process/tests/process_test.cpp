@@ -1,0 +1,195 @@
+// Processes and pipes: starting programs, waiting with and without a time
+// limit, exit codes, a pipe that carries megabytes both ways through a child,
+// and what this process reads about itself.
+#include <karu/process/pipe.h>
+#include <karu/process/process.h>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+using namespace Karu;
+
+namespace {
+
+std::vector<stringEx> Args(std::initializer_list<const char*> words)
+{
+    std::vector<stringEx> out;
+    for (const char* w : words)
+        out.emplace_back(w);
+    return out;
+}
+
+TEST(Process, ExitCodesAndTimeLimits)
+{
+    struct Row {
+        const char* why;
+        const char* script;
+        uint32_t firstWait;
+        bool endsInFirstWait;
+        int32_t exitCode;
+    } rows[] = {
+        {"success", "exit 0", 0xFFFFFFFF, true, 0},
+        {"a chosen status", "exit 7", 0xFFFFFFFF, true, 7},
+        {"a long run outlasts a short wait", "sleep 5", 100, false, 128 + SIGKILL},
+        {"ended by its own signal", "kill -TERM $$", 5000, true, 128 + SIGTERM},
+    };
+    for (const Row& row : rows) {
+        CProcess child;
+        child.Create("/bin/sh", Args({"sh", "-c", row.script}));
+        EXPECT_TRUE(child.IsChild()) << row.why;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(child.Wait(row.firstWait), row.endsInFirstWait) << row.why;
+        if (!row.endsInFirstWait) {
+            EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(90)) << row.why;
+            EXPECT_EQ(child.GetExitCode(), -1) << row.why;
+            child.Terminate();
+            EXPECT_TRUE(child.Wait(5000)) << row.why;
+        }
+        EXPECT_EQ(child.GetExitCode(), row.exitCode) << row.why;
+    }
+}
+
+TEST(Process, AProgramThatCannotStartRaisesInTheParent)
+{
+    CProcess child;
+    try {
+        child.Create("/nonexistent/program", Args({"program"}));
+        FAIL() << "started a missing program";
+    } catch (const procExp& e) {
+        const std::string text = e.message.c_str();
+        EXPECT_EQ(text.rfind("PosixExec - failed execute new image\n  image path = /nonexistent/program\n", 0), 0u)
+            << text;
+        EXPECT_NE(text.find("path does not exits"), std::string::npos) << text;
+    }
+}
+
+TEST(Process, AnEmptyObjectRaisesForEveryOperation)
+{
+    CProcess none;
+    struct Row {
+        const char* name;
+        void (*call)(CProcess&);
+    } rows[] = {
+        {"GetPID", [](CProcess& p) { (void)p.GetPID(); }},
+        {"GetBinFilePath", [](CProcess& p) { (void)p.GetBinFilePath(); }},
+        {"Wait", [](CProcess& p) { (void)p.Wait(0); }},
+        {"Terminate", [](CProcess& p) { p.Terminate(); }},
+        {"QueueSignal", [](CProcess& p) { p.QueueSignal(SIGUSR1, 1); }},
+        {"GetMemUsage", [](CProcess& p) {
+             uint64_t a, b;
+             p.GetMemUsage(a, b);
+         }},
+    };
+    for (const Row& row : rows) {
+        try {
+            row.call(none);
+            ADD_FAILURE() << row.name << " did not raise";
+        } catch (const procExp& e) {
+            EXPECT_EQ(std::string(e.message.c_str()), std::string("CProcess::") + row.name + " - invalid object");
+        }
+    }
+}
+
+TEST(Process, WhatThisProcessReadsAboutItself)
+{
+    CProcess self = CProcess::Current();
+    const std::string image = self.GetBinFilePath().c_str();
+    EXPECT_NE(image.find("karu_process_tests"), std::string::npos) << image;
+    const auto commandLine = self.GetCommandLine();
+    ASSERT_FALSE(commandLine.empty());
+    EXPECT_NE(std::string(commandLine[0].c_str()).find("karu_process_tests"), std::string::npos);
+    uint64_t peak = 0, size = 0;
+    self.GetMemUsage(peak, size);
+    EXPECT_GT(size, 0u);
+    EXPECT_GE(peak, size);
+    const auto modules = self.EnumAllModules();
+    EXPECT_NE(std::find_if(modules.begin(), modules.end(),
+                           [&](const stringEx& m) { return std::string(m.c_str()) == image; }),
+              modules.end());
+    const auto pids = CProcess::EnumAllProc();
+    EXPECT_NE(std::find(pids.begin(), pids.end(), uint64_t(getpid())), pids.end());
+    EXPECT_FALSE(CProcess::GetCurrentUserName().empty());
+    uint64_t soft = 0, hard = 0;
+    self.GetFileOpenLimits(soft, hard);
+    EXPECT_GT(soft, 3u);
+
+    char small[4];
+    try {
+        ReadProcFile("/proc/self/status", small, sizeof small);
+        FAIL() << "a too small buffer passed";
+    } catch (const procExp& e) {
+        EXPECT_NE(std::string(e.message.c_str()).find("  size too big\n  buffer size = 4\n"), std::string::npos)
+            << e.message.c_str();
+    }
+}
+
+TEST(Pipe, MegabytesThroughAChildWithoutDeadlock)
+{
+    CPipe toChildRead, toChildWrite, fromChildRead, fromChildWrite;
+    CPipe::CreatePair(toChildRead, toChildWrite);
+    CPipe::CreatePair(fromChildRead, fromChildWrite);
+    EXPECT_STREQ(toChildRead.Path().c_str(), "unnamed pipe for receiving");
+    EXPECT_STREQ(toChildWrite.Path().c_str(), "unnamed pipe for sending");
+
+    CProcess cat;
+    CHILD_STDIO stdio;
+    stdio.in = toChildRead.Descriptor();
+    stdio.out = fromChildWrite.Descriptor();
+    cat.Create("cat", Args({"cat"}), stdio);
+    toChildRead.Close();  // the child has its own copies
+    fromChildWrite.Close();
+
+    constexpr size_t kBytes = 4 << 20;  // far beyond what a pipe buffers
+    std::string sent(kBytes, '\0');
+    for (size_t i = 0; i < kBytes; ++i)
+        sent[i] = char(i * 131 + (i >> 9));
+    std::thread writer([&] {
+        IMPL::WriteAll(toChildWrite, sent.data(), sent.size());
+        toChildWrite.Close();
+    });
+    std::string received;
+    char chunk[65536];
+    while (fromChildRead.WaitReadable(CPipe::kWaitForever)) {
+        const uint64_t got = fromChildRead.Read(chunk, sizeof chunk);
+        if (got == 0)
+            break;
+        received.append(chunk, got);
+    }
+    writer.join();
+    EXPECT_TRUE(cat.Wait(5000));
+    EXPECT_EQ(cat.GetExitCode(), 0);
+    EXPECT_EQ(received.size(), sent.size());
+    EXPECT_TRUE(received == sent);
+}
+
+TEST(Pipe, BrokenPipePeekAndAvailableBytes)
+{
+    CPipe reader, writer;
+    CPipe::CreatePair(reader, writer);
+    EXPECT_FALSE(reader.WaitReadable(10));
+    writer.Write("abc", 3);
+    EXPECT_TRUE(reader.WaitReadable(0));
+    EXPECT_EQ(reader.GetTotalBytesCouldBeReadNow(), 3u);
+    CPipe copy;
+    reader.Duplicate(copy);
+    EXPECT_EQ(copy.GetTotalBytesCouldBeReadNow(), 3u);
+    char buffer[4];
+    EXPECT_THROW(reader.Peek(buffer, 3), pipeExp);
+
+    reader.Close();
+    copy.Close();
+    // No reader: a write error, not the end of the process.
+    try {
+        writer.Write("x", 1);
+        FAIL() << "wrote into a broken pipe";
+    } catch (const sysfileExp& e) {
+        EXPECT_NE(std::string(e.message.c_str()).find("error writing pipe, pipe has been broken"), std::string::npos);
+    }
+}
+
+}  // namespace
