@@ -35,6 +35,7 @@ using UcnvFromUCharsFn = int32_t (*)(void* cnv, char* dest, int32_t capacity, co
                                      int* error);
 using UcnvCloseFn = void (*)(void* cnv);
 using ErrorNameFn = const char* (*)(int error);
+using CleanupFn = void (*)();
 
 // The library's error codes that matter here.
 constexpr int kInvalidCharFound = 10;
@@ -54,6 +55,7 @@ struct IcuLibrary {
     UcnvFromUCharsFn fromUChars = nullptr;
     UcnvCloseFn close = nullptr;
     ErrorNameFn errorName = nullptr;
+    CleanupFn cleanup = nullptr;  // optional: older builds may lack it
     uint64_t users = 0;
     stringEx path;
     stringEx version;  // configured or found
@@ -120,6 +122,11 @@ void LoadEntryPoints(IcuLibrary& lib)
         lib.fromUChars = reinterpret_cast<UcnvFromUCharsFn>(lib.loader->GetProc("ucnv_fromUChars" + suffix));
         lib.close = reinterpret_cast<UcnvCloseFn>(lib.loader->GetProc("ucnv_close" + suffix));
         lib.errorName = reinterpret_cast<ErrorNameFn>(lib.loader->GetProc("u_errorName" + suffix));
+        try {
+            lib.cleanup = reinterpret_cast<CleanupFn>(lib.loader->GetProc("u_cleanup" + suffix));
+        } catch (const dlllExp&) {
+            lib.cleanup = nullptr;
+        }
         return;
     }
 }
@@ -212,6 +219,12 @@ void CTextLibIcu::__Release() noexcept
     if (lib.users == 0 || --lib.users > 0)
         return;
     try {
+        // The library caches what a converter open loads (alias tables, and
+        // the data looked at even when the name is refused); unloaded without
+        // its own clean-up that memory would be lost with the mapping.
+        if (lib.cleanup)
+            lib.cleanup();
+        lib.cleanup = nullptr;
         lib.loader.reset();
     } catch (...) {
         // An unload failure leaves the library mapped; nothing else is lost.
