@@ -8,9 +8,7 @@
 // sequence is unescaped like text typed in the file.
 #include "pairs.h"
 
-#include <cstdlib>
-
-#include <karu/TextConv/TextConv.h>
+#include <karu/envMgr/envMgr.h>
 #include <karu/string/replace.h>
 
 #include "methods.h"
@@ -39,11 +37,7 @@ bool IsNameUnit(wchar_t c)
 // The variable's value in wide text; empty when unset.
 wstringEx LookUp(const wstringEx& name)
 {
-    if (name.empty())
-        return wstringEx();
-    const stringEx bytes = SysWCtoMB(name);
-    const char* value = std::getenv(bytes.c_str());
-    return value && *value ? SysMBtoWC(stringEx(value)) : wstringEx();
+    return name.empty() ? wstringEx() : GetEnv(name);
 }
 
 // $NAME: the longest run of name characters behind the mark.
@@ -104,6 +98,9 @@ bool ExpandBraced(wstringEx& s)
 
 }  // namespace
 
+// Unlike the environment manager's expansion, a reference to an unset
+// variable stays in the pair as written, where the user can see it, and a
+// value that holds references is expanded in its turn.
 wstringEx ExpandEnvVars(const wstringEx& text, int depth)
 {
     wstringEx s = text;
