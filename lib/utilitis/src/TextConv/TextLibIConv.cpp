@@ -389,6 +389,9 @@ void CTextLibIConv::LibMBtoWC(wstringEx& dst, const stringEx& src)
     if (src.empty())
         return;
     CFastLockHolder hold(_lock);
+    // A decoded text has at most one character a byte: room for that much
+    // up front saves growing (and copying) it round after round.
+    IMPL::PrepareLargeBlock(dst.GetBuffer(src.size()), src.size() * sizeof(wchar_t));
     RunRounds<kWideRoundBytes>(
         Library().convert, _toWide, src.data(), src.size(), 1,
         [&dst](const char* bytes, size_t n) {
@@ -406,6 +409,8 @@ void CTextLibIConv::LibWCtoMB(stringEx& dst, const wstringEx& src)
     IconvFn convert = Library().convert;
     const char* bytes = reinterpret_cast<const char*>(src.data());
     const size_t total = src.size() * sizeof(wchar_t);
+    // Most encodings take at most as many bytes as a character has.
+    IMPL::PrepareLargeBlock(dst.GetBuffer(total), total);
     auto emit = [&dst](const char* out, size_t n) { dst.append(out, n); };
     auto fail = [&dst] { dst.push_back('?'); };
     if (!_stateful) {

@@ -17,6 +17,10 @@
 
 #include <sys/mman.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <array>
 #include <cstring>
 #include <string>
@@ -29,26 +33,34 @@ namespace {
 constexpr uint32_t kMaxScalar = 0x10FFFF;
 
 // Large results are written into fresh memory, and on some machines taking
-// it page by page costs more than the conversion itself; asking for large
-// pages over the block's interior cuts the number of faults by 512.
+// it page by page costs more than the conversion itself. Large pages over
+// the block's interior, mapped in one call before the writing starts, make
+// that cost small; a kernel that knows neither request just ignores them.
 constexpr size_t kLargePage = size_t(2) << 20;
+constexpr int kPopulateWrite = 23;  // MADV_POPULATE_WRITE, newer than some headers
 
-void PreferLargePages(void* data, size_t bytes) noexcept
+}  // namespace
+
+void PrepareLargeBlock(void* data, size_t bytes) noexcept
 {
     if (bytes < 4 * kLargePage)
         return;
     const uintptr_t begin = (reinterpret_cast<uintptr_t>(data) + kLargePage - 1) & ~(kLargePage - 1);
     const uintptr_t end = (reinterpret_cast<uintptr_t>(data) + bytes) & ~(kLargePage - 1);
-    if (end > begin)
-        madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    if (end <= begin)
+        return;
+    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    madvise(reinterpret_cast<void*>(begin), end - begin, kPopulateWrite);
 }
+
+namespace {
 
 template <class T>
 T* FreshBuffer(basic_string_ex<T>& dst, size_t units)
 {
     dst.clear();
     T* data = dst.GetBuffer(units);
-    PreferLargePages(data, units * sizeof(T));
+    PrepareLargeBlock(data, units * sizeof(T));
     return data;
 }
 
@@ -64,28 +76,69 @@ inline bool IsScalar(uint32_t c) noexcept
 
 // ---- UTF-8 ---------------------------------------------------------------------------
 
+// Room behind a result for one block written whole before the count of its
+// valid units is known.
+constexpr size_t kBlockSlack = 16;
+
+// Sixteen bytes widened to sixteen wide characters (only the ASCII prefix
+// of the block is kept by the caller).
+inline void WidenBlock(const unsigned char* in, wchar_t* out) noexcept
+{
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    const __m128i lo = _mm_unpacklo_epi8(v, zero), hi = _mm_unpackhi_epi8(v, zero);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_unpacklo_epi16(lo, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 4), _mm_unpackhi_epi16(lo, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 8), _mm_unpacklo_epi16(hi, zero));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 12), _mm_unpackhi_epi16(hi, zero));
+#else
+    for (int k = 0; k < 16; ++k)
+        out[k] = static_cast<wchar_t>(in[k]);
+#endif
+}
+
+// Length of the ASCII prefix of sixteen bytes (16: all of them).
+inline unsigned AsciiPrefix(const unsigned char* in) noexcept
+{
+#if defined(__SSE2__)
+    const unsigned mask =
+        static_cast<unsigned>(_mm_movemask_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(in))));
+    return mask ? static_cast<unsigned>(__builtin_ctz(mask)) : 16;
+#else
+    unsigned k = 0;
+    while (k < 16 && in[k] < 0x80)
+        ++k;
+    return k;
+#endif
+}
+
 class CUtf8Codec : public CFastCodec {
 public:
     bool Decode(wstringEx& dst, const stringEx& src) const override
     {
         const auto* in = reinterpret_cast<const unsigned char*>(src.data());
         const size_t n = src.size();
-        wchar_t* out = FreshBuffer(dst, n);
+        // Every byte but a continuation byte starts a character: counting
+        // them sizes the result exactly, at a fraction of the decoding's cost,
+        // and fresh memory is what a large text costs most.
+        size_t starts = 0;
+        for (size_t i = 0; i < n; ++i)
+            starts += (in[i] & 0xC0) != 0x80;
+        wchar_t* out = FreshBuffer(dst, starts + kBlockSlack);
         size_t i = 0, o = 0;
         while (i < n) {
-            // Runs of ASCII, eight bytes a step.
-            while (i + 8 <= n) {
-                uint64_t word;
-                std::memcpy(&word, in + i, 8);
-                if (word & 0x8080808080808080ull)
-                    break;
-                for (int k = 0; k < 8; ++k)
-                    out[o + k] = static_cast<wchar_t>(in[i + k]);
-                i += 8;
-                o += 8;
+            // ASCII in blocks; a block is written whole and only its ASCII
+            // prefix counted, the rest being overwritten afterwards.
+            if (i + 16 <= n) {
+                const unsigned ascii = AsciiPrefix(in + i);
+                if (ascii > 0) {
+                    WidenBlock(in + i, out + o);
+                    i += ascii;
+                    o += ascii;
+                    continue;
+                }
             }
-            if (i >= n)
-                break;
             const uint32_t c = in[i];
             if (c < 0x80) {
                 out[o++] = static_cast<wchar_t>(c);
@@ -93,32 +146,33 @@ public:
                 continue;
             }
             uint32_t cp;
-            size_t len;
             if (c >= 0xC2 && c <= 0xDF) {
-                len = 2;
-                cp = c & 0x1F;
+                if (i + 2 > n || (in[i + 1] & 0xC0) != 0x80)
+                    return false;
+                cp = ((c & 0x1F) << 6) | (in[i + 1] & 0x3F);
+                i += 2;
             } else if (c >= 0xE0 && c <= 0xEF) {
-                len = 3;
-                cp = c & 0x0F;
+                if (i + 3 > n || ((in[i + 1] & 0xC0) ^ 0x80) | ((in[i + 2] & 0xC0) ^ 0x80))
+                    return false;
+                cp = ((c & 0x0F) << 12) | ((in[i + 1] & 0x3Fu) << 6) | (in[i + 2] & 0x3F);
+                // Overlong forms and surrogates.
+                if (cp < 0x800 || IsSurrogate(cp))
+                    return false;
+                i += 3;
             } else if (c >= 0xF0 && c <= 0xF4) {
-                len = 4;
-                cp = c & 0x07;
+                if (i + 4 > n ||
+                    ((in[i + 1] & 0xC0) ^ 0x80) | ((in[i + 2] & 0xC0) ^ 0x80) | ((in[i + 3] & 0xC0) ^ 0x80))
+                    return false;
+                cp = ((c & 0x07) << 18) | ((in[i + 1] & 0x3Fu) << 12) | ((in[i + 2] & 0x3Fu) << 6) |
+                     (in[i + 3] & 0x3F);
+                // Overlong forms and values past the last plane.
+                if (cp < 0x10000 || cp > kMaxScalar)
+                    return false;
+                i += 4;
             } else {
                 return false;
             }
-            if (i + len > n)
-                return false;
-            for (size_t k = 1; k < len; ++k) {
-                const uint32_t t = in[i + k];
-                if ((t & 0xC0) != 0x80)
-                    return false;
-                cp = (cp << 6) | (t & 0x3F);
-            }
-            // Overlong forms, surrogates and values past the last plane.
-            if ((len == 3 && cp < 0x800) || (len == 4 && (cp < 0x10000 || cp > kMaxScalar)) || IsSurrogate(cp))
-                return false;
             out[o++] = static_cast<wchar_t>(cp);
-            i += len;
         }
         dst.SetSize(o);
         return true;
@@ -131,16 +185,17 @@ public:
         // Sizing first keeps the result exactly as large as it needs to be;
         // it also finds anything that is no character before any writing.
         size_t bytes = 0;
-        for (size_t i = 0; i < n; ++i) {
-            const uint32_t c = static_cast<uint32_t>(in[i]);
-            if (!IsScalar(c))
-                return false;
-            bytes += c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
-        }
-        auto* out = reinterpret_cast<unsigned char*>(FreshBuffer(dst, bytes));
+        if (!Size(in, n, bytes))
+            return false;
+        auto* out = reinterpret_cast<unsigned char*>(FreshBuffer(dst, bytes + kBlockSlack));
         size_t o = 0;
-        for (size_t i = 0; i < n; ++i) {
-            const uint32_t c = static_cast<uint32_t>(in[i]);
+        for (size_t i = 0; i < n;) {
+            if (i + 8 <= n && PackAscii(in + i, out + o)) {
+                i += 8;
+                o += 8;
+                continue;
+            }
+            const uint32_t c = static_cast<uint32_t>(in[i++]);
             if (c < 0x80) {
                 out[o++] = static_cast<unsigned char>(c);
             } else if (c < 0x800) {
@@ -162,6 +217,70 @@ public:
     }
 
     const char* Kind() const noexcept override { return "utf-8"; }
+
+private:
+    // The encoded size of n characters; false if one is no character.
+    static bool Size(const wchar_t* in, size_t n, size_t& bytes) noexcept
+    {
+        size_t i = 0;
+        uint64_t total = 0;
+#if defined(__SSE2__)
+        // Four characters a step: each comparison adds one byte per lane
+        // that passes a length boundary; invalid lanes are collected apart.
+        const __m128i zero = _mm_setzero_si128();
+        __m128i bad = zero;
+        while (i + 4 <= n) {
+            __m128i extra = zero;
+            for (int block = 0; block < 64 && i + 4 <= n; ++block, i += 4) {
+                const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+                extra = _mm_sub_epi32(extra, _mm_cmpgt_epi32(v, _mm_set1_epi32(0x7F)));
+                extra = _mm_sub_epi32(extra, _mm_cmpgt_epi32(v, _mm_set1_epi32(0x7FF)));
+                extra = _mm_sub_epi32(extra, _mm_cmpgt_epi32(v, _mm_set1_epi32(0xFFFF)));
+                bad = _mm_or_si128(bad, _mm_cmplt_epi32(v, zero));
+                bad = _mm_or_si128(bad, _mm_cmpgt_epi32(v, _mm_set1_epi32(static_cast<int>(kMaxScalar))));
+                bad = _mm_or_si128(bad, _mm_and_si128(_mm_cmpgt_epi32(v, _mm_set1_epi32(0xD7FF)),
+                                                      _mm_cmplt_epi32(v, _mm_set1_epi32(0xE000))));
+            }
+            alignas(16) uint32_t lanes[4];
+            _mm_store_si128(reinterpret_cast<__m128i*>(lanes), extra);
+            total += uint64_t(lanes[0]) + lanes[1] + lanes[2] + lanes[3];
+        }
+        if (_mm_movemask_epi8(bad))
+            return false;
+#endif
+        for (; i < n; ++i) {
+            const uint32_t c = static_cast<uint32_t>(in[i]);
+            if (!IsScalar(c))
+                return false;
+            total += c < 0x80 ? 0 : c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
+        }
+        bytes = n + total;
+        return true;
+    }
+
+    // Eight ASCII characters to eight bytes; false (nothing written) if one
+    // of them is not ASCII.
+    static bool PackAscii(const wchar_t* in, unsigned char* out) noexcept
+    {
+#if defined(__SSE2__)
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 4));
+        const __m128i high = _mm_or_si128(a, b);
+        if (_mm_movemask_epi8(_mm_cmpeq_epi32(_mm_and_si128(high, _mm_set1_epi32(~0x7F)), _mm_setzero_si128())) !=
+            0xFFFF)
+            return false;
+        const __m128i packed = _mm_packus_epi16(_mm_packs_epi32(a, b), _mm_setzero_si128());
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out), packed);
+        return true;
+#else
+        for (int k = 0; k < 8; ++k)
+            if (static_cast<uint32_t>(in[k]) >= 0x80)
+                return false;
+        for (int k = 0; k < 8; ++k)
+            out[k] = static_cast<unsigned char>(in[k]);
+        return true;
+#endif
+    }
 };
 
 // ---- UTF-16, UCS-2 and UTF-32 in a fixed byte order ---------------------------------------

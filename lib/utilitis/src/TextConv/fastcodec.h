@@ -25,6 +25,9 @@ public:
     virtual const char* Kind() const noexcept = 0;
 };
 
+// Readies a large block that is about to be written from start to end.
+void PrepareLargeBlock(void* data, size_t bytes) noexcept;
+
 // How the back end converts a short piece: the conversion of `src` and
 // whether it went through without any substitution or loss.
 using ProbeDecode = std::function<bool(const stringEx& src, wstringEx& dst)>;
