@@ -113,6 +113,29 @@ inline unsigned AsciiPrefix(const unsigned char* in) noexcept
 #endif
 }
 
+// The number of continuation bytes (10xxxxxx) among n bytes.
+inline size_t Continuations(const unsigned char* in, size_t n) noexcept
+{
+    size_t count = 0, i = 0;
+#if defined(__SSE2__)
+    // Per-lane byte counters, emptied before they can wrap.
+    const __m128i limit = _mm_set1_epi8(-64);  // 0x80..0xBF are the bytes below it
+    while (i + 16 <= n) {
+        __m128i lanes = _mm_setzero_si128();
+        for (int step = 0; step < 255 && i + 16 <= n; ++step, i += 16) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+            lanes = _mm_sub_epi8(lanes, _mm_cmplt_epi8(v, limit));
+        }
+        const __m128i sums = _mm_sad_epu8(lanes, _mm_setzero_si128());
+        count += static_cast<size_t>(_mm_cvtsi128_si32(sums)) +
+                 static_cast<size_t>(_mm_cvtsi128_si32(_mm_srli_si128(sums, 8)));
+    }
+#endif
+    for (; i < n; ++i)
+        count += (in[i] & 0xC0) == 0x80;
+    return count;
+}
+
 class CUtf8Codec : public CFastCodec {
 public:
     bool Decode(wstringEx& dst, const stringEx& src) const override
@@ -122,9 +145,7 @@ public:
         // Every byte but a continuation byte starts a character: counting
         // them sizes the result exactly, at a fraction of the decoding's cost,
         // and fresh memory is what a large text costs most.
-        size_t starts = 0;
-        for (size_t i = 0; i < n; ++i)
-            starts += (in[i] & 0xC0) != 0x80;
+        const size_t starts = n - Continuations(in, n);
         wchar_t* out = FreshBuffer(dst, starts + kBlockSlack);
         size_t i = 0, o = 0;
         while (i < n) {
