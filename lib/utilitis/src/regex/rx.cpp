@@ -1,31 +1,9 @@
-// Entry points of the engine (provisional: the automaton is being built).
+// The width-independent entry points: release and result texts.
 #include "karu/regex/rx.h"
 
 #include <cstring>
 
 namespace Karu {
-
-int rxcomp(RxObject* object, const char*, size_t, int) noexcept
-{
-    if (object) object->magic = 0;
-    return RX_ERR_INTERNAL;
-}
-
-int rxcomp(RxObject* object, const wchar_t*, size_t, int) noexcept
-{
-    if (object) object->magic = 0;
-    return RX_ERR_INTERNAL;
-}
-
-int rxexec(const RxObject*, const char*, size_t, RxDetails*, size_t, RxMatch*, int) noexcept
-{
-    return RX_ERR_ARGUMENT;
-}
-
-int rxexec(const RxObject*, const wchar_t*, size_t, RxDetails*, size_t, RxMatch*, int) noexcept
-{
-    return RX_ERR_ARGUMENT;
-}
 
 void rxfree(RxObject* object) noexcept
 {

@@ -1,0 +1,251 @@
+// Colour splitting. See colourmap.h for the idea; the parts worth care here
+// are the sharing of leaf blocks (fill block and solid blocks must be copied
+// before a write) and settle(), which decides whether a split colour still
+// has characters (its arcs gain parallel arcs) or is empty (its arcs move).
+#include "colourmap.h"
+
+#include "nfa.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Karu::IMPL::rx {
+
+namespace {
+constexpr size_t kInlineDescs = 10;  // most patterns need no more colours
+}
+
+void ColourMap::init(bool wide, ErrorSink* sink)
+{
+    _sink = sink;
+    _wide = wide;
+    _descs.reserve(kInlineDescs);
+    _descs.assign(1, ColourDesc{});
+    _descs[0].charCount = alphabet();
+    _max = 0;
+    _free = 0;
+    std::fill(std::begin(_fill), std::end(_fill), kWhite);
+    if (wide) {
+        std::fill(std::begin(_top), std::end(_top), static_cast<colour*>(_fill));
+        _descs[0].block = _fill;
+    } else {
+        // One private leaf: nothing to share with a single level.
+        colour* leaf = newLeaf(kWhite);
+        std::fill(std::begin(_top), std::end(_top), static_cast<colour*>(_fill));
+        _top[0] = leaf;
+    }
+}
+
+colour* ColourMap::newLeaf(colour fillWith)
+{
+    auto block = std::make_unique<colour[]>(256);
+    std::fill(block.get(), block.get() + 256, fillWith);
+    colour* raw = block.get();
+    _blocks.push_back(std::move(block));
+    return raw;
+}
+
+colour ColourMap::alloc()
+{
+    if (_sink->failed()) return kNoColour;
+    colour co;
+    if (_free != 0) {
+        co = _free;
+        _free = _descs[co].openSub;
+    } else if (static_cast<size_t>(_max) + 1 < _descs.size()) {
+        co = ++_max;
+    } else {
+        if (_max >= kMaxColours) {
+            _sink->set(RX_ERR_MEMORY);
+            return kNoColour;
+        }
+        _descs.emplace_back();
+        co = ++_max;
+    }
+    _descs[co] = ColourDesc{};
+    return co;
+}
+
+void ColourMap::release(colour co)
+{
+    if (co == kWhite) return;
+    ColourDesc& d = _descs[co];
+    d.flags = kColourFree;
+    d.block = nullptr;  // the leaf itself stays owned by _blocks
+    d.arcs = nullptr;
+    if (co == _max) {
+        while (_max > kWhite && (_descs[_max].flags & kColourFree)) --_max;
+        while (_free > _max) _free = _descs[_free].openSub;
+        if (_free > 0) {
+            colour prev = _free;
+            colour next = _descs[prev].openSub;
+            while (next > 0) {
+                if (next > _max) {
+                    next = _descs[next].openSub;
+                    _descs[prev].openSub = next;
+                } else {
+                    prev = next;
+                    next = _descs[prev].openSub;
+                }
+            }
+        }
+    } else {
+        d.openSub = _free;
+        _free = co;
+    }
+}
+
+colour ColourMap::allocPseudo()
+{
+    const colour co = alloc();
+    if (co == kNoColour) return co;
+    _descs[co].charCount = 1;
+    _descs[co].flags = kColourPseudo;
+    return co;
+}
+
+colour ColourMap::openSubOf(colour co)
+{
+    colour sco = _descs[co].openSub;
+    if (sco != kNoColour) return sco;
+    if (_descs[co].charCount == 1) return co;  // a lone character needs no split
+    sco = alloc();
+    if (sco == kNoColour) return kNoColour;
+    _descs[co].openSub = sco;
+    _descs[sco].openSub = sco;
+    return sco;
+}
+
+void ColourMap::setEntry(uint32_t idx, colour co)
+{
+    colour*& leaf = _top[idx >> 8];
+    if (_wide && shared(leaf)) {
+        colour* copy = newLeaf(kWhite);
+        std::memcpy(copy, leaf, 256 * sizeof(colour));
+        leaf = copy;
+    }
+    leaf[idx & 0xFF] = co;
+}
+
+colour ColourMap::splitChar(uint32_t idx)
+{
+    if (_sink->failed()) return kNoColour;
+    const colour co = colourOf(idx);
+    const colour sco = openSubOf(co);
+    if (sco == kNoColour) return kNoColour;
+    if (sco == co) return co;
+    _descs[co].charCount--;
+    _descs[sco].charCount++;
+    setEntry(idx, sco);
+    return sco;
+}
+
+void ColourMap::splitBlock(uint32_t start, Nfa& nfa, State* lp, State* rp)
+{
+    colour*& leaf = _top[start >> 8];
+    if (shared(leaf)) {
+        const colour co = leaf[0];
+        const colour sco = openSubOf(co);
+        if (sco == kNoColour) return;
+        if (_descs[sco].block == nullptr) _descs[sco].block = newLeaf(sco);
+        leaf = _descs[sco].block;
+        nfa.arcAdd(kPlain, sco, lp, rp);
+        _descs[co].charCount -= 256;
+        _descs[sco].charCount += 256;
+        return;
+    }
+    int i = 0;
+    while (i < 256 && !_sink->failed()) {
+        const colour co = leaf[i];
+        const colour sco = openSubOf(co);
+        if (sco == kNoColour) return;
+        nfa.arcAdd(kPlain, sco, lp, rp);
+        const int first = i;
+        do {
+            leaf[i++] = sco;
+        } while (i < 256 && leaf[i] == co);
+        _descs[co].charCount -= static_cast<uint32_t>(i - first);
+        _descs[sco].charCount += static_cast<uint32_t>(i - first);
+    }
+}
+
+void ColourMap::splitRange(uint32_t from, uint32_t to, Nfa& nfa, State* lp, State* rp)
+{
+    // from <= to, both inside the alphabet. Unaligned head and tail go one
+    // character at a time; whole aligned blocks (wide build) go by leaf.
+    uint32_t c = from;
+    if (_wide) {
+        while (c <= to && (c & 0xFF) != 0 && !_sink->failed()) {
+            nfa.arcAdd(kPlain, splitChar(c), lp, rp);
+            ++c;
+        }
+        while (c <= to && to - c >= 255 && !_sink->failed()) {
+            splitBlock(c, nfa, lp, rp);
+            c += 256;
+        }
+    }
+    for (; c <= to && !_sink->failed(); ++c) nfa.arcAdd(kPlain, splitChar(c), lp, rp);
+}
+
+void ColourMap::settle(Nfa& nfa)
+{
+    for (colour co = 0; co <= _max && !_sink->failed(); ++co) {
+        ColourDesc& d = _descs[co];
+        const colour sco = d.openSub;
+        if ((d.flags & kColourFree) || sco == kNoColour || sco == co) continue;
+        d.openSub = kNoColour;
+        _descs[sco].openSub = kNoColour;
+        if (d.charCount == 0) {
+            // Nothing left of the parent: its arcs simply change colour.
+            while (Arc* a = _descs[co].arcs) {
+                unchainArc(a);
+                a->co = sco;
+                chainArc(a);
+            }
+            release(co);
+        } else {
+            for (Arc* a = _descs[co].arcs; a != nullptr && !_sink->failed(); a = a->colNext)
+                nfa.arcAdd(a->type, sco, a->from, a->to);
+        }
+    }
+}
+
+void ColourMap::chainArc(Arc* a) noexcept
+{
+    ColourDesc& d = _descs[a->co];
+    a->colPrev = nullptr;
+    a->colNext = d.arcs;
+    if (d.arcs) d.arcs->colPrev = a;
+    d.arcs = a;
+}
+
+void ColourMap::unchainArc(Arc* a) noexcept
+{
+    ColourDesc& d = _descs[a->co];
+    if (a->colPrev)
+        a->colPrev->colNext = a->colNext;
+    else
+        d.arcs = a->colNext;
+    if (a->colNext) a->colNext->colPrev = a->colPrev;
+    a->colNext = a->colPrev = nullptr;
+}
+
+void ColourMap::arcsForAll(Nfa& nfa, int type, colour except, State* from, State* to)
+{
+    for (colour co = 0; co <= _max && !_sink->failed(); ++co) {
+        const ColourDesc& d = _descs[co];
+        if ((d.flags & (kColourFree | kColourPseudo)) || d.openSub == co || co == except) continue;
+        nfa.arcAdd(type, co, from, to);
+    }
+}
+
+void ColourMap::complementArcs(Nfa& nfa, int type, State* of, State* from, State* to)
+{
+    for (colour co = 0; co <= _max && !_sink->failed(); ++co) {
+        const ColourDesc& d = _descs[co];
+        if (d.flags & (kColourFree | kColourPseudo)) continue;
+        if (nfa.findArc(of, kPlain, co) == nullptr) nfa.arcAdd(type, co, from, to);
+    }
+}
+
+}  // namespace Karu::IMPL::rx

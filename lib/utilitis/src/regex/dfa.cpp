@@ -1,0 +1,324 @@
+// The cached subset construction. See dfa.h for the idea; the delicate parts
+// are the eviction (a victim's transitions in and out must be unlinked, and
+// its knowledge of match ends saved) and the closure over look-ahead arcs,
+// whose transitions must not be cached.
+#include "dfa.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Karu::IMPL::rx {
+
+namespace {
+// Past this, a cache gets fewer slots than twice the states: a pattern with
+// thousands of states and colours would otherwise ask for gigabytes.
+constexpr size_t kCacheBudget = size_t{32} << 20;
+constexpr int kSmallCacheSets = 7;
+}  // namespace
+
+template <class Ch>
+Dfa<Ch>::Dfa(ExecState<Ch>& ex, const CompactNfa& nfa, DfaBlock* block)
+    : _ex(ex), _nfa(nfa), _leaf0(ex.in->colourMap.leaf0()), _top(ex.in->colourMap.top())
+{
+    if (nfa.empty()) {
+        ex.err = RX_ERR_INTERNAL;
+        return;
+    }
+    const int states = nfa.stateCount;
+    _words = (states + 31) / 32;
+    _colours = nfa.colourCount;
+    if (ex.runFlags & RX_SMALLCACHE) {
+        _capacity = kSmallCacheSets;
+    } else {
+        _capacity = 2 * states;
+        const size_t perSet = sizeof(StateSet) + static_cast<size_t>(_words) * 4 +
+                              static_cast<size_t>(_colours) * (sizeof(StateSet*) + sizeof(InLink));
+        const size_t fits = kCacheBudget / perSet;
+        if (static_cast<size_t>(_capacity) > fits) _capacity = static_cast<int>(std::max<size_t>(fits, kSmallCacheSets));
+    }
+    if (_capacity <= kFixedMaxSets && _colours <= kFixedMaxColours && _words == 1) {
+        if (block == nullptr) {
+            _ownBlock = std::make_unique<DfaBlock>();
+            block = _ownBlock.get();
+        }
+        _sets = block->sets;
+        _bitsArea = block->bits;
+        _outArea = block->outs;
+        _inArea = block->ins;
+    } else {
+        const size_t cap = static_cast<size_t>(_capacity);
+        _ownSets = std::make_unique<StateSet[]>(cap);
+        _ownBits = std::make_unique<uint32_t[]>((cap + 1) * static_cast<size_t>(_words));
+        _ownOuts = std::make_unique<StateSet*[]>(cap * static_cast<size_t>(_colours));
+        _ownIns = std::make_unique<InLink[]>(cap * static_cast<size_t>(_colours));
+        _sets = _ownSets.get();
+        _bitsArea = _ownBits.get();
+        _outArea = _ownOuts.get();
+        _inArea = _ownIns.get();
+    }
+    _work = _bitsArea + static_cast<size_t>(_capacity) * static_cast<size_t>(_words);
+}
+
+template <class Ch>
+StateSet* Dfa<Ch>::pick(const Ch* cp, const Ch* start)
+{
+    if (_used < _capacity) {
+        StateSet* s = &_sets[_used];
+        s->bits = _bitsArea + static_cast<size_t>(_used) * static_cast<size_t>(_words);
+        s->outs = _outArea + static_cast<size_t>(_used) * static_cast<size_t>(_colours);
+        s->nextIn = _inArea + static_cast<size_t>(_used) * static_cast<size_t>(_colours);
+        ++_used;
+        s->flags = 0;
+        s->in = {nullptr, kWhite};
+        s->seenAt = nullptr;
+        for (int i = 0; i < _colours; ++i) {
+            s->outs[i] = nullptr;
+            s->nextIn[i] = {nullptr, kWhite};
+        }
+        return s;
+    }
+    // The oldest third of the walk's positions is expendable.
+    const long expendable = (2L * _capacity) / 3;
+    const Ch* ancient = (cp - start > expendable) ? cp - expendable : start;
+    for (int round = 0; round < 2; ++round) {
+        const int from = round == 0 ? _hand : 0;
+        const int to = round == 0 ? _capacity : _hand;
+        for (int i = from; i < to; ++i) {
+            StateSet* s = &_sets[i];
+            if (!(s->flags & kSetPinned) && (s->seenAt == nullptr || seen(s) < ancient)) {
+                _hand = i + 1;
+                return s;
+            }
+        }
+    }
+    _ex.err = RX_ERR_INTERNAL;
+    return nullptr;
+}
+
+template <class Ch>
+StateSet* Dfa<Ch>::vacant(const Ch* cp, const Ch* start)
+{
+    StateSet* s = pick(cp, start);
+    if (!s) return nullptr;
+    // Unlink the transitions into it.
+    InLink link = s->in;
+    while (StateSet* p = link.set) {
+        const colour co = link.co;
+        p->outs[co] = nullptr;
+        link = p->nextIn[co];
+        p->nextIn[co] = {nullptr, kWhite};
+    }
+    s->in = {nullptr, kWhite};
+    // And take it off the chains of the sets it leads to.
+    for (int co = 0; co < _colours; ++co) {
+        StateSet* p = s->outs[co];
+        if (!p) continue;
+        if (p->in.set == s && p->in.co == co) {
+            p->in = s->nextIn[co];
+        } else {
+            InLink prev{nullptr, kWhite};
+            for (InLink l = p->in; l.set && !(l.set == s && l.co == co); l = l.set->nextIn[l.co]) prev = l;
+            if (prev.set) prev.set->nextIn[prev.co] = s->nextIn[co];
+        }
+        s->outs[co] = nullptr;
+        s->nextIn[co] = {nullptr, kWhite};
+    }
+    // Keep what the victim knew about match ends.
+    if ((s->flags & kSetAccept) && s->seenAt && (_latestPost == nullptr || _latestPost < seen(s))) _latestPost = seen(s);
+    if ((s->flags & kSetCold) && s->seenAt && (_latestCold == nullptr || _latestCold < seen(s))) _latestCold = seen(s);
+    s->flags = 0;
+    s->seenAt = nullptr;
+    return s;
+}
+
+template <class Ch>
+StateSet* Dfa<Ch>::initialize(const Ch* start)
+{
+    StateSet* ss;
+    if (_used > 0 && (_sets[0].flags & kSetStart)) {
+        ss = &_sets[0];
+    } else {
+        ss = vacant(start, start);
+        if (!ss) return nullptr;
+        std::fill(ss->bits, ss->bits + _words, 0u);
+        ss->bits[_nfa.entry / 32] |= 1u << (_nfa.entry % 32);
+        uint32_t h = 0;
+        for (int i = 0; i < _words; ++i) h ^= ss->bits[i];
+        ss->hash = h;
+        ss->flags = kSetStart | kSetPinned | kSetCold;
+    }
+    for (int i = 0; i < _used; ++i) _sets[i].seenAt = nullptr;
+    ss->seenAt = start;
+    _latestPost = nullptr;
+    _latestCold = nullptr;
+    return ss;
+}
+
+template <class Ch>
+bool Dfa<Ch>::lookahead(int index, const Ch* cp)
+{
+    const Subexpr& con = _ex.in->lookaheads[static_cast<size_t>(index)];
+    Dfa<Ch> d(_ex, con.automaton, nullptr);
+    if (!d.ok()) {
+        if (_ex.err == 0) _ex.err = RX_ERR_MEMORY;
+        return false;
+    }
+    const Ch* end = d.longest(cp, _ex.stop, nullptr);
+    return con.groupNo ? end != nullptr : end == nullptr;
+}
+
+template <class Ch>
+StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
+{
+    if (css->outs[co]) return css->outs[co];
+    if (_ex.err) return nullptr;
+    const CompactArc* arcs = _nfa.arcs.data();
+    const uint32_t* rows = _nfa.rows.data();
+    std::fill(_work, _work + _words, 0u);
+    bool got = false;
+    bool isPost = false;
+    bool noProgress = true;
+    for (int i = 0; i < _nfa.stateCount; ++i) {
+        if (!(css->bits[i / 32] & (1u << (i % 32)))) continue;
+        for (const CompactArc* a = arcs + rows[i] + 1; a->co != kNoColour; ++a) {
+            if (a->co != co) continue;
+            _work[a->to / 32] |= 1u << (a->to % 32);
+            got = true;
+            if (a->to == _nfa.exit) isPost = true;
+            if (arcs[rows[a->to]].co == 0) noProgress = false;
+        }
+    }
+    bool sawLookahead = false;
+    bool again = got && (_nfa.flags & kHasLookahead);
+    while (again) {
+        again = false;
+        for (int i = 0; i < _nfa.stateCount; ++i) {
+            if (!(_work[i / 32] & (1u << (i % 32)))) continue;
+            for (const CompactArc* a = arcs + rows[i] + 1; a->co != kNoColour; ++a) {
+                if (a->co < _nfa.colourCount) continue;
+                sawLookahead = true;
+                if (_work[a->to / 32] & (1u << (a->to % 32))) continue;
+                if (!lookahead(a->co - _nfa.colourCount, cp)) continue;
+                _work[a->to / 32] |= 1u << (a->to % 32);
+                again = true;
+                if (a->to == _nfa.exit) isPost = true;
+                if (arcs[rows[a->to]].co == 0) noProgress = false;
+            }
+        }
+        if (_ex.err) return nullptr;
+    }
+    if (!got) return nullptr;
+
+    uint32_t h = 0;
+    for (int i = 0; i < _words; ++i) h ^= _work[i];
+    StateSet* p = nullptr;
+    for (int i = 0; i < _used; ++i) {
+        StateSet* s = &_sets[i];
+        if (s->hash != h) continue;
+        if (_words != 1 && std::memcmp(s->bits, _work, static_cast<size_t>(_words) * 4) != 0) continue;
+        p = s;
+        break;
+    }
+    if (!p) {
+        p = vacant(cp, start);
+        if (!p) return nullptr;
+        std::copy(_work, _work + _words, p->bits);
+        p->hash = h;
+        p->flags = (isPost ? kSetAccept : 0) | (noProgress ? kSetCold : 0);
+    }
+    if (!sawLookahead) {
+        css->outs[co] = p;
+        css->nextIn[co] = p->in;
+        p->in = {css, co};
+    }
+    return p;
+}
+
+template <class Ch>
+const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop)
+{
+    const Ch* cp = start;
+    const Ch* realStop = (stop == _ex.stop) ? stop : stop + 1;
+    if (hitStop) *hitStop = false;
+    StateSet* css = initialize(start);
+    if (!css) return nullptr;
+    css = miss(css, startContext(start), cp, start);
+    if (!css) return nullptr;
+    css->seenAt = cp;
+    while (cp < realStop) {
+        const colour co = colourOf(*cp);
+        StateSet* ss = css->outs[co];
+        if (!ss) {
+            ss = miss(css, co, cp + 1, start);
+            if (!ss) break;
+        }
+        ++cp;
+        ss->seenAt = cp;
+        css = ss;
+    }
+    if (_ex.err) return nullptr;
+    if (cp == _ex.stop && stop == _ex.stop) {
+        if (hitStop) *hitStop = true;
+        StateSet* ss = miss(css, endContext(), cp, start);
+        if (ss && (ss->flags & kSetAccept)) return cp;
+        if (ss) ss->seenAt = cp;
+    }
+    const Ch* post = _latestPost;
+    for (int i = 0; i < _used; ++i) {
+        const StateSet* s = &_sets[i];
+        if ((s->flags & kSetAccept) && s->seenAt && (post == nullptr || post < seen(s))) post = seen(s);
+    }
+    return post ? post - 1 : nullptr;
+}
+
+template <class Ch>
+const Ch* Dfa<Ch>::lastCold() const
+{
+    const Ch* cold = _latestCold ? _latestCold : _ex.start;
+    for (int i = 0; i < _used; ++i) {
+        const StateSet* s = &_sets[i];
+        if ((s->flags & kSetCold) && s->seenAt && cold < seen(s)) cold = seen(s);
+    }
+    return cold;
+}
+
+template <class Ch>
+const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const Ch** cold, bool* hitStop)
+{
+    const Ch* cp = start;
+    const Ch* realMin = (min == _ex.stop) ? min : min + 1;
+    const Ch* realMax = (max == _ex.stop) ? max : max + 1;
+    if (hitStop) *hitStop = false;
+    StateSet* css = initialize(start);
+    if (!css) return nullptr;
+    css = miss(css, startContext(start), cp, start);
+    if (!css) return nullptr;
+    css->seenAt = cp;
+    StateSet* ss = css;
+    while (cp < realMax) {
+        const colour co = colourOf(*cp);
+        ss = css->outs[co];
+        if (!ss) {
+            ss = miss(css, co, cp + 1, start);
+            if (!ss) break;
+        }
+        ++cp;
+        ss->seenAt = cp;
+        css = ss;
+        if ((ss->flags & kSetAccept) && cp >= realMin) break;
+    }
+    if (!ss || _ex.err) return nullptr;
+    if (cold) *cold = lastCold();
+    if ((ss->flags & kSetAccept) && cp > min) return cp - 1;
+    if (cp == _ex.stop && max == _ex.stop) {
+        ss = miss(css, endContext(), cp, start);
+        if ((ss == nullptr || !(ss->flags & kSetAccept)) && hitStop) *hitStop = true;
+        if (ss && (ss->flags & kSetAccept)) return cp;
+    }
+    return nullptr;
+}
+
+template class Dfa<char>;
+template class Dfa<wchar_t>;
+
+}  // namespace Karu::IMPL::rx

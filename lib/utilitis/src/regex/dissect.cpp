@@ -1,0 +1,226 @@
+// Dissection and back-references.
+//
+// The plain walk lets the left side of a concatenation take as much (or as
+// little, if it prefers shortest) as its automaton allows while the right side
+// can still match the rest exactly; the parser's tree shape turns that into
+// POSIX's leftmost-subexpression priority. An alternation takes the first
+// branch whose automaton matches the whole interval.
+//
+// Back-references can't be checked by an automaton (it treats one as a copy of
+// the group's language), so a candidate split may fail later; the retry walk
+// then resumes each node where it left off, which the retry memory makes
+// possible: a concatenation remembers its midpoint, an alternation which
+// branch it is on, a back-reference that it was tried.
+#include "dissect.h"
+
+#include "classes.h"
+
+namespace Karu::IMPL::rx {
+
+namespace {
+
+template <class Ch>
+void record(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
+{
+    const size_t n = static_cast<size_t>(t->groupNo);
+    if (n >= ex.groupsWanted) return;
+    ex.matches[n].start = begin - ex.start;
+    ex.matches[n].end = end - ex.start;
+}
+
+template <class Ch>
+int concatenation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
+{
+    const bool shorter = t->left->flags & kShorter;
+    const Ch* mid;
+    {
+        Dfa<Ch> d(ex, t->left->automaton, ex.dfa1);
+        Dfa<Ch> d2(ex, t->right->automaton, ex.dfa2);
+        if (!d.ok() || !d2.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+        mid = shorter ? d.shortest(begin, begin, end, nullptr, nullptr) : d.longest(begin, end, nullptr);
+        if (!mid) return ex.err ? ex.err : RX_ERR_INTERNAL;
+        const Ch* last = shorter ? end : begin;
+        while (d2.longest(mid, end, nullptr) != end) {
+            if (ex.err) return ex.err;
+            if (mid == last) return RX_ERR_INTERNAL;
+            mid = shorter ? d.shortest(begin, mid + 1, end, nullptr, nullptr) : d.longest(begin, mid - 1, nullptr);
+            if (!mid) return ex.err ? ex.err : RX_ERR_INTERNAL;
+        }
+    }
+    const int r = dissect(ex, t->left, begin, mid);
+    if (r != RX_OK) return r;
+    return dissect(ex, t->right, mid, end);
+}
+
+template <class Ch>
+int alternation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
+{
+    for (; t != nullptr; t = t->right) {
+        bool whole;
+        {
+            Dfa<Ch> d(ex, t->left->automaton, ex.dfa1);
+            if (!d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+            whole = d.longest(begin, end, nullptr) == end;
+            if (ex.err) return ex.err;
+        }
+        if (whole) return dissect(ex, t->left, begin, end);
+    }
+    return RX_ERR_INTERNAL;
+}
+
+// ---- the retry walk ----
+
+template <class Ch>
+int retryConcatenation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
+{
+    const bool shorter = t->left->flags & kShorter;
+    // Fresh caches each time: the walk recurses and the fixed blocks are shared.
+    Dfa<Ch> d(ex, t->left->automaton, nullptr);
+    Dfa<Ch> d2(ex, t->right->automaton, nullptr);
+    if (!d.ok() || !d2.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+    uint64_t& memory = ex.retry[t->id];
+    const Ch* mid;
+    if (memory == 0) {
+        mid = shorter ? d.shortest(begin, begin, end, nullptr, nullptr) : d.longest(begin, end, nullptr);
+        if (ex.err) return ex.err;
+        if (!mid) return RX_NOMATCH;
+        memory = static_cast<uint64_t>(mid - begin) + 1;
+    } else {
+        mid = begin + (memory - 1);
+    }
+    for (;;) {
+        int r = dissectRetry(ex, t->left, begin, mid);
+        if (r == RX_OK) {
+            const Ch* e = d2.longest(mid, end, nullptr);
+            if (ex.err) return ex.err;
+            if (e == end) {
+                r = dissectRetry(ex, t->right, mid, end);
+                if (r == RX_OK) return RX_OK;
+            } else {
+                r = RX_NOMATCH;
+            }
+        }
+        if (r != RX_NOMATCH) return r;
+        if (mid == (shorter ? end : begin)) return RX_NOMATCH;
+        mid = shorter ? d.shortest(begin, mid + 1, end, nullptr, nullptr) : d.longest(begin, mid - 1, nullptr);
+        if (ex.err) return ex.err;
+        if (!mid) return RX_NOMATCH;
+        memory = static_cast<uint64_t>(mid - begin) + 1;
+        clearMemory(ex, t->left);
+        clearMemory(ex, t->right);
+    }
+}
+
+template <class Ch>
+int retryAlternation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
+{
+    constexpr uint64_t kUntried = 0, kTrying = 1, kTried = 2;
+    for (; t != nullptr; t = t->right) {
+        uint64_t& memory = ex.retry[t->id];
+        if (memory == kTried) continue;
+        if (memory == kUntried) {
+            Dfa<Ch> d(ex, t->left->automaton, nullptr);
+            if (!d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+            const bool whole = d.longest(begin, end, nullptr) == end;
+            if (ex.err) return ex.err;
+            if (!whole) {
+                memory = kTried;
+                continue;
+            }
+            memory = kTrying;
+        }
+        const int r = dissectRetry(ex, t->left, begin, end);
+        if (r != RX_NOMATCH) return r;
+        memory = kTried;
+    }
+    return RX_NOMATCH;
+}
+
+template <class Ch>
+int backReference(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
+{
+    const RxMatch& group = ex.matches[static_cast<size_t>(t->groupNo)];
+    if (group.start == -1) return RX_NOMATCH;
+    uint64_t& memory = ex.retry[t->id];
+    if (memory) return RX_NOMATCH;  // nothing else to try here
+    memory = 1;
+    const Ch* text = ex.start + group.start;
+    const size_t length = static_cast<size_t>(group.end - group.start);
+    if (length == 0) return begin == end ? RX_OK : RX_NOMATCH;
+    if (static_cast<size_t>(end - begin) < length) return RX_NOMATCH;
+    const bool fold = ex.in->compFlags & RX_FOLDCASE;
+    const Ch* last = end - length;
+    int count = 0;
+    const Ch* p = begin;
+    for (; p <= last && (count < t->max || t->max == RX_OPEN_BOUND); p += length) {
+        bool same = true;
+        for (size_t i = 0; i < length && same; ++i)
+            same = fold ? equalFolded<Ch>(text[i], p[i]) : text[i] == p[i];
+        if (!same) break;
+        ++count;
+    }
+    if (p != end) return RX_NOMATCH;
+    return (t->min <= count && (count <= t->max || t->max == RX_OPEN_BOUND)) ? RX_OK : RX_NOMATCH;
+}
+
+}  // namespace
+
+template <class Ch>
+int dissect(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
+{
+    switch (t->op) {
+    case '=':
+        return RX_OK;
+    case '(':
+        record(ex, t, begin, end);
+        return dissect(ex, t->left, begin, end);
+    case '.':
+        return concatenation(ex, t, begin, end);
+    case '|':
+        return alternation(ex, t, begin, end);
+    default:
+        return RX_ERR_INTERNAL;
+    }
+}
+
+template <class Ch>
+int dissectRetry(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
+{
+    switch (t->op) {
+    case '=':
+        return RX_OK;
+    case '(': {
+        const int r = dissectRetry(ex, t->left, begin, end);
+        if (r == RX_OK) record(ex, t, begin, end);
+        return r;
+    }
+    case '.':
+        return retryConcatenation(ex, t, begin, end);
+    case '|':
+        return retryAlternation(ex, t, begin, end);
+    case 'b':
+        return backReference(ex, t, begin, end);
+    default:
+        return RX_ERR_INTERNAL;
+    }
+}
+
+template <class Ch>
+void clearMemory(ExecState<Ch>& ex, const Subexpr* t)
+{
+    ex.retry[t->id] = 0;
+    if (t->op == '(' && static_cast<size_t>(t->groupNo) < ex.groupsWanted) {
+        ex.matches[static_cast<size_t>(t->groupNo)] = {-1, -1};
+    }
+    if (t->left) clearMemory(ex, t->left);
+    if (t->right) clearMemory(ex, t->right);
+}
+
+template int dissect<char>(ExecState<char>&, const Subexpr*, const char*, const char*);
+template int dissect<wchar_t>(ExecState<wchar_t>&, const Subexpr*, const wchar_t*, const wchar_t*);
+template int dissectRetry<char>(ExecState<char>&, const Subexpr*, const char*, const char*);
+template int dissectRetry<wchar_t>(ExecState<wchar_t>&, const Subexpr*, const wchar_t*, const wchar_t*);
+template void clearMemory<char>(ExecState<char>&, const Subexpr*);
+template void clearMemory<wchar_t>(ExecState<wchar_t>&, const Subexpr*);
+
+}  // namespace Karu::IMPL::rx

@@ -1,0 +1,216 @@
+// rxexec and its search strategy.
+//
+// First the cheap question: is there a match at all, and where could it
+// begin? The search automaton (the pattern with an implicit leading ".*")
+// answers with the shortest match end and the last position from which no
+// progress had been made. Then the root's own automaton, tried from each
+// possible start in turn, pins down the leftmost match and its longest (or
+// shortest) end; only if groups are wanted does dissection run. Patterns with
+// back-references take the backtracking route of findWithBackrefs instead.
+#include "classes.h"
+#include "dissect.h"
+
+#include <algorithm>
+#include <new>
+#include <vector>
+
+namespace Karu {
+
+namespace IMPL::rx {
+
+template <class Ch>
+int compilePattern(RxObject* object, const Ch* pattern, size_t length, int flags) noexcept;
+
+namespace {
+
+constexpr size_t kInlineMatches = 20;  // match array on the stack
+constexpr size_t kInlineRetry = 40;    // retry memory on the stack
+
+template <class Ch>
+void fillDetails(ExecState<Ch>& ex, const Ch* cold)
+{
+    if (!ex.details) return;
+    ex.details->coldStart = (cold ? cold : ex.stop) - ex.start;
+    ex.details->end = ex.stop - ex.start;
+}
+
+template <class Ch>
+int find(ExecState<Ch>& ex)
+{
+    const Internals& in = *ex.in;
+    const Ch* cold = nullptr;
+    const Ch* close;
+    {
+        Dfa<Ch> s(ex, in.search, ex.dfa1);
+        if (!s.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+        close = s.shortest(ex.start, ex.start, ex.stop, &cold, nullptr);
+    }
+    if (ex.err) return ex.err;
+    fillDetails(ex, cold);
+    if (!close) return RX_NOMATCH;
+    if (ex.groupsWanted == 0) return RX_OK;
+
+    const bool shorter = in.tree->flags & kShorter;
+    const Ch* open = cold ? cold : ex.start;
+    cold = nullptr;
+    const Ch* begin = open;
+    const Ch* end = nullptr;
+    {
+        Dfa<Ch> d(ex, in.tree->automaton, ex.dfa1);
+        if (!d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+        for (begin = open; begin <= close; ++begin) {
+            bool hitEnd = false;
+            end = shorter ? d.shortest(begin, begin, ex.stop, nullptr, &hitEnd) : d.longest(begin, ex.stop, &hitEnd);
+            if (ex.err) return ex.err;
+            if (hitEnd && !cold) cold = begin;
+            if (end) break;
+        }
+    }
+    if (!end) return RX_NOMATCH;
+    ex.matches[0] = {begin - ex.start, end - ex.start};
+    fillDetails(ex, cold);
+    if (ex.groupsWanted == 1) return RX_OK;
+    return dissect(ex, in.tree, begin, end);
+}
+
+template <class Ch>
+int findWithBackrefs(ExecState<Ch>& ex)
+{
+    const Internals& in = *ex.in;
+    const bool shorter = in.tree->flags & kShorter;
+    Dfa<Ch> s(ex, in.search, ex.dfa1);
+    Dfa<Ch> d(ex, in.tree->automaton, ex.dfa2);
+    if (!s.ok() || !d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+    const Ch* cold = nullptr;
+    const Ch* close = ex.start;
+    const Ch* previousClose = nullptr;
+    auto done = [&](int r) {
+        fillDetails(ex, cold);
+        return r;
+    };
+    do {
+        close = s.shortest(close, close, ex.stop, &cold, nullptr);
+        if (ex.err) return ex.err;
+        if (!close) break;
+        // A search that finds the same end again would never finish.
+        if (previousClose && close <= previousClose) break;
+        previousClose = close;
+        const Ch* open = cold ? cold : ex.start;
+        cold = nullptr;
+        for (const Ch* begin = open; begin <= close; ++begin) {
+            const Ch* earliest = begin;
+            const Ch* latest = ex.stop;
+            for (;;) {
+                bool hitEnd = false;
+                const Ch* end = shorter ? d.shortest(begin, earliest, latest, nullptr, &hitEnd)
+                                        : d.longest(begin, latest, &hitEnd);
+                if (ex.err) return ex.err;
+                if (hitEnd && !cold) cold = begin;
+                if (!end) break;
+                for (size_t i = 1; i < ex.groupsWanted; ++i) ex.matches[i] = {-1, -1};
+                std::fill(ex.retry, ex.retry + in.nodeCount, 0);
+                const int r = dissectRetry(ex, in.tree, begin, end);
+                if (r == RX_OK) {
+                    ex.matches[0] = {begin - ex.start, end - ex.start};
+                    return done(RX_OK);
+                }
+                if (r != RX_NOMATCH) return r;
+                // A candidate narrowed down to its extreme ends the search.
+                if (shorter ? end == latest : end == begin) return done(RX_NOMATCH);
+                if (shorter)
+                    earliest = end + 1;
+                else
+                    latest = end - 1;
+            }
+        }
+    } while (close < ex.stop);
+    return done(RX_NOMATCH);
+}
+
+template <class Ch>
+int execute(const RxObject* object, const Ch* string, size_t length, RxDetails* details, size_t matchCount,
+            RxMatch* matches, int flags) noexcept
+{
+    if (object == nullptr || string == nullptr || object->magic != RX_OBJECT_MAGIC) return RX_ERR_ARGUMENT;
+    if (object->unitSize != CharTraits<Ch>::kUnitSize) return RX_ERR_WIDTH;
+    const auto* in = static_cast<const Internals*>(object->internals);
+    if (in == nullptr || in->magic != kInternalsMagic) return RX_ERR_ARGUMENT;
+    if ((in->compFlags & RX_WANTDETAILS) && details == nullptr) return RX_ERR_ARGUMENT;
+    if (in->info & RX_NEVER_MATCHES) return RX_NOMATCH;
+    if (in->compFlags & RX_NOGROUPS) matchCount = 0;
+    if (matchCount > 0 && matches == nullptr) return RX_ERR_ARGUMENT;
+
+    try {
+        ExecState<Ch> ex;
+        ex.in = in;
+        ex.runFlags = flags;
+        ex.details = (in->compFlags & RX_WANTDETAILS) ? details : nullptr;
+        ex.start = string;
+        ex.stop = string + length;
+        DfaBlock blocks[2];
+        ex.dfa1 = &blocks[0];
+        ex.dfa2 = &blocks[1];
+
+        const bool backrefs = in->info & RX_USES_BACKREF;
+        RxMatch inlineMatches[kInlineMatches];
+        std::vector<RxMatch> heapMatches;
+        uint64_t inlineRetry[kInlineRetry];
+        std::vector<uint64_t> heapRetry;
+
+        // A back-reference needs every group, even if the caller wants none.
+        ex.groupsWanted = backrefs ? in->groupCount + 1 : std::min(matchCount, in->groupCount + 1);
+        if (ex.groupsWanted <= kInlineMatches) {
+            ex.matches = inlineMatches;
+        } else {
+            heapMatches.resize(ex.groupsWanted);
+            ex.matches = heapMatches.data();
+        }
+        for (size_t i = 0; i < ex.groupsWanted; ++i) ex.matches[i] = {-1, -1};
+        if (backrefs) {
+            if (static_cast<size_t>(in->nodeCount) <= kInlineRetry) {
+                ex.retry = inlineRetry;
+            } else {
+                heapRetry.resize(static_cast<size_t>(in->nodeCount));
+                ex.retry = heapRetry.data();
+            }
+        }
+
+        const int r = backrefs ? findWithBackrefs(ex) : find(ex);
+        if (r != RX_OK) return r;
+        for (size_t i = 0; i < matchCount; ++i) matches[i] = {-1, -1};
+        const size_t n = std::min(matchCount, ex.groupsWanted);
+        for (size_t i = 0; i < n; ++i) matches[i] = ex.matches[i];
+        return RX_OK;
+    } catch (const std::bad_alloc&) {
+        return RX_ERR_MEMORY;
+    } catch (...) {
+        return RX_ERR_INTERNAL;
+    }
+}
+
+}  // namespace
+}  // namespace IMPL::rx
+
+int rxcomp(RxObject* object, const char* pattern, size_t length, int flags) noexcept
+{
+    return IMPL::rx::compilePattern(object, pattern, length, flags);
+}
+
+int rxcomp(RxObject* object, const wchar_t* pattern, size_t length, int flags) noexcept
+{
+    return IMPL::rx::compilePattern(object, pattern, length, flags);
+}
+
+int rxexec(const RxObject* object, const char* string, size_t length, RxDetails* details, size_t matchCount,
+           RxMatch* matches, int flags) noexcept
+{
+    return IMPL::rx::execute(object, string, length, details, matchCount, matches, flags);
+}
+
+int rxexec(const RxObject* object, const wchar_t* string, size_t length, RxDetails* details, size_t matchCount,
+           RxMatch* matches, int flags) noexcept
+{
+    return IMPL::rx::execute(object, string, length, details, matchCount, matches, flags);
+}
+
+}  // namespace Karu

@@ -1,0 +1,64 @@
+// What a compiled pattern keeps: the subexpression tree with an automaton per
+// node the matcher may run, the search automaton, the look-ahead automata and
+// the colour map. Everything here is read-only once rxcomp has returned.
+#pragma once
+
+#include "colourmap.h"
+#include "nfa.h"
+
+#include <memory>
+#include <vector>
+
+namespace Karu::IMPL::rx {
+
+// Preference and content flags of a tree node.
+constexpr uint8_t kLonger = 1;
+constexpr uint8_t kShorter = 2;
+constexpr uint8_t kMixed = 4;
+constexpr uint8_t kCapture = 8;
+constexpr uint8_t kBackref = 0x10;
+constexpr uint8_t kInUse = 0x40;
+constexpr uint8_t kPrefMask = 3;
+constexpr uint8_t kMessy = kMixed | kCapture | kBackref;
+
+// Combining upward: drop the node's own preference, note a clash as mixed.
+constexpr uint8_t flagsUp(uint8_t f)
+{
+    return static_cast<uint8_t>((f & ~kPrefMask) | (((f << 2) & (f << 1)) & kMixed));
+}
+constexpr uint8_t flagsMerge(uint8_t a, uint8_t b)
+{
+    return static_cast<uint8_t>(flagsUp(a | b) | ((a & kPrefMask) ? (a & kPrefMask) : (b & kPrefMask)));
+}
+
+struct Subexpr {
+    char op = '=';      // '|' alternation, '.' concatenation, '=' plain, '(' capture, 'b' back-reference
+    uint8_t flags = 0;
+    uint16_t id = 0;    // tree number, index into retry memory
+    int groupNo = 0;    // group of '(' and 'b'; polarity of a look-ahead record
+    int16_t min = 1;
+    int16_t max = 1;    // RX_OPEN_BOUND is open
+    Subexpr* left = nullptr;
+    Subexpr* right = nullptr;
+    State* begin = nullptr;
+    State* end = nullptr;
+    CompactNfa automaton;
+};
+
+constexpr int kInternalsMagic = 0xFED9;
+
+struct Internals {
+    int magic = 0;
+    int compFlags = 0;
+    long info = 0;
+    size_t groupCount = 0;
+    Subexpr* tree = nullptr;
+    CompactNfa search;
+    int nodeCount = 0;
+    ColourMap colourMap;
+    std::vector<std::unique_ptr<Subexpr>> nodes;  // the tree's nodes in use
+    std::vector<Subexpr> lookaheads;              // entry 0 unused
+    int unitSize = 1;
+};
+
+}  // namespace Karu::IMPL::rx

@@ -1,0 +1,145 @@
+// The automaton graph the parser writes into, its optimiser and its compact
+// form for the matchers.
+//
+// The parser extends a mutable graph of states and arcs of several kinds:
+// plain arcs on colours, empty arcs, string and line constraints, look-ahead
+// and look-behind colour constraints, and references to look-ahead
+// sub-patterns. optimise() removes every empty arc, pulls start constraints
+// back to the entry and pushes end constraints forward to the exit, where they
+// become plain arcs on pseudo colours that stand for the string's ends; then
+// compact() packs the graph into two arrays. The subtle parts are the
+// constraint moves (a constraint that meets an arc it contradicts deletes the
+// arc, which is how `a^b` becomes impossible) and the search form, whose entry
+// must be split from states reachable after progress so that the matcher can
+// tell where a match could still begin.
+#pragma once
+
+#include "colourmap.h"
+
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+namespace Karu::IMPL::rx {
+
+struct Arc {
+    int type = 0;
+    colour co = 0;
+    State* from = nullptr;
+    State* to = nullptr;
+    Arc* outNext = nullptr;
+    Arc* outPrev = nullptr;
+    Arc* inNext = nullptr;
+    Arc* inPrev = nullptr;
+    Arc* colNext = nullptr;
+    Arc* colPrev = nullptr;
+};
+
+struct State {
+    int number = 0;   // -1 once freed
+    char role = 0;    // '@' entry, '>' exit
+    int inCount = 0;
+    Arc* ins = nullptr;
+    int outCount = 0;
+    Arc* outs = nullptr;
+    State* mark = nullptr;  // scratch for graph walks
+    int walk = 0;           // scratch for graph walks
+    State* next = nullptr;
+    State* prev = nullptr;
+};
+
+// The matcher's form: per state a row of (colour, target), first a header
+// whose colour is 1 for a no-progress state, last a terminator of colour -1.
+struct CompactArc {
+    colour co;
+    int32_t to;
+};
+
+struct CompactNfa {
+    int stateCount = 0;
+    int colourCount = 0;
+    int flags = 0;  // kHasLookahead
+    int entry = 0;
+    int exit = 0;
+    colour startColours[2] = {0, 0};
+    colour endColours[2] = {0, 0};
+    std::vector<uint32_t> rows;  // index of each state's header in arcs
+    std::vector<CompactArc> arcs;
+    bool empty() const noexcept { return rows.empty(); }
+};
+constexpr int kHasLookahead = 1;
+
+class Nfa {
+public:
+    Nfa(ColourMap& map, ErrorSink& sink, Nfa* parent);
+    ~Nfa();
+    Nfa(const Nfa&) = delete;
+    Nfa& operator=(const Nfa&) = delete;
+
+    State* entry = nullptr;
+    State* bodyStart = nullptr;
+    State* bodyEnd = nullptr;
+    State* exit = nullptr;
+    colour startColours[2] = {kNoColour, kNoColour};
+    colour endColours[2] = {kNoColour, kNoColour};
+
+    bool failed() const noexcept { return _sink.failed(); }
+    void fail(int e) noexcept { _sink.set(e); }
+    ColourMap& map() noexcept { return _map; }
+    bool isMain() const noexcept { return _parent == nullptr; }
+
+    State* stateCreate();
+    void stateRelease(State* s);  // no arcs left
+    void stateDrop(State* s);     // frees its arcs first
+    void arcAdd(int type, colour co, State* from, State* to);
+    void arcCopy(const Arc* a, State* from, State* to) { arcAdd(a->type, a->co, from, to); }
+    void arcRemove(Arc* a);
+    Arc* findArc(State* s, int type, colour co) const noexcept;
+
+    void moveInArcs(State* oldS, State* newS);
+    void moveOutArcs(State* oldS, State* newS);
+    void copyInArcs(State* oldS, State* newS);
+    void copyOutArcs(State* oldS, State* newS);
+    void cloneOuts(State* old, State* from, State* to, int type);
+
+    void deleteBetween(State* left, State* right);
+    // Copies the graph between start and stop of `src` between from and to
+    // of this automaton (src may be this one).
+    void copyBetween(Nfa& src, State* start, State* stop, State* from, State* to);
+    void repeatBetween(State* left, State* right, int m, int n);
+
+    void assignPseudoColours();
+    long optimise(FILE* trace);
+    void makeSearch();
+    void compact(CompactNfa& out);
+
+    void dump(FILE* out) const;
+
+private:
+    void cleanup();
+    void removeEmpties();
+    bool removeEmpty(Arc* a);
+    void pullConstraints();
+    bool pull(Arc* con);
+    void pushConstraints();
+    bool push(Arc* con);
+    long analyse() const;
+    Arc* takeArc();
+    void deleteWalk(State* s);
+
+    ColourMap& _map;
+    ErrorSink& _sink;
+    Nfa* _parent;
+    State* _head = nullptr;
+    State* _tail = nullptr;
+    int _stateCount = 0;
+    long _arcCount = 0;
+    State* _spareStates = nullptr;
+    Arc* _spareArcs = nullptr;
+    std::vector<std::unique_ptr<State[]>> _stateBlocks;
+    size_t _stateBlockUsed = 0;
+    std::vector<std::unique_ptr<Arc[]>> _arcBatches;
+    size_t _arcBatchUsed = 0;
+};
+
+}  // namespace Karu::IMPL::rx
