@@ -398,54 +398,50 @@ void Nfa::cleanup()
     _stateCount = n;
 }
 
-bool Nfa::removeEmpty(Arc* a)
-{
-    State* from = a->from;
-    State* to = a->to;
-    if (from == to) {
-        arcRemove(a);
-        return true;
-    }
-    bool useFrom = true;
-    if (from->outCount > to->inCount)
-        useFrom = false;
-    else if (from->outCount == to->inCount && from->inCount > to->outCount)
-        useFrom = false;
-    arcRemove(a);
-    if (useFrom) {
-        if (from->outCount == 0) {
-            moveInArcs(from, to);
-            stateDrop(from);
-        } else {
-            copyInArcs(from, to);
-        }
-    } else {
-        if (to->inCount == 0) {
-            moveOutArcs(to, from);
-            stateDrop(to);
-        } else {
-            copyOutArcs(to, from);
-        }
-    }
-    return true;
-}
-
 void Nfa::removeEmpties()
 {
-    // Removing an arc never frees the arc after it on the same state, and a
-    // state is dropped only when it has no out-arcs left, so the walk can go
-    // on; a dropped successor state ends the pass and another one follows.
-    bool progress = true;
-    while (progress && !failed()) {
-        progress = false;
-        for (State* s = _head; s && !failed() && s->number >= 0;) {
-            State* nexts = s->next;
-            for (Arc* a = s->outs; a && !failed();) {
-                Arc* next = a->outNext;
-                if (a->type == kEmpty && removeEmpty(a)) progress = true;
-                a = next;
-            }
-            s = nexts;
+    // Each state takes over the non-empty out-arcs of every state it reaches
+    // by empty arcs alone, and then all empty arcs go. Moving one empty arc at
+    // a time is exponential on nested loops such as ((x*)*){0,2}; closures
+    // keep this polynomial. States left unreachable fall to the next cleanup.
+    if (failed()) return;
+    std::vector<State*> all;
+    for (State* s = _head; s; s = s->next) {
+        s->walk = 0;
+        all.push_back(s);
+    }
+    int stamp = 0;
+    std::vector<State*> closure;
+    std::vector<State*> work;
+    for (State* s : all) {
+        bool hasEmpty = false;
+        for (Arc* a = s->outs; a && !hasEmpty; a = a->outNext) hasEmpty = a->type == kEmpty;
+        if (!hasEmpty) continue;
+        ++stamp;
+        closure.clear();
+        work.assign(1, s);
+        s->walk = stamp;
+        while (!work.empty()) {
+            State* t = work.back();
+            work.pop_back();
+            for (Arc* a = t->outs; a; a = a->outNext)
+                if (a->type == kEmpty && a->to->walk != stamp) {
+                    a->to->walk = stamp;
+                    closure.push_back(a->to);
+                    work.push_back(a->to);
+                }
+        }
+        for (State* t : closure)
+            for (Arc* a = t->outs; a && !failed(); a = a->outNext)
+                if (a->type != kEmpty) arcAdd(a->type, a->co, s, a->to);
+        if (failed()) return;
+    }
+    for (State* s : all) {
+        s->walk = 0;
+        for (Arc* a = s->outs; a;) {
+            Arc* next = a->outNext;
+            if (a->type == kEmpty) arcRemove(a);
+            a = next;
         }
     }
 }

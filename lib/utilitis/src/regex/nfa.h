@@ -118,7 +118,6 @@ public:
 private:
     void cleanup();
     void removeEmpties();
-    bool removeEmpty(Arc* a);
     void pullConstraints();
     bool pull(Arc* con);
     void pushConstraints();

@@ -1,0 +1,176 @@
+// The regular-expression engine's speed. Two parts in one run:
+//  - a comparison with the C library's regexec on a generated 50 MB text, for
+//    a literal, a class loop with a suffix, a two-group address pattern, an
+//    alternation of 20 words and a back-reference: every match is found in
+//    turn, and the program prints each engine's time and the ratio;
+//  - Google Benchmark runs of a full scan over 1 MB and 8 MB subjects, whose
+//    bytes per second must stay within a small factor of each other (matching
+//    cost is linear in the subject).
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <random>
+#include <regex.h>
+#include <string>
+
+#include "karu/regex/rx.h"
+
+using namespace Karu;
+
+namespace {
+
+constexpr size_t kCompareBytes = 50u << 20;
+
+std::string makeText(size_t bytes, bool withHits)
+{
+    static const char* const kWords[] = {"the", "quick", "brown", "fox", "jumps", "over", "lazy", "dog", "text",
+                                         "running", "replace", "pattern", "file", "line", "sitting", "moon", "a",
+                                         "letter", "bookkeeper", "coffee", "encoding", "strings", "of"};
+    std::mt19937 rng(7);
+    std::string text;
+    text.reserve(bytes + 64);
+    while (text.size() < bytes) {
+        const unsigned r = rng() % 1000;
+        if (withHits && r < 3) {
+            text += "mail";
+            text += std::to_string(rng() % 1000);
+            text += "@host";
+            text += std::to_string(rng() % 100);
+            text += ".com";
+        } else {
+            const char* w = kWords[rng() % (sizeof kWords / sizeof kWords[0])];
+            if (!withHits && std::strstr(w, "ing")) w = "sat";
+            text += w;
+        }
+        text += (rng() % 12 == 0) ? "\n" : " ";
+    }
+    text.resize(bytes);
+    return text;
+}
+
+struct Case {
+    const char* name;
+    const char* ours;    // with our flags below
+    int ourFlags;
+    const char* theirs;  // the C library's extended syntax
+};
+
+const Case kCases[] = {
+    {"literal", "bookkeeper", RX_SYNTAX_EXT, "bookkeeper"},
+    {"[a-z]+ing", "[a-z]+ing", RX_SYNTAX_EXT, "[a-z]+ing"},
+    {"(\\w+)@(\\w+)\\.com", "(\\w+)@(\\w+)\\.com", RX_SYNTAX_ADV, "([[:alnum:]_]+)@([[:alnum:]_]+)\\.com"},
+    {"20 words",
+     "alpha|bravo|charlie|delta|echo|foxtrot|golf|hotel|india|juliet|kilo|lima|mike|november|oscar|papa|quebec|"
+     "romeo|sierra|moon",
+     RX_SYNTAX_EXT,
+     "alpha|bravo|charlie|delta|echo|foxtrot|golf|hotel|india|juliet|kilo|lima|mike|november|oscar|papa|quebec|"
+     "romeo|sierra|moon"},
+    {"back-reference", "([a-z])\\1", RX_SYNTAX_ADV, "([a-z])\\1"},
+};
+
+double seconds(std::chrono::steady_clock::time_point since)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+// Every match in turn, as a replace loop walks them; returns the count.
+long ourCount(const RxObject& o, const std::string& text, size_t groups)
+{
+    long count = 0;
+    size_t pos = 0;
+    RxMatch m[3];
+    while (pos < text.size()) {
+        const int flags = pos ? RX_NOLINESTART : 0;
+        if (rxexec(&o, text.data() + pos, text.size() - pos, nullptr, groups, m, flags) != RX_OK) break;
+        ++count;
+        pos += static_cast<size_t>(m[0].end > 0 ? m[0].end : 1);
+    }
+    return count;
+}
+
+long theirCount(const regex_t& re, const std::string& text, size_t groups)
+{
+    long count = 0;
+    size_t pos = 0;
+    regmatch_t m[3];
+    while (pos < text.size()) {
+        m[0].rm_so = 0;
+        m[0].rm_eo = static_cast<regoff_t>(text.size() - pos);
+        const int flags = REG_STARTEND | (pos ? REG_NOTBOL : 0);
+        if (regexec(&re, text.data() + pos, groups, m, flags) != 0) break;
+        ++count;
+        pos += static_cast<size_t>(m[0].rm_eo > 0 ? m[0].rm_eo : 1);
+    }
+    return count;
+}
+
+void compareWithCLibrary()
+{
+    const std::string text = makeText(kCompareBytes, true);
+    std::printf("%-22s %10s %10s %10s %8s\n", "pattern (50 MB)", "matches", "ours s", "libc s", "ratio");
+    for (const Case& c : kCases) {
+        RxObject o{};
+        if (rxcomp(&o, c.ours, std::strlen(c.ours), c.ourFlags) != RX_OK) {
+            std::printf("%-22s does not compile\n", c.name);
+            continue;
+        }
+        regex_t re;
+        if (regcomp(&re, c.theirs, REG_EXTENDED) != 0) {
+            rxfree(&o);
+            continue;
+        }
+        const size_t groups = o.groupCount + 1;
+        auto t0 = std::chrono::steady_clock::now();
+        const long ours = ourCount(o, text, groups);
+        const double ourTime = seconds(t0);
+        t0 = std::chrono::steady_clock::now();
+        const long theirs = theirCount(re, text, groups);
+        const double theirTime = seconds(t0);
+        std::printf("%-22s %10ld %10.3f %10.3f %7.2fx%s\n", c.name, ours, ourTime, theirTime, ourTime / theirTime,
+                    ours == theirs ? "" : "  (counts differ)");
+        regfree(&re);
+        rxfree(&o);
+    }
+    std::printf("ratio = our time / C library time (below 1 is faster)\n\n");
+}
+
+// A scan over a subject with no match: the whole text passes the automaton.
+void BM_FullScan(benchmark::State& state)
+{
+    const std::string text = makeText(static_cast<size_t>(state.range(0)) << 20, false);
+    RxObject o{};
+    rxcomp(&o, "[a-z]+ing", 9, RX_SYNTAX_EXT);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(rxexec(&o, text.data(), text.size(), nullptr, 0, nullptr, 0));
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(text.size()));
+    rxfree(&o);
+}
+BENCHMARK(BM_FullScan)->Arg(1)->Arg(8)->Unit(benchmark::kMillisecond);
+
+void BM_FullScanWide(benchmark::State& state)
+{
+    const std::string narrow = makeText(static_cast<size_t>(state.range(0)) << 20, false);
+    const std::wstring text(narrow.begin(), narrow.end());
+    RxObject o{};
+    rxcomp(&o, L"[a-z]+ing", 9, RX_SYNTAX_EXT);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(rxexec(&o, text.data(), text.size(), nullptr, 0, nullptr, 0));
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(text.size()));
+    rxfree(&o);
+}
+BENCHMARK(BM_FullScanWide)->Arg(1)->Arg(8)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    compareWithCLibrary();
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
