@@ -63,8 +63,8 @@ TEST_F(LogLines, FileAndStreamRecordsLetterByLetter)
 {
     const std::string path = testing::TempDir() + "karu_log_lines.txt";
     unlink(path.c_str());
+    std::ostringstream stream;  // outlives the log that writes to it
     auto log = Install();
-    std::ostringstream stream;
     log->PushLogger(std::make_shared<CFileLogger<CSysFile>>(stringEx(path.c_str())));
     log->PushLogger(std::make_shared<CStreamLogger>(stream));
     struct Row {
