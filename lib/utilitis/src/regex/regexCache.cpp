@@ -68,8 +68,7 @@ bool RegexFindCached(const basic_string_ex<T>& text, RegexMatches& out, basic_st
     bool translatable = true;
     const bool lineMode = IMPL::PrefixLineMode(pattern, newlineSensitive != 0, translatable);
     const uint8_t translate = translatePerl && translatable ? 1 : 0;
-    const uint32_t flags =
-        (ignoreCase ? kRegexFoldCase : 0) | uint32_t(baseFlags) | (newlineSensitive ? kRegexLineMode : 0);
+    const uint32_t flags = IMPL::FlagWord(baseFlags, ignoreCase, newlineSensitive);
 
     if (!cache.compiled || cache.flags != flags || cache.translate != translate || !(cache.pattern == pattern)) {
         IMPL::FreeCompiled(cache.compiled);

@@ -17,6 +17,7 @@
 #include <karu/regex/regexFront.h>
 
 #include <atomic>
+#include <iterator>
 #include <memory>
 #include <new>
 
@@ -199,7 +200,7 @@ bool PrefixLineMode(const basic_string_ex<T>& pattern, bool callerValue, bool& t
         return false;
     // Option letters run to the first ")" behind the prefix; without one the
     // letters are empty. The engine reports the bad form itself.
-    const uint64_t first = 6;
+    constexpr uint64_t first = std::size(options) - 1;
     uint64_t close = pattern.Find(T(')'), first);
     if (close == basic_string_ex<T>::npos)
         close = first;
@@ -235,12 +236,6 @@ int ExecFlags(bool notBol, bool notEol) noexcept
     return (notBol ? RX_NOLINESTART : 0) | kExecRangeGiven | (notEol ? RX_NOLINEEND : 0);
 }
 
-template <class T>
-uint32_t FlagWord(uint8_t baseFlags, bool ignoreCase, bool newlineSensitive) noexcept
-{
-    return uint32_t(baseFlags) | (ignoreCase ? kRegexFoldCase : 0) | (newlineSensitive ? kRegexLineMode : 0);
-}
-
 }  // namespace
 
 template <class T>
@@ -253,7 +248,7 @@ RegexHandle RegexCompile(basic_string_ex<T>& pattern, uint8_t ignoreCase, uint8_
     const bool lineMode = IMPL::PrefixLineMode(pattern, newlineSensitive != 0, translatable);
     if (translatePerl && translatable)
         ExpandEscapes(pattern, T('\\'), PerlClassTable<T>(), false, true);
-    return RegexHandle(IMPL::Compile(pattern, FlagWord<T>(baseFlags, ignoreCase, lineMode)));
+    return RegexHandle(IMPL::Compile(pattern, IMPL::FlagWord(baseFlags, ignoreCase, lineMode)));
 }
 
 // ---- matching -------------------------------------------------------------------

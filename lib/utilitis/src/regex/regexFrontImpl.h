@@ -16,6 +16,12 @@ struct CompiledRegex {
     uint32_t compileFlags = 0;
 };
 
+// The compile flags for the caller's wishes.
+inline uint32_t FlagWord(uint8_t baseFlags, bool ignoreCase, bool newlineSensitive) noexcept
+{
+    return uint32_t(baseFlags) | (ignoreCase ? kRegexFoldCase : 0) | (newlineSensitive ? kRegexLineMode : 0);
+}
+
 // rxfree, then the object itself; null is fine.
 void FreeCompiled(CompiledRegex* compiled) noexcept;
 
