@@ -89,9 +89,10 @@ FAST_PCLOCK& TextLock() noexcept
 
 bool ParseCodePageName(const stringEx& name, uint32_t& number) noexcept
 {
-    if (name.size() < 2 || (name[0] != 'C' && name[0] != 'c') || (name[1] != 'P' && name[1] != 'p'))
+    const std::string text(name.data(), name.size());
+    if (text.size() < 2 || (text[0] != 'C' && text[0] != 'c') || (text[1] != 'P' && text[1] != 'p'))
         return false;
-    number = static_cast<uint32_t>(std::strtoul(std::string(name.data() + 2, name.size() - 2).c_str(), nullptr, 10));
+    number = static_cast<uint32_t>(std::strtoul(text.c_str() + 2, nullptr, 10));
     return true;
 }
 
