@@ -107,7 +107,7 @@ TEST(RegexDifferential, AgreesWithTheCLibrary)
 {
     Generator gen(20240611);
     int compared = 0;
-    for (int i = 0; i < 3000; ++i) {
+    for (int i = 0; i < 2000; ++i) {
         const std::string pattern = gen.pattern();
         regex_t theirs;
         const bool theyAccept = regcomp(&theirs, pattern.c_str(), REG_EXTENDED) == 0;
@@ -146,7 +146,7 @@ TEST(RegexDifferential, AgreesWithTheCLibrary)
         if (weAccept) Karu::rxfree(&ours);
         if (wideAccept) Karu::rxfree(&oursWide);
     }
-    EXPECT_GT(compared, 10000) << "the generator should give mostly valid patterns";
+    EXPECT_GT(compared, 6000) << "the generator should give mostly valid patterns";
 }
 
 }  // namespace
