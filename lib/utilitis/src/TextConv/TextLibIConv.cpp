@@ -46,7 +46,8 @@ constexpr size_t kStatefulPieceChars = 32;
 struct IconvLibrary {
     std::unique_ptr<CDllLoader> loader;
     IconvOpenFn open = nullptr;
-    IconvFn convert = nullptr;
+    IconvFn convert = nullptr;  // always CheckedConvert once loaded
+    IconvFn library = nullptr;  // the library's own conversion call
     IconvCloseFn close = nullptr;
     uint64_t users = 0;
     stringEx path;  // configured library, tried first
@@ -58,10 +59,37 @@ IconvLibrary& Library()
     return library;
 }
 
+// Some of the system's decoders, told to skip bad input, report having
+// taken more input than they were given (a lone shift byte of an ISO-2022
+// text does it): the count wraps below zero and the next call would read
+// far past the text. Every call goes through here, so such a call ends the
+// text as bad input instead.
+size_t CheckedConvert(void* cd, char** in, size_t* inLeft, char** out, size_t* outLeft)
+{
+    const size_t given = inLeft ? *inLeft : 0;
+    char* const start = in ? *in : nullptr;
+    char* const outStart = out ? *out : nullptr;
+    const size_t room = outLeft ? *outLeft : 0;
+    const size_t result = Library().library(cd, in, inLeft, out, outLeft);
+    if (in && *in && inLeft && *inLeft > given) {
+        // What it wrote came from beyond the text: none of it is kept.
+        *in = start + given;
+        *inLeft = 0;
+        if (out && outLeft) {
+            *out = outStart;
+            *outLeft = room;
+        }
+        errno = EILSEQ;
+        return static_cast<size_t>(-1);
+    }
+    return result;
+}
+
 void LoadEntryPoints(IconvLibrary& lib, const char* openName, const char* convertName, const char* closeName)
 {
     lib.open = reinterpret_cast<IconvOpenFn>(lib.loader->GetProc(stringEx(openName)));
-    lib.convert = reinterpret_cast<IconvFn>(lib.loader->GetProc(stringEx(convertName)));
+    lib.library = reinterpret_cast<IconvFn>(lib.loader->GetProc(stringEx(convertName)));
+    lib.convert = &CheckedConvert;
     lib.close = reinterpret_cast<IconvCloseFn>(lib.loader->GetProc(stringEx(closeName)));
 }
 
@@ -178,6 +206,7 @@ void CTextLibIConv::__Release() noexcept
     }
     lib.open = nullptr;
     lib.convert = nullptr;
+    lib.library = nullptr;
     lib.close = nullptr;
 }
 

@@ -504,6 +504,10 @@ private:
         }
         if (keep)
             std::memcpy(fresh, _data, std::min(keep, capacity) * sizeof(T));
+        // The kept text stays a terminated string: a caller that writes
+        // through MutableData after detaching never sets the size again.
+        if (Traits::terminated && keep < capacity)
+            fresh[keep] = T();
         const size_type size = _size;
         __Release();
         _size = size;

@@ -335,6 +335,15 @@ TEST(TextConvIConv, ConvertsAndMarksWhatItCannot)
     CTextLibIConv latin{stringEx("ISO-8859-1")};
     EXPECT_EQ(S(latin.WCtoMB(WS(L"a\x4F60" L"b"))), "ab");
     EXPECT_EQ(S(latin.WCtoMB(WS(L"\x4F60"))), "?");
+    // A decoder that claims more input than it was given (a lone shift-out
+    // byte) ends the text as bad input, keeping nothing it made from
+    // memory beyond the text.
+    CTextLibIConv cnExt{stringEx("ISO-2022-CN-EXT")};
+    for (const char* text : {"a\x0E", "\x0E", "ab\x0E\x0E"}) {
+        const std::wstring got = W(cnExt.MBtoWC(B(text)));
+        EXPECT_LE(got.size(), std::string(text).size()) << text;
+        EXPECT_EQ(got.find_first_not_of(L"ab?"), std::wstring::npos) << text;
+    }
 }
 
 TEST(TextConvIConv, RefusalsAndTheirMessages)
