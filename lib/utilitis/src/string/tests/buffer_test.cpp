@@ -180,7 +180,7 @@ TEST(Buffer, MutatorsKeepTheTerminatorAndHandleAliasing)
         {"resize down", [](stringEx& s) { s.resize(1); }, "a"},
         {"resize up", [](stringEx& s) { s.resize(5, '.'); }, "abc.."},
         {"case in place", [](stringEx& s) { s.MakeUpper(); }, "ABC"},
-        {"write one unit", [](stringEx& s) { s[1] = 'B'; }, "aBc"},
+        {"write one unit", [](stringEx& s) { s.MutableData()[1] = 'B'; }, "aBc"},
     };
     for (const Row& r : rows) {
         stringEx s = Owned("abc");
