@@ -596,6 +596,29 @@ void CProcess::SetMemSizeLimits(uint64_t soft, uint64_t hard)
     }
 }
 
+bool CProcess::WaitForReady(uint32_t milliseconds)
+{
+    __Need("WaitForReady");
+    // A child of ours has passed its exec when Create returns (a failed
+    // exec is reported there); another process is ready once the system
+    // shows it running an image, and never once it has ended.
+    const stringEx image = __ProcPath("exe");
+    uint32_t waited = 0, step = 1;
+    for (;;) {
+        if (_exitCode != -1 || (kill(pid_t(_pid), 0) != 0 && errno == ESRCH))
+            return false;
+        char target[16];
+        if (_started || readlink(image.c_str(), target, sizeof target) > 0)
+            return !Wait(0);
+        if (waited >= milliseconds)
+            return false;
+        const uint32_t pause = std::min(step, milliseconds - waited);
+        Sleep(pause);
+        waited += pause;
+        step = std::min<uint32_t>(step * 2, 50);
+    }
+}
+
 void CProcess::SetCpuAffinity(uint64_t mask)
 {
     __Need("SetCpuAffinity");
@@ -608,6 +631,28 @@ void CProcess::SetCpuAffinity(uint64_t mask)
         RaiseProc(ExpMessage("CProcess::SetCpuAffinity - failed set process' cpu affinity\n")
                       .Errno(errno, {{EINVAL, "no processor of the mask is available"}, {ESRCH, "no such process"},
                                      {EPERM, "permission denied"}}),
+                  18);
+}
+
+int32_t CProcess::GetDynamicBoost() const
+{
+    __Need("GetDynamicBoost");
+    errno = 0;  // -1 is a valid nice value: only errno tells a failure
+    const int nice = getpriority(PRIO_PROCESS, id_t(_pid));
+    if (nice == -1 && errno != 0)
+        RaiseProc(ExpMessage("CProcess::GetDynamicBoost - failed getting process' priority\n")
+                      .Errno(errno, {{ESRCH, "no such process"}}),
+                  18);
+    return -nice;
+}
+
+void CProcess::SetDynamicBoost(int32_t boost)
+{
+    __Need("SetDynamicBoost");
+    if (setpriority(PRIO_PROCESS, id_t(_pid), -boost) != 0)
+        RaiseProc(ExpMessage("CProcess::SetDynamicBoost - failed setting process' priority\n")
+                      .Errno(errno, {{ESRCH, "no such process"}, {EPERM, "permission denied"},
+                                     {EACCES, "permission denied"}}),
                   18);
 }
 

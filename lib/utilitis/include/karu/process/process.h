@@ -92,6 +92,9 @@ public:
     // True once the process has ended; false at expiry (0 only tests,
     // 0xFFFFFFFF never expires).
     bool Wait(uint32_t milliseconds = 0xFFFFFFFF);
+    // True once the process runs its own program (it exists and is past
+    // the exec of its start); false if it ended first or the time ran out.
+    bool WaitForReady(uint32_t milliseconds = 0xFFFFFFFF);
     int32_t GetExitCode() const;
 
     void GetFileOpenLimits(uint64_t& soft, uint64_t& hard) const;
@@ -99,6 +102,10 @@ public:
     void GetMemSizeLimits(uint64_t& soft, uint64_t& hard) const;
     void SetMemSizeLimits(uint64_t soft, uint64_t hard);
     void SetCpuAffinity(uint64_t mask);
+    // The scheduler's boost of the process: the negated nice value, so a
+    // larger boost runs sooner; raising it needs the privilege to do so.
+    int32_t GetDynamicBoost() const;
+    void SetDynamicBoost(int32_t boost);
 
     // CPU time spent in the kernel and in user code.
     void GetTimes(CTimeSpan& kernel, CTimeSpan& user) const;

@@ -54,6 +54,27 @@ TEST(Process, ExitCodesAndTimeLimits)
     }
 }
 
+// Ready means running its own program: a live child is ready, one that
+// has ended never becomes so. Lowering the boost is always allowed and
+// reads back; the nice value's sign is the easy thing to get backwards.
+TEST(Process, ReadinessAndBoost)
+{
+    CProcess sleeper;
+    sleeper.Create("/bin/sh", Args({"sh", "-c", "sleep 5"}));
+    EXPECT_TRUE(sleeper.WaitForReady(1000));
+    const int32_t boost = sleeper.GetDynamicBoost();
+    sleeper.SetDynamicBoost(boost - 3);
+    EXPECT_EQ(sleeper.GetDynamicBoost(), boost - 3);
+    sleeper.Terminate();
+    ASSERT_TRUE(sleeper.Wait(5000));
+    EXPECT_FALSE(sleeper.WaitForReady(0));
+
+    CProcess quick;
+    quick.Create("/bin/sh", Args({"sh", "-c", "exit 3"}));
+    ASSERT_TRUE(quick.Wait(5000));
+    EXPECT_FALSE(quick.WaitForReady(100));
+}
+
 TEST(Process, AProgramThatCannotStartRaisesInTheParent)
 {
     CProcess child;
@@ -78,6 +99,8 @@ TEST(Process, AnEmptyObjectRaisesForEveryOperation)
         {"GetPID", [](CProcess& p) { (void)p.GetPID(); }},
         {"GetBinFilePath", [](CProcess& p) { (void)p.GetBinFilePath(); }},
         {"Wait", [](CProcess& p) { (void)p.Wait(0); }},
+        {"WaitForReady", [](CProcess& p) { (void)p.WaitForReady(0); }},
+        {"SetDynamicBoost", [](CProcess& p) { p.SetDynamicBoost(0); }},
         {"Terminate", [](CProcess& p) { p.Terminate(); }},
         {"QueueSignal", [](CProcess& p) { p.QueueSignal(SIGUSR1, 1); }},
         {"GetMemUsage", [](CProcess& p) {
