@@ -46,11 +46,14 @@ Dfa<Ch>::Dfa(ExecState<Ch>& ex, const CompactNfa& nfa, DfaBlock* block)
         _outArea = block->outs;
         _inArea = block->ins;
     } else {
+        // Left unfilled: a set's slots are cleared when pick() hands it out,
+        // and a match that touches few sets (the common case, once per
+        // occurrence in a replace loop) must not pay for clearing them all.
         const size_t cap = static_cast<size_t>(_capacity);
-        _ownSets = std::make_unique<StateSet[]>(cap);
-        _ownBits = std::make_unique<uint32_t[]>((cap + 1) * static_cast<size_t>(_words));
-        _ownOuts = std::make_unique<StateSet*[]>(cap * static_cast<size_t>(_colours));
-        _ownIns = std::make_unique<InLink[]>(cap * static_cast<size_t>(_colours));
+        _ownSets = std::make_unique_for_overwrite<StateSet[]>(cap);
+        _ownBits = std::make_unique_for_overwrite<uint32_t[]>((cap + 1) * static_cast<size_t>(_words));
+        _ownOuts = std::make_unique_for_overwrite<StateSet*[]>(cap * static_cast<size_t>(_colours));
+        _ownIns = std::make_unique_for_overwrite<InLink[]>(cap * static_cast<size_t>(_colours));
         _sets = _ownSets.get();
         _bitsArea = _ownBits.get();
         _outArea = _ownOuts.get();
