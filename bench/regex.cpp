@@ -2,7 +2,9 @@
 //  - a comparison with the C library's regexec on a generated 50 MB text, for
 //    a literal, a class loop with a suffix, a two-group address pattern, an
 //    alternation of 20 words and a back-reference: every match is found in
-//    turn, and the program prints each engine's time and the ratio;
+//    turn, and the program prints each engine's time and the ratio; when the
+//    build found them, two other engines run the same loop as yardsticks
+//    (one automaton-based that has no back-references, one backtracking);
 //  - Google Benchmark runs of a full scan over 1 MB and 8 MB subjects, whose
 //    bytes per second must stay within a small factor of each other (matching
 //    cost is linear in the subject).
@@ -16,6 +18,14 @@
 #include <string>
 
 #include "karu/regex/rx.h"
+
+#ifdef KARU_BENCH_HAVE_RE2
+#include <re2/re2.h>
+#endif
+#ifdef KARU_BENCH_HAVE_PCRE2
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include <pcre2.h>
+#endif
 
 using namespace Karu;
 
@@ -106,6 +116,64 @@ long theirCount(const regex_t& re, const std::string& text, size_t groups)
     return count;
 }
 
+#ifdef KARU_BENCH_HAVE_RE2
+// The same loop through the automaton engine; -1 when it refuses the pattern.
+long automatonCount(const char* pattern, const std::string& text, size_t groups)
+{
+    const re2::RE2 re(pattern, re2::RE2::Quiet);
+    if (!re.ok()) return -1;
+    long count = 0;
+    size_t pos = 0;
+    re2::StringPiece m[3];
+    const re2::StringPiece subject(text);
+    while (pos < text.size()) {
+        if (!re.Match(subject, pos, text.size(), re2::RE2::UNANCHORED, m, static_cast<int>(groups))) break;
+        ++count;
+        const size_t end = static_cast<size_t>(m[0].data() - text.data()) + m[0].size();
+        pos = end > pos ? end : pos + 1;
+    }
+    return count;
+}
+#endif
+
+#ifdef KARU_BENCH_HAVE_PCRE2
+// The same loop through the backtracking engine, compiled to machine code.
+long backtrackingCount(const char* pattern, const std::string& text)
+{
+    int error = 0;
+    PCRE2_SIZE offset = 0;
+    pcre2_code* re = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern), PCRE2_ZERO_TERMINATED, 0, &error, &offset,
+                                   nullptr);
+    if (!re) return -1;
+    pcre2_jit_compile(re, PCRE2_JIT_COMPLETE);
+    pcre2_match_data* md = pcre2_match_data_create_from_pattern(re, nullptr);
+    long count = 0;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        const int flags = pos ? PCRE2_NOTBOL : 0;
+        if (pcre2_match(re, reinterpret_cast<PCRE2_SPTR>(text.data()) + pos, text.size() - pos, 0,
+                        static_cast<uint32_t>(flags), md, nullptr) < 0)
+            break;
+        ++count;
+        const PCRE2_SIZE end = pcre2_get_ovector_pointer(md)[1];
+        pos += end > 0 ? end : 1;
+    }
+    pcre2_match_data_free(md);
+    pcre2_code_free(re);
+    return count;
+}
+#endif
+
+// Prints one yardstick's time and our ratio to it, or why there is none.
+void printYardstick(const char* name, long matches, long ours, double ourTime, double time)
+{
+    if (matches < 0)
+        std::printf("   %s: refuses the pattern", name);
+    else
+        std::printf("   %s %.3f s, ours/%s %.2fx%s", name, time, name, ourTime / time,
+                    matches == ours ? "" : " (counts differ)");
+}
+
 void compareWithCLibrary()
 {
     const std::string text = makeText(kCompareBytes, true);
@@ -128,8 +196,19 @@ void compareWithCLibrary()
         t0 = std::chrono::steady_clock::now();
         const long theirs = theirCount(re, text, groups);
         const double theirTime = seconds(t0);
-        std::printf("%-22s %10ld %10.3f %10.3f %7.2fx%s\n", c.name, ours, ourTime, theirTime, ourTime / theirTime,
+        std::printf("%-22s %10ld %10.3f %10.3f %7.2fx%s", c.name, ours, ourTime, theirTime, ourTime / theirTime,
                     ours == theirs ? "" : "  (counts differ)");
+#ifdef KARU_BENCH_HAVE_RE2
+        t0 = std::chrono::steady_clock::now();
+        const long automaton = automatonCount(c.ours, text, groups);
+        printYardstick("re2", automaton, ours, ourTime, seconds(t0));
+#endif
+#ifdef KARU_BENCH_HAVE_PCRE2
+        t0 = std::chrono::steady_clock::now();
+        const long backtracking = backtrackingCount(c.ours, text);
+        printYardstick("pcre2", backtracking, ours, ourTime, seconds(t0));
+#endif
+        std::printf("\n");
         regfree(&re);
         rxfree(&o);
     }
