@@ -287,18 +287,23 @@ void CTextLibIConv::__Open(const stringEx& encoding)
     }
     IconvFn convert = lib.convert;
     _stateful = HoldsState(convert, _toBytes);
+    // The probes may run long after this, when a shortcut fills its tables
+    // on first need: they hold the lock like any other conversion.
     _fast = IMPL::MakeFastCodec(
         _encoding,
         [this, convert](const stringEx& src, wstringEx& dst) {
+            CFastLockHolder hold(_lock);
             stringEx bytes;
             const bool clean = ProbeConvert(convert, _toWide, src.data(), src.size(), bytes);
             dst = bytes.Reinterpret<wchar_t>();
             return clean;
         },
         [this, convert](const wstringEx& src, stringEx& dst) {
+            CFastLockHolder hold(_lock);
             return ProbeConvert(convert, _toBytes, reinterpret_cast<const char*>(src.data()),
                                 src.size() * sizeof(wchar_t), dst);
-        });
+        },
+        _stateful);
 }
 
 void CTextLibIConv::__Close() noexcept

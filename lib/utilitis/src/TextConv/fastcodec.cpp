@@ -21,8 +21,12 @@
 #include <emmintrin.h>
 #endif
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -134,6 +138,27 @@ inline size_t Continuations(const unsigned char* in, size_t n) noexcept
     for (; i < n; ++i)
         count += (in[i] & 0xC0) == 0x80;
     return count;
+}
+
+// Eight characters narrowed to eight bytes; false if one of them is
+// not ASCII (the bytes are then garbage, to be overwritten).
+inline bool PackAscii(const wchar_t* in, unsigned char* out) noexcept
+{
+#if defined(__SSE2__)
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 4));
+    const __m128i zero = _mm_setzero_si128();
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(_mm_packs_epi32(a, b), zero));
+    const __m128i high = _mm_and_si128(_mm_or_si128(a, b), _mm_set1_epi32(~0x7F));
+    return _mm_movemask_epi8(_mm_cmpeq_epi32(high, zero)) == 0xFFFF;
+#else
+    for (int k = 0; k < 8; ++k)
+        if (static_cast<uint32_t>(in[k]) >= 0x80)
+            return false;
+    for (int k = 0; k < 8; ++k)
+        out[k] = static_cast<unsigned char>(in[k]);
+    return true;
+#endif
 }
 
 class CUtf8Codec : public CFastCodec {
@@ -268,27 +293,6 @@ private:
         }
         bytes = n + total;
         return true;
-    }
-
-    // Eight characters narrowed to eight bytes; false if one of them is
-    // not ASCII (the bytes are then garbage, to be overwritten).
-    static bool PackAscii(const wchar_t* in, unsigned char* out) noexcept
-    {
-#if defined(__SSE2__)
-        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
-        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 4));
-        const __m128i zero = _mm_setzero_si128();
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(_mm_packs_epi32(a, b), zero));
-        const __m128i high = _mm_and_si128(_mm_or_si128(a, b), _mm_set1_epi32(~0x7F));
-        return _mm_movemask_epi8(_mm_cmpeq_epi32(high, zero)) == 0xFFFF;
-#else
-        for (int k = 0; k < 8; ++k)
-            if (static_cast<uint32_t>(in[k]) >= 0x80)
-                return false;
-        for (int k = 0; k < 8; ++k)
-            out[k] = static_cast<unsigned char>(in[k]);
-        return true;
-#endif
     }
 
     // A character written as four bytes of which the first `length` count;
@@ -470,21 +474,32 @@ public:
     std::vector<std::array<int16_t, 256>> pages = std::vector<std::array<int16_t, 256>>(1);
 };
 
-std::unique_ptr<CFastCodec> MakeTableCodec(const ProbeDecode& decode, const ProbeEncode& encode)
+// What the back end makes of each byte alone: one character, or kNoImage.
+using ByteImages = std::array<uint32_t, 256>;
+
+ByteImages ProbeBytes(const ProbeDecode& decode)
 {
-    auto codec = std::make_unique<CTableCodec>();
-    codec->pages[0].fill(-1);
-    std::vector<unsigned char> exact;
+    ByteImages images;
     wstringEx wide;
     for (int b = 0; b < 256; ++b) {
         const char byte = static_cast<char>(b);
-        if (decode(stringEx(&byte, 1), wide) && wide.size() == 1 && static_cast<uint32_t>(wide[0]) != kNoImage) {
-            codec->toWide[b] = static_cast<uint32_t>(wide[0]);
-            exact.push_back(static_cast<unsigned char>(b));
-        } else {
-            codec->toWide[b] = kNoImage;
-        }
+        const bool one = decode(stringEx(&byte, 1), wide) && wide.size() == 1;
+        images[b] = one ? static_cast<uint32_t>(wide[0]) : kNoImage;
     }
+    return images;
+}
+
+std::unique_ptr<CFastCodec> MakeTableCodec(const ByteImages& images, const ProbeDecode& decode,
+                                           const ProbeEncode& encode)
+{
+    auto codec = std::make_unique<CTableCodec>();
+    codec->pages[0].fill(-1);
+    codec->toWide = images;
+    std::vector<unsigned char> exact;
+    wstringEx wide;
+    for (int b = 0; b < 256; ++b)
+        if (images[b] != kNoImage)
+            exact.push_back(static_cast<unsigned char>(b));
     if (256 - static_cast<int>(exact.size()) > kMaxHoles)
         return nullptr;
     stringEx all;
@@ -537,6 +552,304 @@ std::unique_ptr<CFastCodec> MakeTableCodec(const ProbeDecode& decode, const Prob
     return codec;
 }
 
+// ---- double-byte code pages ------------------------------------------------------------
+
+// Tables of a code page whose characters take one byte, or a lead byte and a
+// trail byte, each entry being what the back end gives for that piece alone.
+struct DoubleByteTables {
+    // Single bytes; kNoImage for lead bytes and holes.
+    ByteImages single{};
+    // Lead byte * 256 + trail byte.
+    std::vector<uint32_t> pair = std::vector<uint32_t>(65536, kNoImage);
+    // A character of the first plane to its bytes as they are written: the
+    // count in bits 16 and up, the first byte low, the second above it;
+    // 0 where the back end gives something else.
+    std::vector<uint32_t> bytesOf = std::vector<uint32_t>(65536, 0);
+    // ASCII converts to itself both ways, so runs of it go in blocks.
+    bool asciiSelf = false;
+};
+
+// Fewer lead bytes or pairs than these: not a double-byte code page.
+constexpr int kMinLeadBytes = 16;
+constexpr size_t kMinPairs = 1024;
+// The tables take tens of thousands of calls into the back end to fill, a
+// noticeable pause for a program that converts a few lines: they are built
+// once this many units have gone through the back end instead, and then
+// kept for the rest of the process.
+constexpr uint64_t kBuildAfterUnits = uint64_t(1) << 20;
+
+constexpr uint32_t PairForm(uint32_t length, uint32_t first, uint32_t second) noexcept
+{
+    return length << 16 | second << 8 | first;
+}
+
+// The tables for a code page, or null when the back end does not behave
+// as one with tables would.
+std::unique_ptr<DoubleByteTables> BuildDoubleByte(const ByteImages& images, const ProbeDecode& decode,
+                                                  const ProbeEncode& encode)
+{
+    auto tables = std::make_unique<DoubleByteTables>();
+    tables->single = images;
+    std::vector<uint32_t> leads;
+    for (uint32_t b = 0; b < 256; ++b)
+        if (images[b] == kNoImage)
+            leads.push_back(b);
+    if (leads.size() < static_cast<size_t>(kMinLeadBytes))
+        return nullptr;
+
+    // Every pair behind every byte that is no character alone.
+    std::vector<uint32_t> pairs;
+    char two[2];
+    wstringEx wide;
+    for (uint32_t lead : leads)
+        for (uint32_t trail = 0; trail < 256; ++trail) {
+            two[0] = static_cast<char>(lead);
+            two[1] = static_cast<char>(trail);
+            if (decode(stringEx(two, 2), wide) && wide.size() == 1 && static_cast<uint32_t>(wide[0]) != kNoImage) {
+                tables->pair[lead << 8 | trail] = static_cast<uint32_t>(wide[0]);
+                pairs.push_back(lead << 8 | trail);
+            }
+        }
+    if (pairs.size() < kMinPairs)
+        return nullptr;
+
+    // The reverse: what the back end writes for each character the tables
+    // hold, when that is one byte or two.
+    stringEx bytes;
+    auto learn = [&](uint32_t c) {
+        if (c > 0xFFFF || tables->bytesOf[c] != 0)
+            return;
+        const wstringEx one(1, static_cast<wchar_t>(c));
+        if (!encode(one, bytes))
+            return;
+        const auto* b = reinterpret_cast<const unsigned char*>(bytes.data());
+        if (bytes.size() == 1)
+            tables->bytesOf[c] = PairForm(1, b[0], 0);
+        else if (bytes.size() == 2)
+            tables->bytesOf[c] = PairForm(2, b[0], b[1]);
+    };
+    for (uint32_t b = 0; b < 256; ++b)
+        if (images[b] != kNoImage)
+            learn(images[b]);
+    for (uint32_t p : pairs)
+        learn(tables->pair[p]);
+
+    // Neighbours must not change each other: every entry in sequence,
+    // forwards and backwards, must convert as the entries do one by one.
+    stringEx sequence;
+    wstringEx sequenceWide;
+    auto add = [&](uint32_t form, uint32_t c) {
+        sequence.push_back(static_cast<char>(form & 0xFF));
+        if (form >> 16 == 2)
+            sequence.push_back(static_cast<char>((form >> 8) & 0xFF));
+        sequenceWide.push_back(static_cast<wchar_t>(c));
+    };
+    for (int pass = 0; pass < 2; ++pass) {
+        for (uint32_t k = 0; k < 256; ++k) {
+            const uint32_t b = pass == 0 ? k : 255 - k;
+            if (images[b] != kNoImage)
+                add(PairForm(1, b, 0), images[b]);
+        }
+        for (size_t k = 0; k < pairs.size(); ++k) {
+            const uint32_t p = pairs[pass == 0 ? k : pairs.size() - 1 - k];
+            add(PairForm(2, p >> 8, p & 0xFF), tables->pair[p]);
+        }
+    }
+    if (!decode(sequence, wide) || !(wide == sequenceWide))
+        return nullptr;
+    sequence.clear();
+    sequenceWide.clear();
+    for (int pass = 0; pass < 2; ++pass)
+        for (uint32_t k = 0; k < 0x10000; ++k) {
+            const uint32_t c = pass == 0 ? k : 0xFFFF - k;
+            if (tables->bytesOf[c] != 0)
+                add(tables->bytesOf[c], c);
+        }
+    if (!encode(sequenceWide, bytes) || !(bytes == sequence))
+        return nullptr;
+    // And a combining mark must not merge with the character before it, as
+    // it does where the code page has one form for the two together.
+    for (uint32_t mark = 0; mark < 0x10000; ++mark) {
+        if (!IsCombining(mark) || tables->bytesOf[mark] == 0)
+            continue;
+        sequence.clear();
+        sequenceWide.clear();
+        for (uint32_t c = 0; c < 0x10000; ++c)
+            if (tables->bytesOf[c] != 0) {
+                add(tables->bytesOf[c], c);
+                add(tables->bytesOf[mark], mark);
+            }
+        if (!encode(sequenceWide, bytes) || !(bytes == sequence) || !decode(sequence, wide) || !(wide == sequenceWide))
+            return nullptr;
+    }
+
+    tables->asciiSelf = true;
+    for (uint32_t c = 0; c < 0x80; ++c)
+        tables->asciiSelf &= images[c] == c && tables->bytesOf[c] == PairForm(1, c, 0);
+    return tables;
+}
+
+// Tables already built, by encoding name, so that the clones a program
+// makes of a converter (one per thread) and a second converter for the same
+// encoding do not build them again. Null marks an encoding found not to fit.
+struct DoubleByteCache {
+    std::mutex lock;
+    std::map<std::string, std::shared_ptr<const DoubleByteTables>> byName;
+};
+
+DoubleByteCache& DoubleByteTablesCache()
+{
+    static DoubleByteCache cache;
+    return cache;
+}
+
+class CDoubleByteCodec : public CFastCodec {
+public:
+    CDoubleByteCodec(std::string name, const ByteImages& images, ProbeDecode decode, ProbeEncode encode)
+        : _name(std::move(name)), _images(images), _decode(std::move(decode)), _encode(std::move(encode))
+    {
+        DoubleByteCache& cache = DoubleByteTablesCache();
+        std::lock_guard<std::mutex> hold(cache.lock);
+        const auto known = cache.byName.find(_name);
+        if (known != cache.byName.end())
+            Adopt(known->second);
+    }
+
+    bool Decode(wstringEx& dst, const stringEx& src) const override
+    {
+        const DoubleByteTables* t = Ready(src.size());
+        if (!t)
+            return false;
+        const auto* in = reinterpret_cast<const unsigned char*>(src.data());
+        const size_t n = src.size();
+        wchar_t* out = FreshBuffer(dst, n + kBlockSlack);
+        size_t i = 0, o = 0;
+        while (i < n) {
+            if (t->asciiSelf && i + 16 <= n) {
+                const unsigned ascii = AsciiPrefix(in + i);
+                if (ascii > 0) {
+                    WidenBlock(in + i, out + o);
+                    i += ascii;
+                    o += ascii;
+                    continue;
+                }
+            }
+            uint32_t c = t->single[in[i]];
+            if (c != kNoImage) {
+                ++i;
+            } else {
+                if (i + 1 >= n)
+                    return false;
+                c = t->pair[static_cast<uint32_t>(in[i]) << 8 | in[i + 1]];
+                if (c == kNoImage)
+                    return false;
+                i += 2;
+            }
+            out[o++] = static_cast<wchar_t>(c);
+        }
+        dst.SetSize(o);
+        return true;
+    }
+
+    bool Encode(stringEx& dst, const wstringEx& src) const override
+    {
+        const DoubleByteTables* t = Ready(src.size());
+        if (!t)
+            return false;
+        const wchar_t* in = src.data();
+        const size_t n = src.size();
+        auto* out = reinterpret_cast<unsigned char*>(FreshBuffer(dst, 2 * n + kBlockSlack));
+        size_t i = 0, o = 0;
+        while (i < n) {
+            if (t->asciiSelf && i + 8 <= n && PackAscii(in + i, out + o)) {
+                i += 8;
+                o += 8;
+                continue;
+            }
+            const uint32_t c = static_cast<uint32_t>(in[i++]);
+            const uint32_t form = c <= 0xFFFF ? t->bytesOf[c] : 0;
+            if (form == 0)
+                return false;
+            // Both bytes are written; a single one is overwritten next.
+            out[o] = static_cast<unsigned char>(form);
+            out[o + 1] = static_cast<unsigned char>(form >> 8);
+            o += form >> 16;
+        }
+        dst.SetSize(o);
+        return true;
+    }
+
+    // Nothing once the back end has turned out not to fit the tables.
+    const char* Kind() const noexcept override
+    {
+        const bool unfit = _settled.load(std::memory_order_acquire) && !_tables.load(std::memory_order_acquire);
+        return unfit ? "" : "double-byte";
+    }
+
+private:
+    // The tables once enough text has gone by to be worth them; null before,
+    // and for good when the back end turns out not to fit them.
+    const DoubleByteTables* Ready(uint64_t units) const
+    {
+        if (const DoubleByteTables* t = _tables.load(std::memory_order_acquire))
+            return t;
+        if (_settled.load(std::memory_order_acquire))
+            return nullptr;
+        if (_seen.fetch_add(units, std::memory_order_relaxed) + units < kBuildAfterUnits)
+            return nullptr;
+        std::lock_guard<std::mutex> building(_building);
+        if (!_settled.load(std::memory_order_relaxed)) {
+            DoubleByteCache& cache = DoubleByteTablesCache();
+            std::shared_ptr<const DoubleByteTables> tables;
+            {
+                std::lock_guard<std::mutex> hold(cache.lock);
+                const auto known = cache.byName.find(_name);
+                if (known != cache.byName.end())
+                    tables = known->second;
+            }
+            if (!tables) {
+                try {
+                    tables = BuildDoubleByte(_images, _decode, _encode);
+                } catch (...) {
+                    // Out of memory, say: the back end serves.
+                }
+                std::lock_guard<std::mutex> hold(cache.lock);
+                cache.byName.emplace(_name, tables);
+            }
+            Adopt(tables);
+        }
+        return _tables.load(std::memory_order_acquire);
+    }
+
+    void Adopt(std::shared_ptr<const DoubleByteTables> tables) const
+    {
+        _held = std::move(tables);
+        _tables.store(_held.get(), std::memory_order_release);
+        _settled.store(true, std::memory_order_release);
+    }
+
+    std::string _name;
+    ByteImages _images;
+    ProbeDecode _decode;
+    ProbeEncode _encode;
+    mutable std::mutex _building;
+    mutable std::shared_ptr<const DoubleByteTables> _held;
+    mutable std::atomic<const DoubleByteTables*> _tables{nullptr};
+    mutable std::atomic<bool> _settled{false};
+    mutable std::atomic<uint64_t> _seen{0};
+};
+
+// A byte that is no character alone is taken for a lead byte; the tables
+// themselves are built when first needed.
+std::unique_ptr<CFastCodec> MakeDoubleByteCodec(const std::string& name, const ByteImages& images,
+                                                const ProbeDecode& decode, const ProbeEncode& encode)
+{
+    const auto leads = std::count(images.begin(), images.end(), kNoImage);
+    if (leads < kMinLeadBytes)
+        return nullptr;
+    return std::make_unique<CDoubleByteCodec>(name, images, decode, encode);
+}
+
 // Uppercase ASCII, for comparing encoding names.
 std::string Upper(const stringEx& name)
 {
@@ -577,13 +890,20 @@ bool AgreesOnSample(const CFastCodec& codec, const ProbeDecode& decode, const Pr
 }  // namespace
 
 std::unique_ptr<CFastCodec> MakeFastCodec(const stringEx& encoding, const ProbeDecode& decode,
-                                          const ProbeEncode& encode)
+                                          const ProbeEncode& encode, bool stateful)
 {
     try {
         const std::string name = Upper(encoding);
         if (std::unique_ptr<CFastCodec> codec = UnicodeCodec(name))
             return AgreesOnSample(*codec, decode, encode, name.rfind("UCS-2", 0) == 0) ? std::move(codec) : nullptr;
-        return MakeTableCodec(decode, encode);
+        const ByteImages images = ProbeBytes(decode);
+        if (std::unique_ptr<CFastCodec> codec = MakeTableCodec(images, decode, encode))
+            return codec;
+        // An encoder that keeps a shift state can write the same character
+        // differently by what came before: no table describes it.
+        if (stateful)
+            return nullptr;
+        return MakeDoubleByteCodec(name, images, decode, encode);
     } catch (...) {
         // A shortcut is an optimisation: without one the back end serves.
         return nullptr;

@@ -1,5 +1,6 @@
 // Shortcuts for common encodings beside a back end: straight-line code for
-// UTF-8, UTF-16, UTF-32 and single-byte code pages.
+// UTF-8, UTF-16, UTF-32, and tables for single-byte and double-byte code
+// pages.
 //
 // A shortcut must never change a byte of output: it converts only input it
 // can convert exactly as the back end would, and answers false for anything
@@ -35,8 +36,10 @@ using ProbeEncode = std::function<bool(const wstringEx& src, stringEx& dst)>;
 
 // The shortcut for the encoding the back end accepted under `encoding`, or
 // null when there is none. The back end is asked (through the probes) to
-// confirm that the shortcut agrees with it before it is used.
+// confirm that the shortcut agrees with it before it is used; the probes are
+// kept by a shortcut that fills its tables later, and so must stay valid
+// while it lives. `stateful`: the back end's encoder keeps a shift state.
 std::unique_ptr<CFastCodec> MakeFastCodec(const stringEx& encoding, const ProbeDecode& decode,
-                                          const ProbeEncode& encode);
+                                          const ProbeEncode& encode, bool stateful);
 
 }  // namespace Karu::IMPL

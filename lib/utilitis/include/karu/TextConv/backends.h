@@ -45,7 +45,10 @@ public:
     void LibWCtoMB(stringEx& dst, const wstringEx& src);
 
     // The shortcut in use for this encoding ("utf-8", "utf-16", "ucs-2",
-    // "utf-32", "table"), or empty when every conversion goes to the library.
+    // "utf-32", "table", "double-byte"), or empty when every conversion goes
+    // to the library. A double-byte shortcut fills its tables once a large
+    // text comes by, and is dropped if the library then turns out not to
+    // agree with them.
     stringEx Shortcut() const;
 
     // A library tried before the usual names; empty (the default) for none.
