@@ -1,10 +1,14 @@
 // Whole-file read and write.
 //
-// WriteFile rewrites in place: open without truncation, take the exclusive
-// lock, and only then cut the file to length 0 and write, so a second writer
-// fails at once instead of interleaving, and the file keeps its owner, mode
-// and hard links. There is no temporary file: a process that dies between
-// the cut and the end of the write leaves the file empty or holding a prefix.
+// WriteFile rewrites in place: open without truncation and take the
+// exclusive lock, so a second writer fails at once instead of interleaving,
+// and the file keeps its owner, mode and hard links. The new content is
+// written over the old from the start, and the file is cut at its end
+// afterwards: cutting first would make the file system give back every block
+// and allocate it again, which on a large file cost several times the write
+// itself. There is no temporary file: a process that dies during the write
+// leaves the file holding a prefix of the new content, followed by what was
+// left of the old.
 //
 // Both directions keep going until the whole content has moved: the kernel
 // moves at most about 2 GiB in one call, and a short count taken as the end
@@ -25,11 +29,12 @@ void WriteBytes(const stringEx& path, const void* data, uint64_t size, bool flus
     file.Open(path, O_WRONLY, O_CREAT, kShareExclusive, kDefaultFilePermissions);
     if (append) {
         file.SeekEnd(0);
+        IMPL::WriteAll(file, data, size);
     } else {
         file.SeekBegin(0);
+        IMPL::WriteAll(file, data, size);
         file.ResizeToCurrentPos();
     }
-    IMPL::WriteAll(file, data, size);
     if (flush)
         file.Flush();
     file.Close();

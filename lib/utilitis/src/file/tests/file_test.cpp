@@ -323,7 +323,7 @@ TEST(WholeFile, WritesInPlaceAndReadsWhole)
         const char* after;
     } steps[] = {
         {"first version", false, "first version"},
-        {"v2", false, "v2"},           // truncated once the lock is held
+        {"v2", false, "v2"},           // the old tail is cut off
         {"+more", true, "v2+more"},    // append keeps the old content
         {"", false, ""},               // empty content leaves length 0
     };
