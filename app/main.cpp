@@ -7,24 +7,31 @@
 // the file list; then each file is read whole into one wide string, every
 // pair applied in turn, and the text written back only if something was
 // replaced. Files are rewritten in place, without temporary file or backup.
+// Where it gives the same bytes, a file is worked through a few lines at a
+// time instead of whole (pieces.h).
 //
 // Failures: a file that cannot be read or written is reported and skipped
 // (or ends the run with -errstop); any other failure of the library ends the
 // run with status -1 through the outer handler. Other exceptions are
 // reported but end with status 0, so that only the tool's own failures fail
 // a calling script.
+#include <sys/stat.h>
+
 #include <clocale>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <set>
 
 #include <karu/TextConv/TextConv.h>
 #include <karu/file/dir.h>
+#include <karu/file/sysfile.h>
 #include <karu/string/karuExp.h>
 
 #include "cmdline.h"
 #include "methods.h"
 #include "pairs.h"
+#include "pieces.h"
 #include "textio.h"
 #include "usage.h"
 
@@ -73,6 +80,11 @@ void ApplyEncodingName(ENCODING_SIDE& side, const stringEx& name, const NameSet&
 void Print(const stringEx& text, FILE* stream)
 {
     std::fwrite(text.data(), 1, text.size(), stream);
+}
+
+void ReportReadFailure(const stringEx& file, const stringEx& message)
+{
+    Print(stringEx("[ERROR] failed reading file: ") + file + "\n@ " + message + "\n", stderr);
 }
 
 int Run(int argc, char** argv)
@@ -156,6 +168,11 @@ int Run(int argc, char** argv)
     const bool withSignature = has("unisign");
     const bool errorStop = has("errstop");
 
+    // The same bytes either way; by pieces, memory stays near the file's size.
+    const bool byPieces = !streamMode && !inPlace && !input.wide && !output.wide && input.conv->ConvertsByLines() &&
+                          output.conv->ConvertsByLines() && PairsAllowPieces(method.method, pairs);
+    const bool piecesSigned = withSignature && !toStdout && output.name.EqualsNoCase(stringEx("utf-8"));
+
     StringVector files;
     uint32_t fileCount = 1;
     if (!streamMode) {
@@ -175,6 +192,7 @@ int Run(int argc, char** argv)
             continue;  // the arguments file is never rewritten by its own pairs
 
         text.clear();
+        CSysFile source;  // the file, when it is read by pieces
         if (streamMode) {
             if (input.wide) {
                 text = ReadStdinUnits();
@@ -185,31 +203,70 @@ int Run(int argc, char** argv)
             }
         } else {
             try {
-                ReadTextFile(text, files[i], input.conv, input.wide, input.swapped);
+                // The same open as the whole-file reader's, shared lock included.
+                if (byPieces)
+                    source.Open(files[i], O_RDONLY, 0, kShareShared);
+                else
+                    ReadTextFile(text, files[i], input.conv, input.wide, input.swapped);
             } catch (const karuExp& e) {
-                Print(stringEx("[ERROR] failed reading file: ") + files[i] + "\n@ " + e.message + "\n", stderr);
+                ReportReadFailure(files[i], e.message);
                 if (errorStop)
                     return kExitFailure;
                 continue;
             }
         }
-        if (text.empty())
-            continue;
-        if (text[0] == signature[0])
-            text.erase(0, 1);
 
         uint32_t replaced = 0;
-        for (const REPLACE_PAIR& pair : pairs) {
-            bool known;
-            replaced += ApplyPair(method.method, pair, text, scratch, inPlace, known);
-            if (!known) {
-                std::fputs("[FATAL ERROR] unknown func!\n", stderr);
-                return kExitUnknownMethod;
+        stringEx encoded;  // the output, when made by pieces
+        if (byPieces) {
+            if (piecesSigned)
+                encoded = utf8Signature;
+            // Most replacements keep the size near the file's: room for that
+            // up front spares the result its regrowth, a copy each time.
+            struct stat status;
+            if (fstat(source.Descriptor(), &status) == 0 && status.st_size > 0)
+                encoded.ReserveExact(encoded.size() + static_cast<uint64_t>(status.st_size) + 1);
+            // A read that fails ends the pieces; what was made of them is dropped.
+            std::optional<stringEx> readFailure;
+            const PieceReader read = [&](char* room, uint64_t n) -> uint64_t {
+                try {
+                    return source.Read(room, n);
+                } catch (const karuExp& e) {
+                    readFailure = e.message;
+                    return 0;
+                }
+            };
+            const PIECES_RESULT result =
+                ReplaceByPieces(read, method.method, pairs, *input.conv, *output.conv, encoded);
+            source.Close();
+            if (readFailure) {
+                ReportReadFailure(files[i], *readFailure);
+                if (errorStop)
+                    return kExitFailure;
+                continue;
+            }
+            if (result.empty)
+                continue;
+            replaced = result.replaced;
+        } else {
+            if (text.empty())
+                continue;
+            if (text[0] == signature[0])
+                text.erase(0, 1);
+            for (const REPLACE_PAIR& pair : pairs) {
+                bool known;
+                replaced += ApplyPair(method.method, pair, text, scratch, inPlace, known);
+                if (!known) {
+                    std::fputs("[FATAL ERROR] unknown func!\n", stderr);
+                    return kExitUnknownMethod;
+                }
             }
         }
 
         if (streamMode || toStdout) {
-            if (output.wide) {
+            if (byPieces) {
+                WriteStdout(encoded);
+            } else if (output.wide) {
                 if (output.swapped)
                     SwapUnits(text);
                 WriteStdoutUnits(text);
@@ -223,7 +280,9 @@ int Run(int argc, char** argv)
             continue;
 
         byteEx bytes;
-        if (output.wide) {
+        if (byPieces) {
+            bytes = encoded.Reinterpret<unsigned char, byte_traits>();
+        } else if (output.wide) {
             if (withSignature && !signature.empty())
                 text.insert(0, signature);
             if (output.swapped)

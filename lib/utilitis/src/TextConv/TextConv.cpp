@@ -178,6 +178,11 @@ stringEx TTextConv::BackEnd() const
     return stringEx("bytes");
 }
 
+bool TTextConv::ConvertsByLines() const
+{
+    return false;
+}
+
 stringEx TTextConv::Encoding() const
 {
     return stringEx();

@@ -398,6 +398,20 @@ stringEx CTextLibIConv::Encoding() const
     return _encoding;
 }
 
+bool CTextLibIConv::ConvertsByLines() const
+{
+    // Only where a shortcut vouches for the encoding: UTF-8 resynchronises
+    // at every byte below 0x80, and a single-byte table cuts anywhere, but
+    // its line feed byte must still read as a line feed.
+    if (!_fast)
+        return false;
+    const stringEx kind(_fast->Kind());
+    if (kind == "utf-8")
+        return true;
+    wstringEx lineFeed;
+    return kind == "table" && _fast->Decode(lineFeed, stringEx("\n")) && lineFeed == wstringEx(L"\n");
+}
+
 stringEx CTextLibIConv::Shortcut() const
 {
     return _fast ? stringEx(_fast->Kind()) : stringEx();

@@ -89,6 +89,13 @@ public:
     virtual stringEx BackEnd() const;
     virtual stringEx Encoding() const;
 
+    // Whether a text cut just after each line feed converts, piece by piece,
+    // to exactly what the whole converts to, in both directions: the encoding
+    // keeps no state from one character to the next, and its line feed byte
+    // is always a whole character that reads as a line feed. A caller may
+    // then work through a large text a few lines at a time.
+    virtual bool ConvertsByLines() const;
+
     // ---- the encoding table ---------------------------------------------------
 
     // "CP<number>" in any case gives the number without a look-up; otherwise

@@ -38,6 +38,7 @@ public:
 
     stringEx BackEnd() const override;
     stringEx Encoding() const override;
+    bool ConvertsByLines() const override;
 
     // The conversions exactly as the library gives them, bypassing the
     // shortcuts for common encodings (which must agree with these).

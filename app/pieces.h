@@ -1,0 +1,50 @@
+// Large files a few lines at a time.
+//
+// Decoding a whole file into wide text costs four bytes of fresh memory per
+// character, and the copying replace takes a second buffer as large: on a
+// big file most of the run went into taking that memory from the system.
+// When the pairs are literal and no find can match a line feed, no match can
+// reach across a line end that the text had before the pairs ran (such a
+// line feed is never replaced, so it still ends its piece for every later
+// pair). And when both encodings convert line by line, a file cut just after
+// line feeds gives, piece by piece, exactly the bytes the whole would give.
+// Each piece is then decoded, replaced and encoded in buffers that stay warm
+// from piece to piece, and only the encoded result grows with the file: the
+// file itself is read a piece at a time too.
+#pragma once
+
+#include <functional>
+
+#include <karu/TextConv/TextConv.h>
+
+#include "methods.h"
+#include "pairs.h"
+
+namespace Karu {
+
+// Whether the method and pairs allow the work by pieces: the literal methods,
+// and no find with a unit that matches a line feed under the method.
+bool PairsAllowPieces(int32_t method, const ReplacePairs& pairs);
+
+// The result of running the pairs over a file by pieces.
+struct PIECES_RESULT {
+    uint32_t replaced = 0;
+    bool empty = true;  // the file decoded to no text at all
+};
+
+// Where the bytes come from: fills up to `n` bytes at `room` and returns how
+// many, 0 at the end.
+using PieceReader = std::function<uint64_t(char* room, uint64_t n)>;
+
+// Decodes what `read` gives with `in` piece by piece (a leading U+FEFF of the
+// text dropped), applies every pair to each piece with the copying form, and
+// appends each piece's encoding by `out` to `encoded`. A piece ends just
+// after the first line feed at or past `pieceBytes`, or at the end.
+PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const ReplacePairs& pairs, TTextConv& in,
+                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes = uint64_t(1) << 20);
+
+// The same over bytes in memory.
+PIECES_RESULT ReplaceByPieces(const stringEx& bytes, int32_t method, const ReplacePairs& pairs, TTextConv& in,
+                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes = uint64_t(1) << 20);
+
+}  // namespace Karu

@@ -1,0 +1,140 @@
+// Working a file by pieces must give exactly the bytes of the whole-text run:
+// every row runs at several piece sizes (down to one byte, so that every
+// line feed becomes a cut) and is compared with decoding, replacing and
+// encoding the text whole.
+#include "pieces.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+using namespace Karu;
+
+namespace {
+
+ReplacePairs Pairs(std::initializer_list<std::pair<const wchar_t*, const wchar_t*>> list)
+{
+    ReplacePairs pairs;
+    for (const auto& [find, replace] : list)
+        pairs.push_back(REPLACE_PAIR{wstringEx(find), wstringEx(replace), {}});
+    return pairs;
+}
+
+// What the tool does with the text held whole.
+std::string Whole(const std::string& bytes, int32_t method, const ReplacePairs& pairs, TTextConv& in,
+                  TTextConv& out, uint32_t& replaced)
+{
+    wstringEx text = in.MBtoWC(stringEx(bytes.data(), bytes.size())), scratch;
+    replaced = 0;
+    if (!text.empty() && text[0] == L'\uFEFF')
+        text.erase(0, 1);
+    for (const REPLACE_PAIR& pair : pairs) {
+        bool known;
+        replaced += ApplyPair(method, pair, text, scratch, false, known);
+    }
+    const stringEx encoded = out.WCtoMB(text);
+    return std::string(encoded.data(), encoded.size());
+}
+
+TEST(Pieces, GiveTheBytesOfTheWholeText)
+{
+    const struct Row {
+        const char* name;
+        const char* in;
+        const char* out;
+        int32_t method;
+        ReplacePairs pairs;
+        std::string text;
+    } rows[] = {
+        {"plain lines", "UTF-8", "UTF-8", kMethodLiteral, Pairs({{L"cat", L"dog"}}),
+         "cat\ncat and cat\n\ncatcat\ncat"},
+        {"match at each line's end and start", "UTF-8", "UTF-8", kMethodLiteral, Pairs({{L"ab", L"X"}}),
+         "ab\nab\nxab\nabab"},
+        {"chained pairs see earlier output", "UTF-8", "UTF-8", kMethodLiteral,
+         Pairs({{L"a", L"b\n"}, {L"b", L"c"}, {L"\u00e9t\u00e9", L"summer"}}), "a\naa\n\u00e9t\u00e9\nb"},
+        {"signature dropped once", "UTF-8", "UTF-8", kMethodLiteral, Pairs({{L"x", L"y"}}),
+         "\xEF\xBB\xBFx\n\xEF\xBB\xBFx\n"},
+        {"multibyte text and bad bytes next to line feeds", "UTF-8", "UTF-8", kMethodLiteral,
+         Pairs({{L"\u4e2d", L"zh"}, {L"?", L"Q"}}), "\xE4\xB8\xAD\n\xE4\xB8\n\xE4\n\xFF\xFE\n\xE4\xB8\xAD\xE4"},
+        {"case-blind", "UTF-8", "UTF-8", kMethodLiteralNoCase, Pairs({{L"stra\u00dfe", L"road"}}),
+         "STRA\xC3\x9F" "E\nStra\xC3\x9F" "e\nstrasse\n"},
+        {"single-byte in, UTF-8 out", "CP1252", "UTF-8", kMethodLiteral, Pairs({{L"\u20ac", L"EUR"}}),
+         "5 \x80\n\x80\x80\n\x81\n"},
+        {"UTF-8 in, single-byte out with unmappable text", "UTF-8", "CP1252", kMethodLiteral,
+         Pairs({{L"e", L"\u00e9"}}), "e\xE4\xB8\xAD\ne\n"},
+    };
+    for (const Row& row : rows) {
+        const TextConvPtr in = TTextConv::CreateConv(0, stringEx(row.in));
+        const TextConvPtr out = TTextConv::CreateConv(0, stringEx(row.out));
+        ASSERT_TRUE(in->ConvertsByLines() && out->ConvertsByLines()) << row.name;
+        ASSERT_TRUE(PairsAllowPieces(row.method, row.pairs)) << row.name;
+        uint32_t wholeCount;
+        const std::string whole = Whole(row.text, row.method, row.pairs, *in, *out, wholeCount);
+        for (const uint64_t pieceBytes : {1, 2, 3, 7, 4096}) {
+            // The input given whole, and trickling in a few bytes a read.
+            for (const uint64_t trickle : {uint64_t(0), uint64_t(1), uint64_t(5)}) {
+                uint64_t at = 0;
+                const PieceReader read = [&](char* room, uint64_t n) {
+                    const uint64_t take = std::min({n, trickle, row.text.size() - at});
+                    std::memcpy(room, row.text.data() + at, take);
+                    at += take;
+                    return take;
+                };
+                stringEx encoded("head:");
+                const stringEx bytes(row.text.data(), row.text.size());
+                const PIECES_RESULT result =
+                    trickle ? ReplaceByPieces(read, row.method, row.pairs, *in, *out, encoded, pieceBytes)
+                            : ReplaceByPieces(bytes, row.method, row.pairs, *in, *out, encoded, pieceBytes);
+                const std::string where =
+                    std::string(row.name) + ", pieces of " + std::to_string(pieceBytes) + ", reads of " +
+                    std::to_string(trickle);
+                EXPECT_EQ(std::string(encoded.data(), encoded.size()), "head:" + whole) << where;
+                EXPECT_EQ(result.replaced, wholeCount) << where;
+                EXPECT_FALSE(result.empty) << where;
+            }
+        }
+    }
+}
+
+TEST(Pieces, AreRefusedWhereACutCouldSplitAMatchOrAChararacter)
+{
+    const struct Row {
+        const char* name;
+        int32_t method;
+        ReplacePairs pairs;
+        bool allowed;
+    } methods[] = {
+        {"literal", kMethodLiteral, Pairs({{L"a", L"\n"}}), true},
+        {"a find holding a line feed", kMethodLiteral, Pairs({{L"a", L"b"}, {L"x\ny", L"z"}}), false},
+        {"case-blind find holding a line feed", kMethodLiteralNoCase, Pairs({{L"\n", L"z"}}), false},
+        {"regular expressions", kMethodRegex, Pairs({{L"a", L"b"}}), false},
+    };
+    for (const Row& row : methods)
+        EXPECT_EQ(PairsAllowPieces(row.method, row.pairs), row.allowed) << row.name;
+
+    const struct Encoding {
+        const char* name;
+        bool byLines;
+    } encodings[] = {
+        {"UTF-8", true}, {"ISO-8859-1", true}, {"CP1252", true},
+        // A line feed byte inside a character, or shift states.
+        {"UTF-16LE", false}, {"UTF-32BE", false}, {"GBK", false}, {"UTF-7", false}, {"ISO-2022-JP", false},
+    };
+    for (const Encoding& e : encodings)
+        EXPECT_EQ(TTextConv::CreateConv(0, stringEx(e.name))->ConvertsByLines(), e.byLines) << e.name;
+}
+
+TEST(Pieces, AnEmptyFileIsNoText)
+{
+    const TextConvPtr conv = TTextConv::CreateConv(0, stringEx("UTF-8"));
+    stringEx encoded;
+    const PIECES_RESULT result =
+        ReplaceByPieces(stringEx(), kMethodLiteral, Pairs({{L"a", L"b"}}), *conv, *conv, encoded);
+    EXPECT_TRUE(result.empty);
+    EXPECT_EQ(result.replaced, 0u);
+    EXPECT_TRUE(encoded.empty());
+}
+
+}  // namespace
