@@ -64,6 +64,8 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
          "5 \x80\n\x80\x80\n\x81\n"},
         {"UTF-8 in, single-byte out with unmappable text", "UTF-8", "CP1252", kMethodLiteral,
          Pairs({{L"e", L"\u00e9"}}), "e\xE4\xB8\xAD\ne\n"},
+        {"double-byte with bad bytes before line feeds", "GBK", "GBK", kMethodLiteral,
+         Pairs({{L"\u4e2d", L"\u6587"}, {L"?", L"Q"}}), "\xD6\xD0\n\xD6\n\xD6\xD0\xD6\xD0\n\x81\n\xD6"},
     };
     for (const Row& row : rows) {
         const TextConvPtr in = TTextConv::CreateConv(0, stringEx(row.in));
@@ -118,9 +120,9 @@ TEST(Pieces, AreRefusedWhereACutCouldSplitAMatchOrAChararacter)
         const char* name;
         bool byLines;
     } encodings[] = {
-        {"UTF-8", true}, {"ISO-8859-1", true}, {"CP1252", true},
+        {"UTF-8", true}, {"ISO-8859-1", true}, {"CP1252", true}, {"GBK", true}, {"SHIFT_JIS", true},
         // A line feed byte inside a character, or shift states.
-        {"UTF-16LE", false}, {"UTF-32BE", false}, {"GBK", false}, {"UTF-7", false}, {"ISO-2022-JP", false},
+        {"UTF-16LE", false}, {"UTF-32BE", false}, {"UTF-7", false}, {"ISO-2022-JP", false},
     };
     for (const Encoding& e : encodings)
         EXPECT_EQ(TTextConv::CreateConv(0, stringEx(e.name))->ConvertsByLines(), e.byLines) << e.name;

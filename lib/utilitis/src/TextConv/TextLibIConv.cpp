@@ -400,16 +400,30 @@ stringEx CTextLibIConv::Encoding() const
 
 bool CTextLibIConv::ConvertsByLines() const
 {
-    // Only where a shortcut vouches for the encoding: UTF-8 resynchronises
-    // at every byte below 0x80, and a single-byte table cuts anywhere, but
-    // its line feed byte must still read as a line feed.
+    // Only where a shortcut vouches for a stateless encoding: UTF-8, a
+    // single-byte table, or a double-byte code page.
     if (!_fast)
         return false;
     const stringEx kind(_fast->Kind());
-    if (kind == "utf-8")
-        return true;
+    if (kind != "utf-8" && kind != "table" && kind != "double-byte")
+        return false;
     wstringEx lineFeed;
-    return kind == "table" && _fast->Decode(lineFeed, stringEx("\n")) && lineFeed == wstringEx(L"\n");
+    LibMBtoWC(lineFeed, stringEx("\n"));
+    if (lineFeed != wstringEx(L"\n"))
+        return false;
+    if (kind != "double-byte")
+        return true;
+    // The line feed byte must never be the second byte of a character, or
+    // a cut behind it could split one: ask the library about every lead.
+    char pair[2] = {0, '\n'};
+    wstringEx read;
+    for (int lead = 0x80; lead <= 0xFF; ++lead) {
+        pair[0] = static_cast<char>(lead);
+        LibMBtoWC(read, stringEx(pair, 2));
+        if (read.empty() || read[read.size() - 1] != L'\n')
+            return false;
+    }
+    return true;
 }
 
 stringEx CTextLibIConv::Shortcut() const
@@ -431,7 +445,7 @@ void CTextLibIConv::WCtoMB(stringEx& dst, const wstringEx& src)
     LibWCtoMB(dst, src);
 }
 
-void CTextLibIConv::LibMBtoWC(wstringEx& dst, const stringEx& src)
+void CTextLibIConv::LibMBtoWC(wstringEx& dst, const stringEx& src) const
 {
     dst.clear();
     if (src.empty())

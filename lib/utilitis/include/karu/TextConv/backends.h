@@ -42,7 +42,7 @@ public:
 
     // The conversions exactly as the library gives them, bypassing the
     // shortcuts for common encodings (which must agree with these).
-    void LibMBtoWC(wstringEx& dst, const stringEx& src);
+    void LibMBtoWC(wstringEx& dst, const stringEx& src) const;
     void LibWCtoMB(stringEx& dst, const wstringEx& src);
 
     // The shortcut in use for this encoding ("utf-8", "utf-16", "ucs-2",
@@ -67,7 +67,7 @@ private:
     void* _toWide = reinterpret_cast<void*>(-1);
     void* _toBytes = reinterpret_cast<void*>(-1);
     stringEx _encoding;
-    FAST_PCLOCK _lock;
+    mutable FAST_PCLOCK _lock;  // one conversion at a time on the descriptors
     std::unique_ptr<IMPL::CFastCodec> _fast;
     bool _stateful = false;
 };
