@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <regex.h>
@@ -32,6 +33,10 @@ using namespace Karu;
 namespace {
 
 constexpr size_t kCompareBytes = 50u << 20;
+
+// Settable from the command line for quick profiling runs.
+size_t compareBytes = kCompareBytes;
+const char* compareOnly = nullptr;  // a case name, or all
 
 std::string makeText(size_t bytes, bool withHits)
 {
@@ -176,9 +181,12 @@ void printYardstick(const char* name, long matches, long ours, double ourTime, d
 
 void compareWithCLibrary()
 {
-    const std::string text = makeText(kCompareBytes, true);
-    std::printf("%-22s %10s %10s %10s %8s\n", "pattern (50 MB)", "matches", "ours s", "libc s", "ratio");
+    const std::string text = makeText(compareBytes, true);
+    const double mb = static_cast<double>(text.size()) / (1 << 20);
+    std::printf("%-22s %10s %10s %10s %8s %10s %10s\n", "pattern", "matches", "ours s", "libc s", "ratio", "ours MB/s",
+                "libc MB/s");
     for (const Case& c : kCases) {
+        if (compareOnly && std::strcmp(compareOnly, c.name) != 0) continue;
         RxObject o{};
         if (rxcomp(&o, c.ours, std::strlen(c.ours), c.ourFlags) != RX_OK) {
             std::printf("%-22s does not compile\n", c.name);
@@ -196,8 +204,8 @@ void compareWithCLibrary()
         t0 = std::chrono::steady_clock::now();
         const long theirs = theirCount(re, text, groups);
         const double theirTime = seconds(t0);
-        std::printf("%-22s %10ld %10.3f %10.3f %7.2fx%s", c.name, ours, ourTime, theirTime, ourTime / theirTime,
-                    ours == theirs ? "" : "  (counts differ)");
+        std::printf("%-22s %10ld %10.3f %10.3f %7.2fx %10.0f %10.0f%s", c.name, ours, ourTime, theirTime,
+                    ourTime / theirTime, mb / ourTime, mb / theirTime, ours == theirs ? "" : "  (counts differ)");
 #ifdef KARU_BENCH_HAVE_RE2
         t0 = std::chrono::steady_clock::now();
         const long automaton = automatonCount(c.ours, text, groups);
@@ -212,7 +220,7 @@ void compareWithCLibrary()
         regfree(&re);
         rxfree(&o);
     }
-    std::printf("ratio = our time / C library time (below 1 is faster)\n\n");
+    std::printf("%.0f MB of text; ratio = our time / C library time (below 1 is faster)\n\n", mb);
 }
 
 // A scan over a subject with no match: the whole text passes the automaton.
@@ -247,6 +255,19 @@ BENCHMARK(BM_FullScanWide)->Arg(1)->Arg(8)->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv)
 {
+    // --compare-mb=N shrinks the text, --compare-only=NAME runs one case;
+    // both are taken out before Google Benchmark sees the arguments.
+    int kept = 1;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strncmp(argv[i], "--compare-mb=", 13) == 0) {
+            compareBytes = std::strtoul(argv[i] + 13, nullptr, 10) << 20;
+        } else if (std::strncmp(argv[i], "--compare-only=", 15) == 0) {
+            compareOnly = argv[i] + 15;
+        } else {
+            argv[kept++] = argv[i];
+        }
+    }
+    argc = kept;
     compareWithCLibrary();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

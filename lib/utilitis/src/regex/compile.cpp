@@ -261,6 +261,12 @@ int Compiler<Ch>::finish()
     in.info = _info;
     in.groupCount = static_cast<size_t>(_groupsSeen);
     in.unitSize = Traits::kUnitSize;
+    int slots = 0;
+    in.search.cacheSlot = slots++;
+    for (auto& n : in.nodes)
+        if (!n->automaton.empty()) n->automaton.cacheSlot = slots++;
+    for (size_t i = 1; i < in.lookaheads.size(); ++i) in.lookaheads[i].automaton.cacheSlot = slots++;
+    in.automatonCount = slots;
     in.magic = kInternalsMagic;
     _object->groupCount = in.groupCount;
     _object->info = _info;

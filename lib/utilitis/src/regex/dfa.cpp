@@ -16,80 +16,84 @@ constexpr size_t kCacheBudget = size_t{32} << 20;
 constexpr int kSmallCacheSets = 7;
 }  // namespace
 
+bool DfaCache::init(const CompactNfa& nfa, bool small)
+{
+    if (nfa.empty()) return false;
+    const int states = nfa.stateCount;
+    words = (states + 31) / 32;
+    colours = nfa.colourCount;
+    if (small) {
+        capacity = kSmallCacheSets;
+    } else {
+        capacity = 2 * states;
+        const size_t perSet = sizeof(StateSet) + static_cast<size_t>(words) * 4 +
+                              static_cast<size_t>(colours) * (sizeof(StateSet*) + sizeof(InLink));
+        const size_t fits = kCacheBudget / perSet;
+        if (static_cast<size_t>(capacity) > fits) capacity = static_cast<int>(std::max<size_t>(fits, kSmallCacheSets));
+    }
+    // Left unfilled: a set's slots are cleared when pick() hands it out, and
+    // a match that touches few sets must not pay for clearing them all.
+    const size_t cap = static_cast<size_t>(capacity);
+    ownSets = std::make_unique_for_overwrite<StateSet[]>(cap);
+    ownBits = std::make_unique_for_overwrite<uint32_t[]>((cap + 1) * static_cast<size_t>(words));
+    ownOuts = std::make_unique_for_overwrite<StateSet*[]>(cap * static_cast<size_t>(colours));
+    ownIns = std::make_unique_for_overwrite<InLink[]>(cap * static_cast<size_t>(colours));
+    sets = ownSets.get();
+    bitsArea = ownBits.get();
+    outArea = ownOuts.get();
+    inArea = ownIns.get();
+    work = bitsArea + cap * static_cast<size_t>(words);
+    return true;
+}
+
 template <class Ch>
-Dfa<Ch>::Dfa(ExecState<Ch>& ex, const CompactNfa& nfa, DfaBlock* block)
+Dfa<Ch>::Dfa(ExecState<Ch>& ex, const CompactNfa& nfa)
     : _ex(ex), _nfa(nfa), _leaf0(ex.in->colourMap.leaf0()), _top(ex.in->colourMap.top())
 {
     if (nfa.empty()) {
         ex.err = RX_ERR_INTERNAL;
         return;
     }
-    const int states = nfa.stateCount;
-    _words = (states + 31) / 32;
-    _colours = nfa.colourCount;
-    if (ex.runFlags & RX_SMALLCACHE) {
-        _capacity = kSmallCacheSets;
-    } else {
-        _capacity = 2 * states;
-        const size_t perSet = sizeof(StateSet) + static_cast<size_t>(_words) * 4 +
-                              static_cast<size_t>(_colours) * (sizeof(StateSet*) + sizeof(InLink));
-        const size_t fits = kCacheBudget / perSet;
-        if (static_cast<size_t>(_capacity) > fits) _capacity = static_cast<int>(std::max<size_t>(fits, kSmallCacheSets));
-    }
-    if (_capacity <= kFixedMaxSets && _colours <= kFixedMaxColours && _words == 1) {
-        if (block == nullptr) {
-            _ownBlock = std::make_unique<DfaBlock>();
-            block = _ownBlock.get();
+    if (ex.caches && nfa.cacheSlot >= 0) {
+        std::unique_ptr<DfaCache>& kept = ex.caches->byAutomaton[static_cast<size_t>(nfa.cacheSlot)];
+        if (!kept) {
+            auto fresh = std::make_unique<DfaCache>();
+            if (fresh->init(nfa, false)) kept = std::move(fresh);
         }
-        _sets = block->sets;
-        _bitsArea = block->bits;
-        _outArea = block->outs;
-        _inArea = block->ins;
-    } else {
-        // Left unfilled: a set's slots are cleared when pick() hands it out,
-        // and a match that touches few sets (the common case, once per
-        // occurrence in a replace loop) must not pay for clearing them all.
-        const size_t cap = static_cast<size_t>(_capacity);
-        _ownSets = std::make_unique_for_overwrite<StateSet[]>(cap);
-        _ownBits = std::make_unique_for_overwrite<uint32_t[]>((cap + 1) * static_cast<size_t>(_words));
-        _ownOuts = std::make_unique_for_overwrite<StateSet*[]>(cap * static_cast<size_t>(_colours));
-        _ownIns = std::make_unique_for_overwrite<InLink[]>(cap * static_cast<size_t>(_colours));
-        _sets = _ownSets.get();
-        _bitsArea = _ownBits.get();
-        _outArea = _ownOuts.get();
-        _inArea = _ownIns.get();
+        if (kept && !kept->busy) _c = kept.get();
     }
-    _work = _bitsArea + static_cast<size_t>(_capacity) * static_cast<size_t>(_words);
+    if (!_c && _private.init(nfa, ex.runFlags & RX_SMALLCACHE)) _c = &_private;
+    if (_c) _c->busy = true;
 }
 
 template <class Ch>
 StateSet* Dfa<Ch>::pick(const Ch* cp, const Ch* start)
 {
-    if (_used < _capacity) {
-        StateSet* s = &_sets[_used];
-        s->bits = _bitsArea + static_cast<size_t>(_used) * static_cast<size_t>(_words);
-        s->outs = _outArea + static_cast<size_t>(_used) * static_cast<size_t>(_colours);
-        s->nextIn = _inArea + static_cast<size_t>(_used) * static_cast<size_t>(_colours);
-        ++_used;
+    if (_c->used < _c->capacity) {
+        StateSet* s = &_c->sets[_c->used];
+        s->bits = _c->bitsArea + static_cast<size_t>(_c->used) * static_cast<size_t>(_c->words);
+        s->outs = _c->outArea + static_cast<size_t>(_c->used) * static_cast<size_t>(_c->colours);
+        s->nextIn = _c->inArea + static_cast<size_t>(_c->used) * static_cast<size_t>(_c->colours);
+        ++_c->used;
         s->flags = 0;
         s->in = {nullptr, kWhite};
         s->seenAt = nullptr;
-        for (int i = 0; i < _colours; ++i) {
+        for (int i = 0; i < _c->colours; ++i) {
             s->outs[i] = nullptr;
             s->nextIn[i] = {nullptr, kWhite};
         }
         return s;
     }
     // The oldest third of the walk's positions is expendable.
-    const long expendable = (2L * _capacity) / 3;
+    const long expendable = (2L * _c->capacity) / 3;
     const Ch* ancient = (cp - start > expendable) ? cp - expendable : start;
     for (int round = 0; round < 2; ++round) {
-        const int from = round == 0 ? _hand : 0;
-        const int to = round == 0 ? _capacity : _hand;
+        const int from = round == 0 ? _c->hand : 0;
+        const int to = round == 0 ? _c->capacity : _c->hand;
         for (int i = from; i < to; ++i) {
-            StateSet* s = &_sets[i];
+            StateSet* s = &_c->sets[i];
             if (!(s->flags & kSetPinned) && (s->seenAt == nullptr || seen(s) < ancient)) {
-                _hand = i + 1;
+                _c->hand = i + 1;
                 return s;
             }
         }
@@ -113,7 +117,7 @@ StateSet* Dfa<Ch>::vacant(const Ch* cp, const Ch* start)
     }
     s->in = {nullptr, kWhite};
     // And take it off the chains of the sets it leads to.
-    for (int co = 0; co < _colours; ++co) {
+    for (int co = 0; co < _c->colours; ++co) {
         StateSet* p = s->outs[co];
         if (!p) continue;
         if (p->in.set == s && p->in.co == co) {
@@ -138,19 +142,19 @@ template <class Ch>
 StateSet* Dfa<Ch>::initialize(const Ch* start)
 {
     StateSet* ss;
-    if (_used > 0 && (_sets[0].flags & kSetStart)) {
-        ss = &_sets[0];
+    if (_c->used > 0 && (_c->sets[0].flags & kSetStart)) {
+        ss = &_c->sets[0];
     } else {
         ss = vacant(start, start);
         if (!ss) return nullptr;
-        std::fill(ss->bits, ss->bits + _words, 0u);
+        std::fill(ss->bits, ss->bits + _c->words, 0u);
         ss->bits[_nfa.entry / 32] |= 1u << (_nfa.entry % 32);
         uint32_t h = 0;
-        for (int i = 0; i < _words; ++i) h ^= ss->bits[i];
+        for (int i = 0; i < _c->words; ++i) h ^= ss->bits[i];
         ss->hash = h;
         ss->flags = kSetStart | kSetPinned | kSetCold;
     }
-    for (int i = 0; i < _used; ++i) _sets[i].seenAt = nullptr;
+    for (int i = 0; i < _c->used; ++i) _c->sets[i].seenAt = nullptr;
     ss->seenAt = start;
     _latestPost = nullptr;
     _latestCold = nullptr;
@@ -161,7 +165,7 @@ template <class Ch>
 bool Dfa<Ch>::lookahead(int index, const Ch* cp)
 {
     const Subexpr& con = _ex.in->lookaheads[static_cast<size_t>(index)];
-    Dfa<Ch> d(_ex, con.automaton, nullptr);
+    Dfa<Ch> d(_ex, con.automaton);
     if (!d.ok()) {
         if (_ex.err == 0) _ex.err = RX_ERR_MEMORY;
         return false;
@@ -177,7 +181,7 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
     if (_ex.err) return nullptr;
     const CompactArc* arcs = _nfa.arcs.data();
     const uint32_t* rows = _nfa.rows.data();
-    std::fill(_work, _work + _words, 0u);
+    std::fill(_c->work, _c->work + _c->words, 0u);
     bool got = false;
     bool isPost = false;
     bool noProgress = true;
@@ -185,7 +189,7 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
         if (!(css->bits[i / 32] & (1u << (i % 32)))) continue;
         for (const CompactArc* a = arcs + rows[i] + 1; a->co != kNoColour; ++a) {
             if (a->co != co) continue;
-            _work[a->to / 32] |= 1u << (a->to % 32);
+            _c->work[a->to / 32] |= 1u << (a->to % 32);
             got = true;
             if (a->to == _nfa.exit) isPost = true;
             if (arcs[rows[a->to]].co == 0) noProgress = false;
@@ -196,13 +200,13 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
     while (again) {
         again = false;
         for (int i = 0; i < _nfa.stateCount; ++i) {
-            if (!(_work[i / 32] & (1u << (i % 32)))) continue;
+            if (!(_c->work[i / 32] & (1u << (i % 32)))) continue;
             for (const CompactArc* a = arcs + rows[i] + 1; a->co != kNoColour; ++a) {
                 if (a->co < _nfa.colourCount) continue;
                 sawLookahead = true;
-                if (_work[a->to / 32] & (1u << (a->to % 32))) continue;
+                if (_c->work[a->to / 32] & (1u << (a->to % 32))) continue;
                 if (!lookahead(a->co - _nfa.colourCount, cp)) continue;
-                _work[a->to / 32] |= 1u << (a->to % 32);
+                _c->work[a->to / 32] |= 1u << (a->to % 32);
                 again = true;
                 if (a->to == _nfa.exit) isPost = true;
                 if (arcs[rows[a->to]].co == 0) noProgress = false;
@@ -213,19 +217,19 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
     if (!got) return nullptr;
 
     uint32_t h = 0;
-    for (int i = 0; i < _words; ++i) h ^= _work[i];
+    for (int i = 0; i < _c->words; ++i) h ^= _c->work[i];
     StateSet* p = nullptr;
-    for (int i = 0; i < _used; ++i) {
-        StateSet* s = &_sets[i];
+    for (int i = 0; i < _c->used; ++i) {
+        StateSet* s = &_c->sets[i];
         if (s->hash != h) continue;
-        if (_words != 1 && std::memcmp(s->bits, _work, static_cast<size_t>(_words) * 4) != 0) continue;
+        if (_c->words != 1 && std::memcmp(s->bits, _c->work, static_cast<size_t>(_c->words) * 4) != 0) continue;
         p = s;
         break;
     }
     if (!p) {
         p = vacant(cp, start);
         if (!p) return nullptr;
-        std::copy(_work, _work + _words, p->bits);
+        std::copy(_c->work, _c->work + _c->words, p->bits);
         p->hash = h;
         p->flags = (isPost ? kSetAccept : 0) | (noProgress ? kSetCold : 0);
     }
@@ -267,8 +271,8 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop)
         if (ss) ss->seenAt = cp;
     }
     const Ch* post = _latestPost;
-    for (int i = 0; i < _used; ++i) {
-        const StateSet* s = &_sets[i];
+    for (int i = 0; i < _c->used; ++i) {
+        const StateSet* s = &_c->sets[i];
         if ((s->flags & kSetAccept) && s->seenAt && (post == nullptr || post < seen(s))) post = seen(s);
     }
     return post ? post - 1 : nullptr;
@@ -278,8 +282,8 @@ template <class Ch>
 const Ch* Dfa<Ch>::lastCold() const
 {
     const Ch* cold = _latestCold ? _latestCold : _ex.start;
-    for (int i = 0; i < _used; ++i) {
-        const StateSet* s = &_sets[i];
+    for (int i = 0; i < _c->used; ++i) {
+        const StateSet* s = &_c->sets[i];
         if ((s->flags & kSetCold) && s->seenAt && cold < seen(s)) cold = seen(s);
     }
     return cold;
@@ -319,6 +323,30 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
         if (ss && (ss->flags & kSetAccept)) return cp;
     }
     return nullptr;
+}
+
+CachePool::~CachePool()
+{
+    for (auto& slot : _slots) delete slot.load(std::memory_order_acquire);
+}
+
+MatchCaches* CachePool::take() noexcept
+{
+    for (auto& slot : _slots) {
+        if (slot.load(std::memory_order_relaxed) == nullptr) continue;
+        if (MatchCaches* c = slot.exchange(nullptr, std::memory_order_acquire)) return c;
+    }
+    return nullptr;
+}
+
+void CachePool::give(MatchCaches* caches) noexcept
+{
+    for (auto& slot : _slots) {
+        MatchCaches* expected = nullptr;
+        if (slot.compare_exchange_strong(expected, caches, std::memory_order_release, std::memory_order_relaxed))
+            return;
+    }
+    delete caches;
 }
 
 template class Dfa<char>;

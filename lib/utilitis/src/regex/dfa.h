@@ -10,12 +10,15 @@
 // previous character or a start-of-string pseudo colour), which is what lets
 // look-behind constraints work; a post state reached at p means a match that
 // ended at p - 1. Transitions that passed a look-ahead depend on the position
-// and are never cached.
+// and are never cached. The sets and transitions depend on nothing but the
+// automaton, so they are kept from call to call (DfaCache); only positions are
+// forgotten when a walk begins.
 #pragma once
 
 #include "internals.h"
 
 #include <memory>
+#include <vector>
 
 namespace Karu::IMPL::rx {
 
@@ -41,18 +44,37 @@ constexpr uint32_t kSetAccept = 2;
 constexpr uint32_t kSetPinned = 4;
 constexpr uint32_t kSetCold = 8;
 
-// Storage that lets a small automaton's cache live without heap use.
-struct DfaBlock {
-    static constexpr int kSets = 40;
-    static constexpr int kWords = 41;
-    static constexpr int kLinks = 600;
-    StateSet sets[kSets];
-    uint32_t bits[kWords];
-    StateSet* outs[kLinks];
-    InLink ins[kLinks];
+// The part of a matcher that outlives one walk, and one call: the state sets
+// with their transitions. What a walk remembers of positions (seenAt, the
+// latest match ends of evicted sets) is reset when the next walk begins, so a
+// cache serves any subject and any run flags; only RX_SMALLCACHE, which
+// changes the capacity, gets a cache of its own for the call.
+struct DfaCache {
+    bool init(const CompactNfa& nfa, bool small);
+
+    int capacity = 0;
+    int used = 0;
+    int words = 0;
+    int colours = 0;
+    int hand = 0;       // the clock hand of replacement
+    bool busy = false;  // a walker holds it (a walk may start another, e.g. a look-ahead)
+    StateSet* sets = nullptr;
+    uint32_t* work = nullptr;
+    uint32_t* bitsArea = nullptr;
+    StateSet** outArea = nullptr;
+    InLink* inArea = nullptr;
+    std::unique_ptr<StateSet[]> ownSets;
+    std::unique_ptr<uint32_t[]> ownBits;
+    std::unique_ptr<StateSet*[]> ownOuts;
+    std::unique_ptr<InLink[]> ownIns;
 };
-constexpr int kFixedMaxSets = 20;     // at most 10 automaton states
-constexpr int kFixedMaxColours = 15;
+
+// One cache per automaton of a compiled pattern (indexed by cacheSlot), used
+// by one rxexec call at a time; the pattern's pool keeps them between calls.
+struct MatchCaches {
+    explicit MatchCaches(int automata) : byAutomaton(static_cast<size_t>(automata)) {}
+    std::vector<std::unique_ptr<DfaCache>> byAutomaton;
+};
 
 template <class Ch>
 struct ExecState {
@@ -65,18 +87,22 @@ struct ExecState {
     const Ch* stop = nullptr;
     int err = 0;
     uint64_t* retry = nullptr;
-    DfaBlock* dfa1 = nullptr;
-    DfaBlock* dfa2 = nullptr;
+    MatchCaches* caches = nullptr;  // null: every walker builds its own
 };
 
 template <class Ch>
 class Dfa {
 public:
-    // `block` may be null: a small cache then takes one heap block.
-    Dfa(ExecState<Ch>& ex, const CompactNfa& nfa, DfaBlock* block);
+    // Takes the call's cache for the automaton, or builds a private one if
+    // there is none or it is held by another walker.
+    Dfa(ExecState<Ch>& ex, const CompactNfa& nfa);
+    ~Dfa()
+    {
+        if (_c) _c->busy = false;
+    }
     Dfa(const Dfa&) = delete;
     Dfa& operator=(const Dfa&) = delete;
-    bool ok() const noexcept { return _sets != nullptr; }
+    bool ok() const noexcept { return _c != nullptr; }
 
     // End of the longest match from start not beyond stop, or null.
     const Ch* longest(const Ch* start, const Ch* stop, bool* hitStop);
@@ -111,23 +137,10 @@ private:
     const CompactNfa& _nfa;
     const colour* _leaf0;
     colour* const* _top;
-    int _capacity = 0;
-    int _used = 0;
-    int _words = 0;
-    int _colours = 0;
-    StateSet* _sets = nullptr;
-    uint32_t* _work = nullptr;
-    int _hand = 0;  // the clock hand of replacement
+    DfaCache* _c = nullptr;
+    DfaCache _private;
     const Ch* _latestPost = nullptr;
     const Ch* _latestCold = nullptr;
-    std::unique_ptr<StateSet[]> _ownSets;
-    std::unique_ptr<uint32_t[]> _ownBits;
-    std::unique_ptr<StateSet*[]> _ownOuts;
-    std::unique_ptr<InLink[]> _ownIns;
-    std::unique_ptr<DfaBlock> _ownBlock;
-    uint32_t* _bitsArea = nullptr;
-    StateSet** _outArea = nullptr;
-    InLink* _inArea = nullptr;
 };
 
 }  // namespace Karu::IMPL::rx

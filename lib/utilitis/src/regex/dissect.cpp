@@ -34,8 +34,8 @@ int concatenation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch
     const bool shorter = t->left->flags & kShorter;
     const Ch* mid;
     {
-        Dfa<Ch> d(ex, t->left->automaton, ex.dfa1);
-        Dfa<Ch> d2(ex, t->right->automaton, ex.dfa2);
+        Dfa<Ch> d(ex, t->left->automaton);
+        Dfa<Ch> d2(ex, t->right->automaton);
         if (!d.ok() || !d2.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
         mid = shorter ? d.shortest(begin, begin, end, nullptr, nullptr) : d.longest(begin, end, nullptr);
         if (!mid) return ex.err ? ex.err : RX_ERR_INTERNAL;
@@ -58,7 +58,7 @@ int alternation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* 
     for (; t != nullptr; t = t->right) {
         bool whole;
         {
-            Dfa<Ch> d(ex, t->left->automaton, ex.dfa1);
+            Dfa<Ch> d(ex, t->left->automaton);
             if (!d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
             whole = d.longest(begin, end, nullptr) == end;
             if (ex.err) return ex.err;
@@ -74,9 +74,8 @@ template <class Ch>
 int retryConcatenation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
 {
     const bool shorter = t->left->flags & kShorter;
-    // Fresh caches each time: the walk recurses and the fixed blocks are shared.
-    Dfa<Ch> d(ex, t->left->automaton, nullptr);
-    Dfa<Ch> d2(ex, t->right->automaton, nullptr);
+    Dfa<Ch> d(ex, t->left->automaton);
+    Dfa<Ch> d2(ex, t->right->automaton);
     if (!d.ok() || !d2.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
     uint64_t& memory = ex.retry[t->id];
     const Ch* mid;
@@ -119,7 +118,7 @@ int retryAlternation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const
         uint64_t& memory = ex.retry[t->id];
         if (memory == kTried) continue;
         if (memory == kUntried) {
-            Dfa<Ch> d(ex, t->left->automaton, nullptr);
+            Dfa<Ch> d(ex, t->left->automaton);
             if (!d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
             const bool whole = d.longest(begin, end, nullptr) == end;
             if (ex.err) return ex.err;

@@ -41,7 +41,7 @@ int find(ExecState<Ch>& ex)
     const Ch* cold = nullptr;
     const Ch* close;
     {
-        Dfa<Ch> s(ex, in.search, ex.dfa1);
+        Dfa<Ch> s(ex, in.search);
         if (!s.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
         close = s.shortest(ex.start, ex.start, ex.stop, &cold, nullptr);
     }
@@ -56,7 +56,7 @@ int find(ExecState<Ch>& ex)
     const Ch* begin = open;
     const Ch* end = nullptr;
     {
-        Dfa<Ch> d(ex, in.tree->automaton, ex.dfa1);
+        Dfa<Ch> d(ex, in.tree->automaton);
         if (!d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
         for (begin = open; begin <= close; ++begin) {
             bool hitEnd = false;
@@ -78,8 +78,8 @@ int findWithBackrefs(ExecState<Ch>& ex)
 {
     const Internals& in = *ex.in;
     const bool shorter = in.tree->flags & kShorter;
-    Dfa<Ch> s(ex, in.search, ex.dfa1);
-    Dfa<Ch> d(ex, in.tree->automaton, ex.dfa2);
+    Dfa<Ch> s(ex, in.search);
+    Dfa<Ch> d(ex, in.tree->automaton);
     if (!s.ok() || !d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
     const Ch* cold = nullptr;
     const Ch* close = ex.start;
@@ -127,6 +127,28 @@ int findWithBackrefs(ExecState<Ch>& ex)
     return done(RX_NOMATCH);
 }
 
+// The pattern's caches for the duration of one call.
+class CacheLease {
+public:
+    CacheLease(const Internals& in, bool small) : _in(in)
+    {
+        if (small) return;  // a deliberately small cache is built per walk
+        _caches = in.caches.take();
+        if (!_caches) _caches = new MatchCaches(in.automatonCount);
+    }
+    ~CacheLease()
+    {
+        if (_caches) _in.caches.give(_caches);
+    }
+    CacheLease(const CacheLease&) = delete;
+    CacheLease& operator=(const CacheLease&) = delete;
+    MatchCaches* get() const noexcept { return _caches; }
+
+private:
+    const Internals& _in;
+    MatchCaches* _caches = nullptr;
+};
+
 template <class Ch>
 int execute(const RxObject* object, const Ch* string, size_t length, RxDetails* details, size_t matchCount,
             RxMatch* matches, int flags) noexcept
@@ -147,9 +169,8 @@ int execute(const RxObject* object, const Ch* string, size_t length, RxDetails* 
         ex.details = (in->compFlags & RX_WANTDETAILS) ? details : nullptr;
         ex.start = string;
         ex.stop = string + length;
-        DfaBlock blocks[2];
-        ex.dfa1 = &blocks[0];
-        ex.dfa2 = &blocks[1];
+        const CacheLease lease(*in, flags & RX_SMALLCACHE);
+        ex.caches = lease.get();
 
         const bool backrefs = in->info & RX_USES_BACKREF;
         RxMatch inlineMatches[kInlineMatches];

@@ -6,6 +6,7 @@
 #include "colourmap.h"
 #include "nfa.h"
 
+#include <atomic>
 #include <memory>
 #include <vector>
 
@@ -45,6 +46,28 @@ struct Subexpr {
     CompactNfa automaton;
 };
 
+struct MatchCaches;
+
+// Matching caches kept for the next call: building the state sets again for
+// every call would dominate a loop that calls once per occurrence. A call
+// takes a set of caches for its duration and gives it back, so concurrent
+// calls on one pattern never share one; all go with the pattern.
+class CachePool {
+public:
+    CachePool() = default;
+    CachePool(const CachePool&) = delete;
+    CachePool& operator=(const CachePool&) = delete;
+    ~CachePool();
+    MatchCaches* take() noexcept;            // null when none is spare
+    void give(MatchCaches* caches) noexcept; // frees it when every slot is taken
+
+private:
+    // Enough for the worker threads of one process; a thread beyond them
+    // builds its caches per call.
+    static constexpr int kSlots = 8;
+    std::atomic<MatchCaches*> _slots[kSlots] = {};
+};
+
 constexpr int kInternalsMagic = 0xFED9;
 
 struct Internals {
@@ -59,6 +82,8 @@ struct Internals {
     std::vector<std::unique_ptr<Subexpr>> nodes;  // the tree's nodes in use
     std::vector<Subexpr> lookaheads;              // entry 0 unused
     int unitSize = 1;
+    int automatonCount = 0;  // automata with a cacheSlot
+    mutable CachePool caches;
 };
 
 }  // namespace Karu::IMPL::rx

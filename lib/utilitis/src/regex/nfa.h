@@ -63,6 +63,7 @@ struct CompactNfa {
     int exit = 0;
     colour startColours[2] = {0, 0};
     colour endColours[2] = {0, 0};
+    int cacheSlot = -1;  // index of its matching cache among the pattern's automata
     std::vector<uint32_t> rows;  // index of each state's header in arcs
     std::vector<CompactArc> arcs;
     bool empty() const noexcept { return rows.empty(); }
