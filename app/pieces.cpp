@@ -3,6 +3,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
+#include <vector>
+
+#include <karu/string/replace.h>
 
 namespace Karu {
 
@@ -21,10 +25,44 @@ bool PairsAllowPieces(int32_t method, const ReplacePairs& pairs)
     return true;
 }
 
+namespace {
+
+using Utf8Pairs = std::vector<std::pair<stringEx, stringEx>>;
+
+bool AllScalars(const wstringEx& text) noexcept
+{
+    for (const wchar_t unit : text) {
+        const uint32_t c = static_cast<uint32_t>(unit);
+        if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))
+            return false;
+    }
+    return true;
+}
+
+// The pairs in UTF-8 as `out` writes them, when a piece may be worked as
+// bytes: see pieces.h. Empty otherwise (a run always has a pair).
+Utf8Pairs PairsForBytes(int32_t method, const ReplacePairs& pairs, const TTextConv& in, TTextConv& out)
+{
+    Utf8Pairs encoded;
+    if (method != kMethodLiteral || !in.IsPlainUtf8() || !out.IsPlainUtf8())
+        return encoded;
+    for (const REPLACE_PAIR& pair : pairs) {
+        if (!AllScalars(pair.find) || !AllScalars(pair.replace))
+            return Utf8Pairs();
+        encoded.emplace_back(out.WCtoMB(pair.find), out.WCtoMB(pair.replace));
+    }
+    return encoded;
+}
+
+const char kUtf8Signature[] = "\xEF\xBB\xBF";
+
+}  // namespace
+
 PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const ReplacePairs& pairs, TTextConv& in,
                               TTextConv& out, stringEx& encoded, uint64_t pieceBytes)
 {
     PIECES_RESULT result;
+    const Utf8Pairs bytePairs = PairsForBytes(method, pairs, in, out);
     stringEx pending, pieceOut;
     wstringEx text, scratch;
     const uint64_t block = std::max<uint64_t>(pieceBytes, 1 << 16);
@@ -55,6 +93,20 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
         }
         if (cut == 0)
             break;
+        if (!bytePairs.empty() && IsWellFormedUtf8(pending.data(), cut)) {
+            // The piece goes to the result as it is, and the pairs run over
+            // its bytes there, in place.
+            uint64_t skip = 0;
+            if (result.empty && cut >= 3 && std::memcmp(pending.data(), kUtf8Signature, 3) == 0)
+                skip = 3;
+            const uint64_t start = encoded.size();
+            encoded.append(pending.data() + skip, cut - skip);
+            pending.erase(0, cut);
+            result.empty = false;
+            for (const auto& [find, replace] : bytePairs)
+                result.replaced += ReplaceInPlace(encoded, find, replace, start);
+            continue;
+        }
         // The decoder reads the piece where it lies.
         in.MBtoWC(text, basic_buffer<char>::View(pending.data(), cut));
         pending.erase(0, cut);

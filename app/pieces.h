@@ -11,6 +11,13 @@
 // Each piece is then decoded, replaced and encoded in buffers that stay warm
 // from piece to piece, and only the encoded result grows with the file: the
 // file itself is read a piece at a time too.
+//
+// When both sides are plain UTF-8 (TTextConv::IsPlainUtf8) and the pairs are
+// case-sensitive literals, a well-formed piece is not converted at all: the
+// UTF-8 forms of the pairs replaced in its bytes give exactly the bytes the
+// conversions would, since a well-formed find can only match where a
+// character begins and text and bytes correspond character for character.
+// A piece that is not well-formed takes the conversions.
 #pragma once
 
 #include <functional>

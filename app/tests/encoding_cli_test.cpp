@@ -184,6 +184,53 @@ TEST(Conversion, RealEncodingsAndBadInput)
     EXPECT_EQ(box.Get("t.txt"), "a");
 }
 
+// UTF-8 in and out with literal pairs: the pairs run on the file's bytes.
+// Each row also runs as a regular expression (the finds hold no special
+// character), which always goes through wide text: both must give the
+// expected bytes.
+TEST(Utf8Files, LiteralPairsOnBytesMatchTheWideText)
+{
+    std::string longText, longAfter;
+    for (int k = 0; k < 200; ++k) {
+        longText += "fox caf\xC3\xA9 \xE4\xBD\xA0\xE5\xA5\xBD fox\n";
+        longAfter += "cat caf\xC3\xA9 \xF0\x9F\x98\x80\xE5\xA5\xBD cat\n";
+    }
+    struct Row {
+        const char* why;
+        std::string before, pairs, after;
+        Args extra = {};
+        std::string out = "";
+    } rows[] = {
+        {"characters of every length in finds and replaces", "caf\xC3\xA9 na\xC3\xAFve",
+         "caf\xC3\xA9->tea\nna\xC3\xAFve->\xE6\x97\xA5\xF0\x9F\x98\x80", "tea \xE6\x97\xA5\xF0\x9F\x98\x80"},
+        {"a later pair sees what an earlier one wrote", "aXbXc", "X->YY\nYY->Z", "aZbZc"},
+        {"replacements that shrink the text", "abcabcab", "abc->Z", "ZZab"},
+        {"signature dropped", "\xEF\xBB\xBF" "fox", "fox->cat", "cat"},
+        {"signature restored", "\xEF\xBB\xBF" "fox", "fox->cat", "\xEF\xBB\xBF" "cat", {"-unisign"}},
+        {"nothing replaced: the file stays, signature and all", "\xEF\xBB\xBF" "dog", "fox->cat",
+         "\xEF\xBB\xBF" "dog"},
+        {"NUL is a character like any other", "a\0fox"s, "fox->cat", "a\0cat"s},
+        {"standard output, the file left alone", "\xEF\xBB\xBF" "fox", "fox->cat", "\xEF\xBB\xBF" "fox",
+         {"-stdout"}, "cat"},
+        {"a text of many blocks", longText, "fox->cat\n\xE4\xBD\xA0->\xF0\x9F\x98\x80", longAfter},
+        {"an ill-formed file goes through wide text", "fox\xC3(fox", "fox->cat", "cat(cat"},
+    };
+    for (const Row& row : rows)
+        for (const char* method : {"-f", "-r"}) {
+            Sandbox box;
+            box.Put("p.txt", row.pairs + "\n");
+            box.Put("t.txt", row.before);
+            Args args = {"t.txt", method, "-argfile:p.txt", "-encin:UTF-8", "-encarg:UTF-8"};
+            args.insert(args.end(), row.extra.begin(), row.extra.end());
+            RunOptions options;
+            options.locale = "C.UTF-8";
+            const RunResult run = box.Run(args, options);
+            EXPECT_EQ(run.status, 0) << row.why << " " << method << run.err;
+            EXPECT_EQ(Visible(box.Get("t.txt")), Visible(row.after)) << row.why << " " << method;
+            EXPECT_EQ(Visible(run.out), Visible(row.out)) << row.why << " " << method;
+        }
+}
+
 TEST(Listings, ColumnsOfEncodingsAndGroups)
 {
     Sandbox box;

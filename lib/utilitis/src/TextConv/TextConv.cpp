@@ -188,6 +188,11 @@ stringEx TTextConv::Encoding() const
     return stringEx();
 }
 
+bool TTextConv::IsPlainUtf8() const
+{
+    return false;
+}
+
 namespace IMPL {
 namespace {
 

@@ -426,6 +426,13 @@ bool CTextLibIConv::ConvertsByLines() const
     return true;
 }
 
+bool CTextLibIConv::IsPlainUtf8() const
+{
+    // The shortcut was checked against the library when it was made, and it
+    // takes every well-formed text and every scalar value itself.
+    return _fast && _fast->IsPlainUtf8();
+}
+
 stringEx CTextLibIConv::Shortcut() const
 {
     return _fast ? stringEx(_fast->Kind()) : stringEx();

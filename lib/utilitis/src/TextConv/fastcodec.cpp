@@ -15,15 +15,21 @@
 // simply gets no shortcut.
 #include "fastcodec.h"
 
+#include <karu/TextConv/TextConv.h>
+
 #include <sys/mman.h>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) || defined(__i386__)
+#include <tmmintrin.h>
+#endif
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -161,6 +167,155 @@ inline bool PackAscii(const wchar_t* in, unsigned char* out) noexcept
 #endif
 }
 
+// Walks well-formed UTF-8 (shortest forms, no surrogates, nothing above
+// U+10FFFF), storing the code points when `out` is given; the count of
+// characters, or SIZE_MAX at the first flaw.
+template <bool Store>
+size_t WalkUtf8(const unsigned char* in, size_t n, wchar_t* out) noexcept
+{
+    size_t i = 0, o = 0;
+    while (i < n) {
+        // ASCII in blocks; a block is written whole and only its ASCII
+        // prefix counted, the rest being overwritten afterwards.
+        if (i + 16 <= n) {
+            const unsigned ascii = AsciiPrefix(in + i);
+            if (ascii > 0) {
+                if constexpr (Store)
+                    WidenBlock(in + i, out + o);
+                i += ascii;
+                o += ascii;
+                continue;
+            }
+        }
+        const uint32_t c = in[i];
+        uint32_t cp;
+        if (c < 0x80) {
+            cp = c;
+            ++i;
+        } else if (c >= 0xC2 && c <= 0xDF) {
+            if (i + 2 > n || (in[i + 1] & 0xC0) != 0x80)
+                return SIZE_MAX;
+            cp = ((c & 0x1F) << 6) | (in[i + 1] & 0x3F);
+            i += 2;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            if (i + 3 > n || ((in[i + 1] & 0xC0) ^ 0x80) | ((in[i + 2] & 0xC0) ^ 0x80))
+                return SIZE_MAX;
+            cp = ((c & 0x0F) << 12) | ((in[i + 1] & 0x3Fu) << 6) | (in[i + 2] & 0x3F);
+            // Overlong forms and surrogates.
+            if (cp < 0x800 || IsSurrogate(cp))
+                return SIZE_MAX;
+            i += 3;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            if (i + 4 > n ||
+                ((in[i + 1] & 0xC0) ^ 0x80) | ((in[i + 2] & 0xC0) ^ 0x80) | ((in[i + 3] & 0xC0) ^ 0x80))
+                return SIZE_MAX;
+            cp = ((c & 0x07) << 18) | ((in[i + 1] & 0x3Fu) << 12) | ((in[i + 2] & 0x3Fu) << 6) |
+                 (in[i + 3] & 0x3F);
+            // Overlong forms and values past the last plane.
+            if (cp < 0x10000 || cp > kMaxScalar)
+                return SIZE_MAX;
+            i += 4;
+        } else {
+            return SIZE_MAX;
+        }
+        if constexpr (Store)
+            out[o] = static_cast<wchar_t>(cp);
+        ++o;
+    }
+    return o;
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+#define KARU_BLOCK_VALIDATION 1
+
+// Validation sixteen bytes at a time, by table look-ups instead of walking:
+// each byte is classified by the high nibble of the byte before it, the low
+// nibble of that byte, and its own high nibble; three small tables give the
+// ways the pair can be wrong as bits, and a flaw is a bit that survives all
+// three. What a single pair cannot tell (a third or fourth byte that must be
+// a continuation) comes from the bytes two and three back. The tables need
+// byte shuffles, so this is compiled for processors that have them and
+// chosen when the program runs.
+namespace flaw {
+constexpr uint8_t kTooShort = 1 << 0;     // a lead not followed by a continuation
+constexpr uint8_t kTooLong = 1 << 1;      // a continuation after ASCII
+constexpr uint8_t kOverlong3 = 1 << 2;    // E0 80..9F
+constexpr uint8_t kTooLarge = 1 << 3;     // F4 90..BF, F5..FF
+constexpr uint8_t kSurrogate = 1 << 4;    // ED A0..BF
+constexpr uint8_t kOverlong2 = 1 << 5;    // C0, C1
+constexpr uint8_t kTooLarge1000 = 1 << 6; // F5..FF 80..8F
+constexpr uint8_t kOverlong4 = 1 << 6;    // F0 80..8F
+constexpr uint8_t kTwoConts = 1 << 7;     // a continuation after a continuation
+constexpr uint8_t kCarry = kTooShort | kTooLong | kTwoConts;
+}  // namespace flaw
+
+struct BlockState {
+    __m128i previous = _mm_setzero_si128();
+    __m128i error = _mm_setzero_si128();
+    __m128i unfinished = _mm_setzero_si128();
+};
+
+__attribute__((target("ssse3"))) inline void CheckBlock(BlockState& state, __m128i block) noexcept
+{
+    using namespace flaw;
+    if (_mm_movemask_epi8(block) == 0) {
+        state.error = _mm_or_si128(state.error, state.unfinished);
+        state.previous = block;
+        return;
+    }
+    const __m128i byte1High = _mm_setr_epi8(
+        kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTwoConts, kTwoConts,
+        kTwoConts, kTwoConts, kTooShort | kOverlong2, kTooShort, kTooShort | kOverlong3 | kSurrogate,
+        static_cast<char>(kTooShort | kTooLarge | kTooLarge1000 | kOverlong4));
+    const char high = static_cast<char>(kCarry | kTooLarge | kTooLarge1000);
+    const __m128i byte1Low =
+        _mm_setr_epi8(static_cast<char>(kCarry | kOverlong3 | kOverlong2 | kOverlong4), kCarry | kOverlong2, kCarry,
+                      kCarry, kCarry | kTooLarge, high, high, high, high, high, high, high, high,
+                      static_cast<char>(kCarry | kTooLarge | kTooLarge1000 | kSurrogate), high, high);
+    const char cont8 = static_cast<char>(kTooLong | kOverlong2 | kTwoConts | kOverlong3 | kTooLarge1000 | kOverlong4);
+    const char cont9 = static_cast<char>(kTooLong | kOverlong2 | kTwoConts | kOverlong3 | kTooLarge);
+    const char contAB = static_cast<char>(kTooLong | kOverlong2 | kTwoConts | kSurrogate | kTooLarge);
+    const __m128i byte2High = _mm_setr_epi8(kTooShort, kTooShort, kTooShort, kTooShort, kTooShort, kTooShort,
+                                            kTooShort, kTooShort, cont8, cont9, contAB, contAB, kTooShort,
+                                            kTooShort, kTooShort, kTooShort);
+    const __m128i nibble = _mm_set1_epi8(0x0F);
+    // A block ending in a lead byte whose sequence is not finished in it.
+    const __m128i lastLeads = _mm_setr_epi8(-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1,
+                                            static_cast<char>(0xF0 - 1), static_cast<char>(0xE0 - 1),
+                                            static_cast<char>(0xC0 - 1));
+    const __m128i prev1 = _mm_alignr_epi8(block, state.previous, 15);
+    const __m128i special =
+        _mm_and_si128(_mm_and_si128(_mm_shuffle_epi8(byte1High, _mm_and_si128(_mm_srli_epi16(prev1, 4), nibble)),
+                                    _mm_shuffle_epi8(byte1Low, _mm_and_si128(prev1, nibble))),
+                      _mm_shuffle_epi8(byte2High, _mm_and_si128(_mm_srli_epi16(block, 4), nibble)));
+    const __m128i prev2 = _mm_alignr_epi8(block, state.previous, 14);
+    const __m128i prev3 = _mm_alignr_epi8(block, state.previous, 13);
+    const __m128i third = _mm_subs_epu8(prev2, _mm_set1_epi8(static_cast<char>(0xE0 - 0x80)));
+    const __m128i fourth = _mm_subs_epu8(prev3, _mm_set1_epi8(static_cast<char>(0xF0 - 0x80)));
+    const __m128i must = _mm_and_si128(_mm_or_si128(third, fourth), _mm_set1_epi8(static_cast<char>(0x80)));
+    state.error = _mm_or_si128(state.error, _mm_xor_si128(must, special));
+    state.unfinished = _mm_subs_epu8(block, lastLeads);
+    state.previous = block;
+}
+
+__attribute__((target("ssse3"))) bool BlocksWellFormed(const unsigned char* in, size_t n) noexcept
+{
+    BlockState state;
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16)
+        CheckBlock(state, _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i)));
+    if (i < n) {
+        // The rest padded with NUL, which is ASCII: a sequence cut by the
+        // end shows as a lead followed by ASCII.
+        alignas(16) unsigned char last[16] = {};
+        std::memcpy(last, in + i, n - i);
+        CheckBlock(state, _mm_load_si128(reinterpret_cast<const __m128i*>(last)));
+    }
+    const __m128i error = _mm_or_si128(state.error, state.unfinished);
+    return _mm_movemask_epi8(_mm_cmpeq_epi8(error, _mm_setzero_si128())) == 0xFFFF;
+}
+#endif
+
 class CUtf8Codec : public CFastCodec {
 public:
     bool Decode(wstringEx& dst, const stringEx& src) const override
@@ -172,57 +327,14 @@ public:
         // and fresh memory is what a large text costs most.
         const size_t starts = n - Continuations(in, n);
         wchar_t* out = FreshBuffer(dst, starts + kBlockSlack);
-        size_t i = 0, o = 0;
-        while (i < n) {
-            // ASCII in blocks; a block is written whole and only its ASCII
-            // prefix counted, the rest being overwritten afterwards.
-            if (i + 16 <= n) {
-                const unsigned ascii = AsciiPrefix(in + i);
-                if (ascii > 0) {
-                    WidenBlock(in + i, out + o);
-                    i += ascii;
-                    o += ascii;
-                    continue;
-                }
-            }
-            const uint32_t c = in[i];
-            if (c < 0x80) {
-                out[o++] = static_cast<wchar_t>(c);
-                ++i;
-                continue;
-            }
-            uint32_t cp;
-            if (c >= 0xC2 && c <= 0xDF) {
-                if (i + 2 > n || (in[i + 1] & 0xC0) != 0x80)
-                    return false;
-                cp = ((c & 0x1F) << 6) | (in[i + 1] & 0x3F);
-                i += 2;
-            } else if (c >= 0xE0 && c <= 0xEF) {
-                if (i + 3 > n || ((in[i + 1] & 0xC0) ^ 0x80) | ((in[i + 2] & 0xC0) ^ 0x80))
-                    return false;
-                cp = ((c & 0x0F) << 12) | ((in[i + 1] & 0x3Fu) << 6) | (in[i + 2] & 0x3F);
-                // Overlong forms and surrogates.
-                if (cp < 0x800 || IsSurrogate(cp))
-                    return false;
-                i += 3;
-            } else if (c >= 0xF0 && c <= 0xF4) {
-                if (i + 4 > n ||
-                    ((in[i + 1] & 0xC0) ^ 0x80) | ((in[i + 2] & 0xC0) ^ 0x80) | ((in[i + 3] & 0xC0) ^ 0x80))
-                    return false;
-                cp = ((c & 0x07) << 18) | ((in[i + 1] & 0x3Fu) << 12) | ((in[i + 2] & 0x3Fu) << 6) |
-                     (in[i + 3] & 0x3F);
-                // Overlong forms and values past the last plane.
-                if (cp < 0x10000 || cp > kMaxScalar)
-                    return false;
-                i += 4;
-            } else {
-                return false;
-            }
-            out[o++] = static_cast<wchar_t>(cp);
-        }
-        dst.SetSize(o);
+        const size_t made = WalkUtf8<true>(in, n, out);
+        if (made == SIZE_MAX)
+            return false;
+        dst.SetSize(made);
         return true;
     }
+
+    bool IsPlainUtf8() const noexcept override { return true; }
 
     bool Encode(stringEx& dst, const wstringEx& src) const override
     {
@@ -911,3 +1023,18 @@ std::unique_ptr<CFastCodec> MakeFastCodec(const stringEx& encoding, const ProbeD
 }
 
 }  // namespace Karu::IMPL
+
+namespace Karu {
+
+bool IsWellFormedUtf8(const char* data, uint64_t size) noexcept
+{
+    const auto* bytes = reinterpret_cast<const unsigned char*>(data);
+#if defined(KARU_BLOCK_VALIDATION)
+    static const bool shuffles = __builtin_cpu_supports("ssse3");
+    if (shuffles)
+        return IMPL::BlocksWellFormed(bytes, size);
+#endif
+    return IMPL::WalkUtf8<false>(bytes, size, nullptr) != SIZE_MAX;
+}
+
+}  // namespace Karu

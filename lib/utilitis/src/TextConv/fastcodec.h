@@ -24,6 +24,9 @@ public:
     virtual bool Decode(wstringEx& dst, const stringEx& src) const = 0;
     virtual bool Encode(stringEx& dst, const wstringEx& src) const = 0;
     virtual const char* Kind() const noexcept = 0;
+    // Decodes well-formed UTF-8 and encodes every scalar value in the
+    // standard way, so that literal work on such text may run on its bytes.
+    virtual bool IsPlainUtf8() const noexcept { return false; }
 };
 
 // Readies a large block that is about to be written from start to end.

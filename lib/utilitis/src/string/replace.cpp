@@ -4,8 +4,10 @@
 // The copying form sizes its destination once from a guess of how many
 // matches the text holds; the guess only sets the starting capacity, and the
 // appends grow the buffer past it when the text holds more. The in-place
-// form grows its text by the growing reserve, so that a run of replacements
-// that each lengthen the text costs amortised constant reallocation.
+// form moves every unit at most once whatever the number of matches: a
+// replacement no longer than its match compacts the text forwards as the
+// search goes, a longer one has all matches found first and the text filled
+// from its end.
 //
 // Aliasing: the caller may pass the same object for several arguments (the
 // replace text being the text itself, say). Every routine first takes its
@@ -14,6 +16,7 @@
 #include <karu/string/replace.h>
 
 #include <cstring>
+#include <vector>
 
 namespace Karu {
 
@@ -82,31 +85,76 @@ uint32_t ReplaceInText(basic_string_ex<T>& text, const basic_string_ex<T>& findA
                        const basic_string_ex<T>& replaceArg, uint64_t start, bool all)
 {
     const basic_string_ex<T> find = findArg, replace = replaceArg;
-    const uint64_t f = find.size(), r = replace.size();
-    if (text.size() <= start || f == 0)
+    const uint64_t n = text.size(), f = find.size(), r = replace.size();
+    if (n <= start || f == 0)
         return 0;
+    constexpr uint64_t npos = basic_string_ex<T>::npos;
 
-    uint32_t count = 0;
-    for (uint64_t pos = start;;) {
-        const uint64_t match = Search::Next(text, find, pos);
-        if (match == basic_string_ex<T>::npos)
-            return count;
-        const uint64_t size = text.size();
-        const uint64_t m = std::min(f, size - match);
-        const uint64_t newSize = size + r - m;
-        text.MakeOwn();
-        text.ReserveGrow(newSize + 1);
-        T* units = text.GetBuffer(newSize);
-        if (m != r)
-            std::memmove(units + match + r, units + match + m, (size - match - m) * sizeof(T));
-        if (r)
-            std::memcpy(units + match, replace.data(), r * sizeof(T));
-        text.SetSize(newSize);
-        ++count;
-        if (!all || newSize <= match + r)
-            return count;
-        pos = match + r;
+    if (r <= f) {
+        // Forwards, one sweep: the writing never overtakes the reading, and
+        // the search only looks at the part not yet written.
+        T* units = nullptr;
+        uint64_t read = 0, write = 0;
+        uint32_t count = 0;
+        for (uint64_t pos = start; pos < n;) {
+            const uint64_t match = Search::Next(text, find, pos);
+            if (match == npos)
+                break;
+            if (!units) {
+                text.MakeOwn();
+                units = text.GetBuffer(n);
+                read = write = match;
+            } else if (match > read) {
+                std::memmove(units + write, units + read, (match - read) * sizeof(T));
+                write += match - read;
+            }
+            if (r)
+                std::memcpy(units + write, replace.data(), r * sizeof(T));
+            write += r;
+            read = pos = match + f;
+            ++count;
+            if (!all)
+                break;
+        }
+        if (!units)
+            return 0;
+        if (read < n && write != read)
+            std::memmove(units + write, units + read, (n - read) * sizeof(T));
+        text.SetSize(write + (n - read));
+        return count;
     }
+
+    // Growing: every match is found first, the text opened to its final
+    // size once, and filled from the end, so that each unit moves once.
+    std::vector<uint64_t> matches;
+    for (uint64_t pos = start; pos < n;) {
+        const uint64_t match = Search::Next(text, find, pos);
+        if (match == npos)
+            break;
+        matches.push_back(match);
+        pos = match + f;
+        if (!all)
+            break;
+    }
+    if (matches.empty())
+        return 0;
+    const uint64_t newSize = n + matches.size() * (r - f);
+    text.MakeOwn();
+    // Growing by the growing reserve: a caller that appends and replaces
+    // behind the append, again and again, reallocates amortised rarely.
+    text.ReserveGrow(newSize + 1);
+    T* units = text.GetBuffer(newSize);
+    uint64_t read = n, write = newSize;
+    for (size_t k = matches.size(); k-- > 0;) {
+        const uint64_t end = matches[k] + f;
+        write -= read - end;
+        std::memmove(units + write, units + end, (read - end) * sizeof(T));
+        write -= r;
+        std::memcpy(units + write, replace.data(), r * sizeof(T));
+        read = matches[k];
+    }
+    text.SetSize(newSize);
+    return static_cast<uint32_t>(matches.size());
 }
 
 }  // namespace

@@ -88,6 +88,11 @@ public:
     // encoding name it finally accepted (empty for the last two).
     virtual stringEx BackEnd() const;
     virtual stringEx Encoding() const;
+    // True for a converter of UTF-8 that decodes well-formed text (see
+    // IsWellFormedUtf8) and encodes every scalar value the standard way: its
+    // text and its bytes then correspond character by character, and a
+    // literal search may run on either.
+    virtual bool IsPlainUtf8() const;
 
     // Whether a text cut just after each line feed converts, piece by piece,
     // to exactly what the whole converts to, in both directions: the encoding
@@ -145,6 +150,10 @@ public:
 // would lose characters and is not forced, and the status it then ends with.
 stringEx IncompatibleConversionMessage(const stringEx& from, const stringEx& to);
 constexpr int kIncompatibleConversionStatus = -1;
+
+// True when the bytes are UTF-8 in its shortest forms, with no surrogate and
+// nothing above U+10FFFF.
+bool IsWellFormedUtf8(const char* data, uint64_t size) noexcept;
 
 // ---- shortcuts through the calling thread's converters ---------------------------
 // None of these fails: a converter that raises is replaced, for that string,

@@ -39,6 +39,7 @@ public:
     stringEx BackEnd() const override;
     stringEx Encoding() const override;
     bool ConvertsByLines() const override;
+    bool IsPlainUtf8() const override;
 
     // The conversions exactly as the library gives them, bypassing the
     // shortcuts for common encodings (which must agree with these).

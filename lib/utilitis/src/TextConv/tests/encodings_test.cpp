@@ -285,3 +285,87 @@ TEST(EncodingShortcuts, AgreeWithTheLibraryOnRandomInput)
         }
     }
 }
+
+// Well-formedness by the definition, one character at a time: the yardstick
+// for the block-wise check.
+bool WellFormedByDefinition(const std::string& bytes)
+{
+    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+    const size_t n = bytes.size();
+    for (size_t i = 0; i < n;) {
+        const unsigned c = p[i];
+        size_t length;
+        unsigned low = 0x80, high = 0xBF;  // the allowed range of the second byte
+        if (c < 0x80)
+            length = 1;
+        else if (c >= 0xC2 && c <= 0xDF)
+            length = 2;
+        else if (c >= 0xE0 && c <= 0xEF) {
+            length = 3;
+            low = c == 0xE0 ? 0xA0 : 0x80;
+            high = c == 0xED ? 0x9F : 0xBF;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            length = 4;
+            low = c == 0xF0 ? 0x90 : 0x80;
+            high = c == 0xF4 ? 0x8F : 0xBF;
+        } else
+            return false;
+        if (i + length > n)
+            return false;
+        for (size_t k = 1; k < length; ++k) {
+            const unsigned b = p[i + k];
+            if (k == 1 ? (b < low || b > high) : (b & 0xC0) != 0x80)
+                return false;
+        }
+        i += length;
+    }
+    return true;
+}
+
+TEST(Utf8WellFormed, AgreesWithTheDefinition)
+{
+    struct Row {
+        const char* why;
+        std::string bytes;
+        bool expected;
+    } rows[] = {
+        {"empty", "", true},
+        {"ASCII across blocks", std::string(40, 'a'), true},
+        {"every length", "a\xC3\xA9\xE4\xBD\xA0\xF0\x9F\x98\x80", true},
+        {"last of each length", "\x7F\xDF\xBF\xEF\xBF\xBF\xF4\x8F\xBF\xBF", true},
+        {"overlong two bytes", "\xC1\xBF", false},
+        {"overlong three bytes", "\xE0\x9F\xBF", false},
+        {"overlong four bytes", "\xF0\x8F\xBF\xBF", false},
+        {"surrogate", "\xED\xA0\x80", false},
+        {"above the last plane", "\xF4\x90\x80\x80", false},
+        {"no such lead", "\xF5\x80\x80\x80", false},
+        {"lone continuation", "a\x80", false},
+        {"lead cut by the end", "abc\xE4\xBD", false},
+        {"lead cut by the end of a whole block", std::string(15, 'a') + "\xC3", false},
+        {"sequence across a block edge", std::string(15, 'a') + "\xE4\xBD\xA0", true},
+        {"lead then ASCII", "\xC3" "a", false},
+        {"NUL is a character", std::string("a\0b", 3), true},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(WellFormedByDefinition(row.bytes), row.expected) << row.why << " (the yardstick)";
+        EXPECT_EQ(IsWellFormedUtf8(row.bytes.data(), row.bytes.size()), row.expected) << row.why;
+    }
+
+    // Random texts of well-formed pieces with a share of damage, at every
+    // offset from the block edges.
+    const std::string pieces[] = {"a", "\x7F", "\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80",
+                                  "\xEF\xBF\xBF", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF", "\xE4\xBD\xA0"};
+    std::mt19937 random(1123);
+    for (int round = 0; round < 200000; ++round) {
+        std::string bytes;
+        const size_t count = random() % 24;
+        for (size_t k = 0; k < count; ++k)
+            bytes += pieces[random() % std::size(pieces)];
+        if (!bytes.empty() && random() % 2) {
+            const size_t at = random() % bytes.size();
+            bytes[at] = static_cast<char>(random() % 4 == 0 ? random() % 256 : bytes[at] ^ (1u << (random() % 8)));
+        }
+        ASSERT_EQ(IsWellFormedUtf8(bytes.data(), bytes.size()), WellFormedByDefinition(bytes))
+            << "round " << round;
+    }
+}
