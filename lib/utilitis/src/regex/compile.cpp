@@ -7,6 +7,7 @@
 // per-node copies must be taken before the main graph is optimised, since
 // optimising rewrites the states the tree points at.
 #include "compiler.h"
+#include "prefix.h"
 
 #include <new>
 
@@ -267,6 +268,7 @@ int Compiler<Ch>::finish()
         if (!n->automaton.empty()) n->automaton.cacheSlot = slots++;
     for (size_t i = 1; i < in.lookaheads.size(); ++i) in.lookaheads[i].automaton.cacheSlot = slots++;
     in.automatonCount = slots;
+    analysePrefix(in);
     in.magic = kInternalsMagic;
     _object->groupCount = in.groupCount;
     _object->info = _info;

@@ -14,6 +14,9 @@ namespace {
 // thousands of states and colours would otherwise ask for gigabytes.
 constexpr size_t kCacheBudget = size_t{32} << 20;
 constexpr int kSmallCacheSets = 7;
+// Short runs in one set (letters inside a word) are cheaper stepped than
+// skipped; a run this long is likely to go on.
+constexpr int kLoopsBeforeSkip = 4;
 }  // namespace
 
 bool DfaCache::init(const CompactNfa& nfa, bool small)
@@ -78,6 +81,7 @@ StateSet* Dfa<Ch>::pick(const Ch* cp, const Ch* start)
         s->flags = 0;
         s->in = {nullptr, kWhite};
         s->seenAt = nullptr;
+        s->stay = nullptr;
         for (int i = 0; i < _c->colours; ++i) {
             s->outs[i] = nullptr;
             s->nextIn[i] = {nullptr, kWhite};
@@ -135,6 +139,7 @@ StateSet* Dfa<Ch>::vacant(const Ch* cp, const Ch* start)
     if ((s->flags & kSetCold) && s->seenAt && (_latestCold == nullptr || _latestCold < seen(s))) _latestCold = seen(s);
     s->flags = 0;
     s->seenAt = nullptr;
+    s->stay = nullptr;  // the row was for the set it held
     return s;
 }
 
@@ -153,6 +158,7 @@ StateSet* Dfa<Ch>::initialize(const Ch* start)
         for (int i = 0; i < _c->words; ++i) h ^= ss->bits[i];
         ss->hash = h;
         ss->flags = kSetStart | kSetPinned | kSetCold;
+        ss->stay = nullptr;
     }
     for (int i = 0; i < _c->used; ++i) _c->sets[i].seenAt = nullptr;
     ss->seenAt = start;
@@ -232,6 +238,7 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
         std::copy(_c->work, _c->work + _c->words, p->bits);
         p->hash = h;
         p->flags = (isPost ? kSetAccept : 0) | (noProgress ? kSetCold : 0);
+        p->stay = nullptr;
     }
     if (!sawLookahead) {
         css->outs[co] = p;
@@ -241,11 +248,56 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
     return p;
 }
 
+// Called after css has led to itself on colour co. A step that stays in css
+// changes nothing but css's seenAt, so the characters whose transition is
+// known to loop are passed over and seenAt is set once, after the run. The
+// row lists the looping transitions known when it was last drawn up; a loop
+// found since (colour co missing) draws it up again. Only a set's eviction
+// removes its loops, and eviction drops the row.
+template <class Ch>
+const Ch* Dfa<Ch>::skip(StateSet* css, colour co, const Ch* cp, const Ch* stop)
+{
+    constexpr bool narrow = sizeof(Ch) == 1;
+    if (css->flags & kSetAccept) return cp;  // shortest() stops on it; leave both walks alike
+    if (css->stay == nullptr || !css->stay[narrow ? static_cast<unsigned char>(cp[-1]) : co]) {
+        const size_t width = narrow ? 256 : static_cast<size_t>(_c->colours);
+        if (!_c->stayArea) _c->stayArea = std::make_unique_for_overwrite<uint8_t[]>(width * static_cast<size_t>(_c->capacity));
+        uint8_t* row = _c->stayArea.get() + width * static_cast<size_t>(css - _c->sets);
+        int leaving = 0;
+        int single = -1;
+        for (size_t i = 0; i < width; ++i) {
+            const colour c = narrow ? colourOf(static_cast<Ch>(i)) : static_cast<colour>(i);
+            row[i] = css->outs[c] == css;
+            if (!row[i]) {
+                ++leaving;
+                single = static_cast<int>(i);
+            }
+        }
+        css->stay = row;
+        css->single = narrow && leaving == 1 ? single : -1;
+    }
+    const uint8_t* stay = css->stay;
+    if constexpr (narrow) {
+        if (css->single >= 0) {
+            const void* hit = std::memchr(cp, css->single, static_cast<size_t>(stop - cp));
+            return hit ? static_cast<const Ch*>(hit) : stop;
+        }
+        while (stop - cp >= 4 && stay[static_cast<unsigned char>(cp[0])] && stay[static_cast<unsigned char>(cp[1])] &&
+               stay[static_cast<unsigned char>(cp[2])] && stay[static_cast<unsigned char>(cp[3])])
+            cp += 4;
+        while (cp < stop && stay[static_cast<unsigned char>(*cp)]) ++cp;
+    } else {
+        while (cp < stop && stay[colourOf(*cp)]) ++cp;
+    }
+    return cp;
+}
+
 template <class Ch>
 const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop)
 {
     const Ch* cp = start;
     const Ch* realStop = (stop == _ex.stop) ? stop : stop + 1;
+    int loops = 0;
     if (hitStop) *hitStop = false;
     StateSet* css = initialize(start);
     if (!css) return nullptr;
@@ -260,6 +312,12 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop)
             if (!ss) break;
         }
         ++cp;
+        if (ss != css) {
+            loops = 0;
+        } else if (++loops >= kLoopsBeforeSkip) {
+            cp = skip(css, co, cp, realStop);
+            loops = 0;
+        }
         ss->seenAt = cp;
         css = ss;
     }
@@ -295,6 +353,7 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     const Ch* cp = start;
     const Ch* realMin = (min == _ex.stop) ? min : min + 1;
     const Ch* realMax = (max == _ex.stop) ? max : max + 1;
+    int loops = 0;
     if (hitStop) *hitStop = false;
     StateSet* css = initialize(start);
     if (!css) return nullptr;
@@ -310,6 +369,12 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
             if (!ss) break;
         }
         ++cp;
+        if (ss != css) {
+            loops = 0;
+        } else if (++loops >= kLoopsBeforeSkip) {
+            cp = skip(css, co, cp, realMax);
+            loops = 0;
+        }
         ss->seenAt = cp;
         css = ss;
         if ((ss->flags & kSetAccept) && cp >= realMin) break;

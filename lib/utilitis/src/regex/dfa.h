@@ -13,6 +13,11 @@
 // and are never cached. The sets and transitions depend on nothing but the
 // automaton, so they are kept from call to call (DfaCache); only positions are
 // forgotten when a walk begins.
+//
+// Most of a search is spent in a set that leads back to itself on most
+// characters (the implicit leading ".*" with nothing under way). Once a walk
+// has looped on a set, skip() runs over the characters that would keep it
+// there without stepping: a table scan, or memchr when a single byte leaves.
 #pragma once
 
 #include "internals.h"
@@ -37,6 +42,8 @@ struct StateSet {
     const void* seenAt;   // position where last current in this walk, or null
     StateSet** outs;      // per colour
     InLink* nextIn;       // per colour: next link of the target's chain
+    uint8_t* stay;        // see Dfa::skip; null until the set loops on itself
+    int single;           // the one byte that leaves the set, or -1
 };
 
 constexpr uint32_t kSetStart = 1;
@@ -63,6 +70,7 @@ struct DfaCache {
     uint32_t* bitsArea = nullptr;
     StateSet** outArea = nullptr;
     InLink* inArea = nullptr;
+    std::unique_ptr<uint8_t[]> stayArea;  // one row per set, made on the first skip
     std::unique_ptr<StateSet[]> ownSets;
     std::unique_ptr<uint32_t[]> ownBits;
     std::unique_ptr<StateSet*[]> ownOuts;
@@ -123,6 +131,7 @@ private:
     StateSet* miss(StateSet* css, colour co, const Ch* cp, const Ch* start);
     StateSet* vacant(const Ch* cp, const Ch* start);
     StateSet* pick(const Ch* cp, const Ch* start);
+    const Ch* skip(StateSet* css, colour co, const Ch* cp, const Ch* stop);
     bool lookahead(int index, const Ch* cp);
     const Ch* lastCold() const;
     static const Ch* seen(const StateSet* s) { return static_cast<const Ch*>(s->seenAt); }

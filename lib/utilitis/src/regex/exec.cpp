@@ -9,6 +9,7 @@
 // back-references take the backtracking route of findWithBackrefs instead.
 #include "classes.h"
 #include "dissect.h"
+#include "prefix.h"
 
 #include <algorithm>
 #include <new>
@@ -34,16 +35,39 @@ void fillDetails(ExecState<Ch>& ex, const Ch* cold)
     ex.details->end = ex.stop - ex.start;
 }
 
+// Where the search may start: no match begins before the first occurrence of
+// the pattern's literal prefix. Null when there is none, and then `whole`
+// tells whether that occurrence is the match. With details wanted the search
+// runs from the start, since the cold start it reports depends on the walk.
+template <class Ch>
+const Ch* searchFrom(ExecState<Ch>& ex, bool& none, bool& whole)
+{
+    const Internals& in = *ex.in;
+    none = whole = false;
+    if (in.prefix.empty() || ex.details) return ex.start;
+    const Ch* at = findPrefix(in, ex.start, ex.stop);
+    none = at == nullptr;
+    whole = in.prefixIsWhole;
+    return at;
+}
+
 template <class Ch>
 int find(ExecState<Ch>& ex)
 {
     const Internals& in = *ex.in;
+    bool none, whole;
+    const Ch* from = searchFrom(ex, none, whole);
+    if (none) return RX_NOMATCH;
+    if (whole && ex.groupsWanted <= 1) {
+        if (ex.groupsWanted) ex.matches[0] = {from - ex.start, from - ex.start + static_cast<int64_t>(in.prefix.size())};
+        return RX_OK;
+    }
     const Ch* cold = nullptr;
     const Ch* close;
     {
         Dfa<Ch> s(ex, in.search);
         if (!s.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
-        close = s.shortest(ex.start, ex.start, ex.stop, &cold, nullptr);
+        close = s.shortest(from, from, ex.stop, &cold, nullptr);
     }
     if (ex.err) return ex.err;
     fillDetails(ex, cold);
@@ -81,8 +105,10 @@ int findWithBackrefs(ExecState<Ch>& ex)
     Dfa<Ch> s(ex, in.search);
     Dfa<Ch> d(ex, in.tree->automaton);
     if (!s.ok() || !d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+    bool none, whole;
     const Ch* cold = nullptr;
-    const Ch* close = ex.start;
+    const Ch* close = searchFrom(ex, none, whole);
+    if (none) return RX_NOMATCH;
     const Ch* previousClose = nullptr;
     auto done = [&](int r) {
         fillDetails(ex, cold);

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace Karu::IMPL::rx {
@@ -83,6 +84,9 @@ struct Internals {
     std::vector<Subexpr> lookaheads;              // entry 0 unused
     int unitSize = 1;
     int automatonCount = 0;  // automata with a cacheSlot
+    std::vector<uint32_t> prefix;  // what every match begins with (see prefix.h)
+    std::string prefixBytes;       // the same, as narrow units
+    bool prefixIsWhole = false;    // the pattern is that literal and nothing more
     mutable CachePool caches;
 };
 

@@ -1,0 +1,104 @@
+// See prefix.h.
+#include "prefix.h"
+
+#include <cstring>
+
+namespace Karu::IMPL::rx {
+
+namespace {
+
+// Real colours the text can show: live and not standing for a string end.
+bool realColour(const ColourMap& map, colour c)
+{
+    return c <= map.max() && map.live(c) && !map.pseudo(c);
+}
+
+// Whether a state's arcs all lead to `to` and cover every real colour and
+// both given pseudo colours: a step that accepts any context.
+bool acceptsAny(const CompactNfa& a, const ColourMap& map, int state, int to, const colour (&pseudo)[2])
+{
+    int real = 0;
+    bool ends[2] = {false, false};
+    for (const CompactArc* arc = &a.arcs[a.rows[static_cast<size_t>(state)] + 1]; arc->co != kNoColour; ++arc) {
+        if (arc->to != to || arc->co >= a.colourCount) return false;
+        if (realColour(map, arc->co)) ++real;
+        for (int i = 0; i < 2; ++i)
+            if (arc->co == pseudo[i]) ends[i] = true;
+    }
+    int live = 0;
+    for (colour c = 0; c <= map.max(); ++c)
+        if (realColour(map, c)) ++live;
+    return real == live && ends[0] && ends[1];
+}
+
+}  // namespace
+
+void analysePrefix(Internals& in)
+{
+    in.prefix.clear();
+    in.prefixBytes.clear();
+    in.prefixIsWhole = false;
+    const CompactNfa& a = in.tree->automaton;
+    const ColourMap& map = in.colourMap;
+    if (a.empty()) return;
+    auto row = [&](int state) { return &a.arcs[a.rows[static_cast<size_t>(state)] + 1]; };
+
+    // The context step must lead to one state.
+    int state = -1;
+    for (const CompactArc* arc = row(a.entry); arc->co != kNoColour; ++arc) {
+        if (state != -1 && arc->to != state) return;
+        state = arc->to;
+    }
+    if (state == -1 || state == a.exit) return;
+    const int first = state;
+
+    // One character per colour of the chain; the alphabet is read once.
+    std::vector<uint32_t> only(static_cast<size_t>(a.colourCount), 0);
+    std::vector<uint32_t> count(static_cast<size_t>(a.colourCount), 0);
+    for (uint32_t idx = 0; idx < map.alphabet(); ++idx) {
+        const colour c = map.colourOf(idx);
+        if (c < 0 || c >= a.colourCount) continue;
+        ++count[static_cast<size_t>(c)];
+        only[static_cast<size_t>(c)] = idx;
+    }
+    for (;;) {
+        const CompactArc* arc = row(state);
+        if (arc->co == kNoColour || arc[1].co != kNoColour) break;  // not exactly one arc
+        if (arc->to == a.exit || arc->co >= a.colourCount || !realColour(map, arc->co)) break;
+        if (count[static_cast<size_t>(arc->co)] != 1) break;
+        in.prefix.push_back(only[static_cast<size_t>(arc->co)]);
+        state = arc->to;
+        if (in.prefix.size() > 4096) break;  // plenty to search for
+    }
+    if (in.prefix.empty()) return;
+    for (uint32_t c : in.prefix) in.prefixBytes.push_back(static_cast<char>(c));
+    in.prefixIsWhole = acceptsAny(a, map, a.entry, first, a.startColours) &&
+                       acceptsAny(a, map, state, a.exit, a.endColours);
+}
+
+template <class Ch>
+const Ch* findPrefix(const Internals& in, const Ch* from, const Ch* stop) noexcept
+{
+    const size_t n = in.prefix.size();
+    if (static_cast<size_t>(stop - from) < n) return nullptr;
+    if constexpr (sizeof(Ch) == 1) {
+        // Kept as bytes beside the wide form so the search needs no copy.
+        const void* hit = memmem(from, static_cast<size_t>(stop - from), in.prefixBytes.data(), n);
+        return static_cast<const Ch*>(hit);
+    } else {
+        const uint32_t* p = in.prefix.data();
+        const Ch* last = stop - n;
+        for (const Ch* cp = from; cp <= last; ++cp) {
+            if ((static_cast<uint32_t>(*cp) & 0xFFFF) != p[0]) continue;
+            size_t i = 1;
+            while (i < n && (static_cast<uint32_t>(cp[i]) & 0xFFFF) == p[i]) ++i;
+            if (i == n) return cp;
+        }
+        return nullptr;
+    }
+}
+
+template const char* findPrefix<char>(const Internals&, const char*, const char*) noexcept;
+template const wchar_t* findPrefix<wchar_t>(const Internals&, const wchar_t*, const wchar_t*) noexcept;
+
+}  // namespace Karu::IMPL::rx
