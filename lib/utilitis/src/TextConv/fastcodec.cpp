@@ -225,8 +225,27 @@ size_t WalkUtf8(const unsigned char* in, size_t n, wchar_t* out) noexcept
     return o;
 }
 
+// A character written as four bytes of which the first `length` count;
+// the length. No branch depends on the character.
+inline size_t PutChar(uint32_t c, unsigned char* out) noexcept
+{
+    const size_t length = 1 + (c >= 0x80) + (c >= 0x800) + (c >= 0x10000);
+    // The four-byte form shifted down to the length: the leading bytes
+    // it drops carry no payload in a shorter form. A single byte keeps
+    // seven bits, not six, and the marks set the rest.
+    uint32_t form = (c >> 18) | ((c >> 12) & 0x3F) << 8 | ((c >> 6) & 0x3F) << 16 | (c & 0x3F) << 24;
+    form >>= 8 * (4 - length);
+    static constexpr uint32_t kWholeLow[5] = {0, 0x40, 0, 0, 0};
+    static constexpr uint32_t kMarks[5] = {0, 0, 0x80C0, 0x8080E0, 0x808080F0};
+    form |= (c & kWholeLow[length]) | kMarks[length];
+    const unsigned char bytes[4] = {static_cast<unsigned char>(form), static_cast<unsigned char>(form >> 8),
+                                    static_cast<unsigned char>(form >> 16), static_cast<unsigned char>(form >> 24)};
+    std::memcpy(out, bytes, 4);
+    return length;
+}
+
 #if defined(__x86_64__) || defined(__i386__)
-#define KARU_BLOCK_VALIDATION 1
+#define KARU_SHUFFLES 1
 
 // Validation sixteen bytes at a time, by table look-ups instead of walking:
 // each byte is classified by the high nibble of the byte before it, the low
@@ -314,6 +333,88 @@ __attribute__((target("ssse3"))) bool BlocksWellFormed(const unsigned char* in, 
     const __m128i error = _mm_or_si128(state.error, state.unfinished);
     return _mm_movemask_epi8(_mm_cmpeq_epi8(error, _mm_setzero_si128())) == 0xFFFF;
 }
+
+// Four characters of the first plane as UTF-8 at once: each lane gets its
+// one, two or three bytes at its start, and a shuffle picked by the lanes'
+// lengths closes the gaps. The shuffles are a table by the two masks "above
+// U+007F" and "above U+07FF", four bits each.
+struct PackShuffle {
+    alignas(16) uint8_t order[16];
+    uint8_t length;
+};
+
+struct PackShuffles {
+    PackShuffle entries[256];
+    constexpr PackShuffles() : entries()
+    {
+        for (int index = 0; index < 256; ++index) {
+            PackShuffle& entry = entries[index];
+            int at = 0;
+            for (int lane = 0; lane < 4; ++lane) {
+                const int length = 1 + ((index >> lane) & 1) + ((index >> (lane + 4)) & 1);
+                for (int k = 0; k < length; ++k)
+                    entry.order[at++] = static_cast<uint8_t>(4 * lane + k);
+            }
+            entry.length = static_cast<uint8_t>(at);
+            for (; at < 16; ++at)
+                entry.order[at] = 0x80;  // a shuffle writes zero there
+        }
+    }
+};
+
+constexpr PackShuffles kPackShuffles;
+
+// Writes 16 bytes, of which the returned count are the characters'.
+__attribute__((target("ssse3"))) inline size_t PackFour(__m128i c, unsigned char* out) noexcept
+{
+    const __m128i low6 = _mm_set1_epi32(0x3F);
+    const __m128i mark = _mm_set1_epi32(0x80);
+    const __m128i last = _mm_or_si128(mark, _mm_and_si128(c, low6));
+    const __m128i middle = _mm_or_si128(mark, _mm_and_si128(_mm_srli_epi32(c, 6), low6));
+    const __m128i three = _mm_or_si128(_mm_or_si128(_mm_set1_epi32(0xE0), _mm_srli_epi32(c, 12)),
+                                       _mm_or_si128(_mm_slli_epi32(middle, 8), _mm_slli_epi32(last, 16)));
+    const __m128i two =
+        _mm_or_si128(_mm_or_si128(_mm_set1_epi32(0xC0), _mm_srli_epi32(c, 6)), _mm_slli_epi32(last, 8));
+    const __m128i above7F = _mm_cmpgt_epi32(c, _mm_set1_epi32(0x7F));
+    const __m128i above7FF = _mm_cmpgt_epi32(c, _mm_set1_epi32(0x7FF));
+    const __m128i form = _mm_or_si128(
+        _mm_or_si128(_mm_and_si128(above7FF, three), _mm_andnot_si128(above7FF, _mm_and_si128(above7F, two))),
+        _mm_andnot_si128(above7F, c));
+    const int index = _mm_movemask_ps(_mm_castsi128_ps(above7F)) | _mm_movemask_ps(_mm_castsi128_ps(above7FF)) << 4;
+    const PackShuffle& shuffle = kPackShuffles.entries[index];
+    const __m128i packed =
+        _mm_shuffle_epi8(form, _mm_load_si128(reinterpret_cast<const __m128i*>(shuffle.order)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), packed);
+    return shuffle.length;
+}
+
+// Encodes blocks of eight characters from `i` on while they lie in the first
+// plane or are ASCII; returns the bytes written and leaves `i` at the first
+// character not done. Needs 16 bytes of room past the result.
+__attribute__((target("ssse3"))) size_t EncodeBlocks(const wchar_t* in, size_t n, unsigned char* out,
+                                                     size_t& i) noexcept
+{
+    size_t o = 0;
+    const __m128i zero = _mm_setzero_si128();
+    for (; i + 8 <= n; i += 8) {
+        const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+        const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i + 4));
+        const __m128i both = _mm_or_si128(a, b);
+        if (_mm_movemask_epi8(_mm_cmpeq_epi32(_mm_and_si128(both, _mm_set1_epi32(~0x7F)), zero)) == 0xFFFF) {
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(out + o), _mm_packus_epi16(_mm_packs_epi32(a, b), zero));
+            o += 8;
+            continue;
+        }
+        if (_mm_movemask_epi8(_mm_cmpeq_epi32(_mm_and_si128(both, _mm_set1_epi32(~0xFFFF)), zero)) != 0xFFFF) {
+            for (size_t k = 0; k < 8; ++k)
+                o += PutChar(static_cast<uint32_t>(in[i + k]), out + o);
+            continue;
+        }
+        o += PackFour(a, out + o);
+        o += PackFour(b, out + o);
+    }
+    return o;
+}
 #endif
 
 class CUtf8Codec : public CFastCodec {
@@ -347,6 +448,11 @@ public:
             return false;
         auto* out = reinterpret_cast<unsigned char*>(FreshBuffer(dst, bytes + kBlockSlack));
         size_t o = 0, i = 0;
+#if defined(KARU_SHUFFLES)
+        static const bool shuffles = __builtin_cpu_supports("ssse3");
+        if (shuffles)
+            o = EncodeBlocks(in, n, out, i);
+#endif
         // Eight characters at a time: narrowed at once when all are ASCII,
         // else each is encoded without a branch on its length. Stepping by
         // whole blocks keeps the loads independent of the text, and mixed
@@ -407,24 +513,6 @@ private:
         return true;
     }
 
-    // A character written as four bytes of which the first `length` count;
-    // the length. No branch depends on the character.
-    static size_t PutChar(uint32_t c, unsigned char* out) noexcept
-    {
-        const size_t length = 1 + (c >= 0x80) + (c >= 0x800) + (c >= 0x10000);
-        // The four-byte form shifted down to the length: the leading bytes
-        // it drops carry no payload in a shorter form. A single byte keeps
-        // seven bits, not six, and the marks set the rest.
-        uint32_t form = (c >> 18) | ((c >> 12) & 0x3F) << 8 | ((c >> 6) & 0x3F) << 16 | (c & 0x3F) << 24;
-        form >>= 8 * (4 - length);
-        static constexpr uint32_t kWholeLow[5] = {0, 0x40, 0, 0, 0};
-        static constexpr uint32_t kMarks[5] = {0, 0, 0x80C0, 0x8080E0, 0x808080F0};
-        form |= (c & kWholeLow[length]) | kMarks[length];
-        const unsigned char bytes[4] = {static_cast<unsigned char>(form), static_cast<unsigned char>(form >> 8),
-                                        static_cast<unsigned char>(form >> 16), static_cast<unsigned char>(form >> 24)};
-        std::memcpy(out, bytes, 4);
-        return length;
-    }
 };
 
 // ---- UTF-16, UCS-2 and UTF-32 in a fixed byte order ---------------------------------------
@@ -1029,7 +1117,7 @@ namespace Karu {
 bool IsWellFormedUtf8(const char* data, uint64_t size) noexcept
 {
     const auto* bytes = reinterpret_cast<const unsigned char*>(data);
-#if defined(KARU_BLOCK_VALIDATION)
+#if defined(KARU_SHUFFLES)
     static const bool shuffles = __builtin_cpu_supports("ssse3");
     if (shuffles)
         return IMPL::BlocksWellFormed(bytes, size);
