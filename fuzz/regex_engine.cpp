@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string>
 
 namespace {
@@ -17,6 +18,18 @@ constexpr size_t kMaxSubject = 2048;
 constexpr size_t kMaxSubjectBackref = 48;  // the back-reference walk backtracks
 
 template <class Ch>
+int run(const Karu::RxObject& object, const Ch* subject, size_t length, Karu::RxMatch (&matches)[12], int execFlags)
+{
+    Karu::RxDetails details{};
+    for (auto& m : matches) m = {-2, -2};
+    return Karu::rxexec(&object, subject, length, &details, 12, matches, execFlags);
+}
+
+// The object compiled as given is run after a call on another part of the
+// subject (its caches then hold that call's sets) and must agree with one
+// compiled to report details, which neither starts at a literal prefix nor
+// has run before.
+template <class Ch>
 void exercise(const std::basic_string<Ch>& pattern, const std::basic_string<Ch>& subject, int flags, int execFlags)
 {
     Karu::RxObject object{};
@@ -24,9 +37,22 @@ void exercise(const std::basic_string<Ch>& pattern, const std::basic_string<Ch>&
     size_t length = subject.size();
     if ((object.info & Karu::RX_USES_BACKREF) && length > kMaxSubjectBackref) length = kMaxSubjectBackref;
     Karu::RxMatch matches[12];
-    Karu::RxDetails details{};
-    Karu::rxexec(&object, subject.data(), length, &details, 12, matches, execFlags);
-    Karu::rxexec(&object, subject.data(), length, &details, 0, nullptr, execFlags | Karu::RX_SMALLCACHE);
+    Karu::RxMatch reference[12];
+    const size_t half = length / 2;
+    run(object, subject.data() + half, length - half, matches, execFlags ^ Karu::RX_NOLINESTART);
+    const int r = run(object, subject.data(), length, matches, execFlags);
+    Karu::RxObject plain{};
+    if (Karu::rxcomp(&plain, pattern.data(), pattern.size(), flags | Karu::RX_WANTDETAILS) == Karu::RX_OK) {
+        const int pr = run(plain, subject.data(), length, reference, execFlags);
+        const bool settled = (r == Karu::RX_OK || r == Karu::RX_NOMATCH) && (pr == Karu::RX_OK || pr == Karu::RX_NOMATCH);
+        if (settled && (r != pr || (r == Karu::RX_OK && !std::equal(std::begin(matches), std::end(matches),
+                                                                   std::begin(reference), [](auto& a, auto& b) {
+                                                                       return a.start == b.start && a.end == b.end;
+                                                                   }))))
+            __builtin_trap();
+        Karu::rxfree(&plain);
+    }
+    Karu::rxexec(&object, subject.data(), length, nullptr, 0, nullptr, execFlags | Karu::RX_SMALLCACHE);
     Karu::rxfree(&object);
 }
 
