@@ -110,6 +110,7 @@ template <class Ch>
 void Compiler<Ch>::markTree(Subexpr* t)
 {
     t->flags |= kInUse;
+    if (t->op == '=' && t->begin && t->begin == t->end) t->flags |= kEmptyOnly;
     if (t->left) markTree(t->left);
     if (t->right) markTree(t->right);
 }

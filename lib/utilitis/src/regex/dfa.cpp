@@ -65,7 +65,10 @@ Dfa<Ch>::Dfa(ExecState<Ch>& ex, const CompactNfa& nfa)
         }
         if (kept && !kept->busy) _c = kept.get();
     }
-    if (!_c && _private.init(nfa, ex.runFlags & RX_SMALLCACHE)) _c = &_private;
+    if (!_c) {
+        _private = std::make_unique<DfaCache>();
+        if (_private->init(nfa, ex.runFlags & RX_SMALLCACHE)) _c = _private.get();
+    }
     if (_c) _c->busy = true;
 }
 
@@ -124,6 +127,10 @@ StateSet* Dfa<Ch>::vacant(const Ch* cp, const Ch* start)
     for (int co = 0; co < _c->colours; ++co) {
         StateSet* p = s->outs[co];
         if (!p) continue;
+        if (p == &_c->dead) {
+            s->outs[co] = nullptr;
+            continue;
+        }
         if (p->in.set == s && p->in.co == co) {
             p->in = s->nextIn[co];
         } else {
@@ -135,7 +142,6 @@ StateSet* Dfa<Ch>::vacant(const Ch* cp, const Ch* start)
         s->nextIn[co] = {nullptr, kWhite};
     }
     // Keep what the victim knew about match ends.
-    if ((s->flags & kSetAccept) && s->seenAt && (_latestPost == nullptr || _latestPost < seen(s))) _latestPost = seen(s);
     if ((s->flags & kSetCold) && s->seenAt && (_latestCold == nullptr || _latestCold < seen(s))) _latestCold = seen(s);
     s->flags = 0;
     s->seenAt = nullptr;
@@ -162,7 +168,6 @@ StateSet* Dfa<Ch>::initialize(const Ch* start)
     }
     for (int i = 0; i < _c->used; ++i) _c->sets[i].seenAt = nullptr;
     ss->seenAt = start;
-    _latestPost = nullptr;
     _latestCold = nullptr;
     return ss;
 }
@@ -183,7 +188,7 @@ bool Dfa<Ch>::lookahead(int index, const Ch* cp)
 template <class Ch>
 StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
 {
-    if (css->outs[co]) return css->outs[co];
+    if (StateSet* known = css->outs[co]) return known == &_c->dead ? nullptr : known;
     if (_ex.err) return nullptr;
     const CompactArc* arcs = _nfa.arcs.data();
     const uint32_t* rows = _nfa.rows.data();
@@ -220,7 +225,12 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
         }
         if (_ex.err) return nullptr;
     }
-    if (!got) return nullptr;
+    if (!got) {
+        // No look-ahead was consulted (nothing to close over), so the
+        // dead end holds for any position.
+        css->outs[co] = &_c->dead;
+        return nullptr;
+    }
 
     uint32_t h = 0;
     for (int i = 0; i < _c->words; ++i) h ^= _c->work[i];
@@ -292,22 +302,36 @@ const Ch* Dfa<Ch>::skip(StateSet* css, colour co, const Ch* cp, const Ch* stop)
     return cp;
 }
 
+// The match ends are noted as the walk reaches accepting sets (a set's
+// seenAt is the last time it was current, so the latest of them is the
+// latest accepting step); the one before the last is what a walk stopped just
+// short of the last would return, which saves the callers that narrow a
+// candidate down a second walk.
 template <class Ch>
-const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop)
+const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const Ch** earlier)
 {
     const Ch* cp = start;
     const Ch* realStop = (stop == _ex.stop) ? stop : stop + 1;
     int loops = 0;
+    const Ch* post = nullptr;
+    const Ch* before = nullptr;
     if (hitStop) *hitStop = false;
+    if (earlier) *earlier = nullptr;
     StateSet* css = initialize(start);
     if (!css) return nullptr;
+    if (css->flags & kSetAccept) post = start;
     css = miss(css, startContext(start), cp, start);
     if (!css) return nullptr;
     css->seenAt = cp;
+    if (css->flags & kSetAccept) {
+        before = post;
+        post = cp;
+    }
     while (cp < realStop) {
         const colour co = colourOf(*cp);
         StateSet* ss = css->outs[co];
-        if (!ss) {
+        if (!ss || ss == &_c->dead) {
+            if (ss) break;
             ss = miss(css, co, cp + 1, start);
             if (!ss) break;
         }
@@ -320,19 +344,22 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop)
         }
         ss->seenAt = cp;
         css = ss;
+        if (ss->flags & kSetAccept) {
+            before = post;
+            post = cp;
+        }
     }
     if (_ex.err) return nullptr;
     if (cp == _ex.stop && stop == _ex.stop) {
         if (hitStop) *hitStop = true;
         StateSet* ss = miss(css, endContext(), cp, start);
-        if (ss && (ss->flags & kSetAccept)) return cp;
+        if (ss && (ss->flags & kSetAccept)) {
+            if (earlier) *earlier = post ? post - 1 : nullptr;
+            return cp;
+        }
         if (ss) ss->seenAt = cp;
     }
-    const Ch* post = _latestPost;
-    for (int i = 0; i < _c->used; ++i) {
-        const StateSet* s = &_c->sets[i];
-        if ((s->flags & kSetAccept) && s->seenAt && (post == nullptr || post < seen(s))) post = seen(s);
-    }
+    if (earlier) *earlier = before ? before - 1 : nullptr;
     return post ? post - 1 : nullptr;
 }
 
@@ -364,8 +391,8 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     while (cp < realMax) {
         const colour co = colourOf(*cp);
         ss = css->outs[co];
-        if (!ss) {
-            ss = miss(css, co, cp + 1, start);
+        if (!ss || ss == &_c->dead) {
+            ss = ss ? nullptr : miss(css, co, cp + 1, start);
             if (!ss) break;
         }
         ++cp;

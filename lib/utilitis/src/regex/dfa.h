@@ -5,7 +5,8 @@
 // that follows it, so in the steady state one character costs a colour lookup
 // and an array read. When the cache is full a clock hand evicts a set that
 // was not seen in the latest two thirds of the cache's size in positions; what
-// an evicted set knew about match ends survives in latestPost/latestCold.
+// an evicted set knew about cold starts survives in latestCold (match ends
+// are noted by the walk itself).
 // Every walk first consumes the colour of the context before its start (the
 // previous character or a start-of-string pseudo colour), which is what lets
 // look-behind constraints work; a post state reached at p means a match that
@@ -65,6 +66,7 @@ struct DfaCache {
     int colours = 0;
     int hand = 0;       // the clock hand of replacement
     bool busy = false;  // a walker holds it (a walk may start another, e.g. a look-ahead)
+    StateSet dead{};    // the target of a transition known to lead nowhere
     StateSet* sets = nullptr;
     uint32_t* work = nullptr;
     uint32_t* bitsArea = nullptr;
@@ -112,8 +114,9 @@ public:
     Dfa& operator=(const Dfa&) = delete;
     bool ok() const noexcept { return _c != nullptr; }
 
-    // End of the longest match from start not beyond stop, or null.
-    const Ch* longest(const Ch* start, const Ch* stop, bool* hitStop);
+    // End of the longest match from start not beyond stop, or null. If
+    // `earlier` is given it gets what longest(start, result - 1) would give.
+    const Ch* longest(const Ch* start, const Ch* stop, bool* hitStop, const Ch** earlier = nullptr);
     // End of the shortest match from start ending in [min, max], or null.
     const Ch* shortest(const Ch* start, const Ch* min, const Ch* max, const Ch** cold, bool* hitStop);
 
@@ -147,8 +150,7 @@ private:
     const colour* _leaf0;
     colour* const* _top;
     DfaCache* _c = nullptr;
-    DfaCache _private;
-    const Ch* _latestPost = nullptr;
+    std::unique_ptr<DfaCache> _private;
     const Ch* _latestCold = nullptr;
 };
 

@@ -15,6 +15,8 @@
 
 #include "classes.h"
 
+#include <optional>
+
 namespace Karu::IMPL::rx {
 
 namespace {
@@ -31,19 +33,31 @@ void record(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
 template <class Ch>
 int concatenation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
 {
+    // Every node is dissected over an interval its own automaton was found to
+    // span; next to a side that can only be empty, the other side spans it too.
+    if (t->left->flags & kEmptyOnly) return dissect(ex, t->right, begin, end);
+    if (t->right->flags & kEmptyOnly) return dissect(ex, t->left, begin, end);
     const bool shorter = t->left->flags & kShorter;
     const Ch* mid;
     {
         Dfa<Ch> d(ex, t->left->automaton);
         Dfa<Ch> d2(ex, t->right->automaton);
         if (!d.ok() || !d2.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
-        mid = shorter ? d.shortest(begin, begin, end, nullptr, nullptr) : d.longest(begin, end, nullptr);
+        const Ch* next = nullptr;  // the next shorter midpoint, when the last walk told it
+        bool nextKnown = !shorter;
+        mid = shorter ? d.shortest(begin, begin, end, nullptr, nullptr) : d.longest(begin, end, nullptr, &next);
         if (!mid) return ex.err ? ex.err : RX_ERR_INTERNAL;
         const Ch* last = shorter ? end : begin;
         while (d2.longest(mid, end, nullptr) != end) {
             if (ex.err) return ex.err;
             if (mid == last) return RX_ERR_INTERNAL;
-            mid = shorter ? d.shortest(begin, mid + 1, end, nullptr, nullptr) : d.longest(begin, mid - 1, nullptr);
+            if (nextKnown) {
+                mid = next;
+                nextKnown = false;
+            } else {
+                mid = shorter ? d.shortest(begin, mid + 1, end, nullptr, nullptr) : d.longest(begin, mid - 1, nullptr, &next);
+                nextKnown = !shorter;
+            }
             if (!mid) return ex.err ? ex.err : RX_ERR_INTERNAL;
         }
     }
@@ -73,14 +87,31 @@ int alternation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* 
 template <class Ch>
 int retryConcatenation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
 {
+    // As in concatenation(): the split next to an empty side is forced, and
+    // no other split can work.
+    if (t->left->flags & kEmptyOnly) return dissectRetry(ex, t->right, begin, end);
+    if (t->right->flags & kEmptyOnly) return dissectRetry(ex, t->left, begin, end);
     const bool shorter = t->left->flags & kShorter;
     Dfa<Ch> d(ex, t->left->automaton);
-    Dfa<Ch> d2(ex, t->right->automaton);
-    if (!d.ok() || !d2.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+    if (!d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+    std::optional<Dfa<Ch>> d2;  // made when first needed: most candidates fail before
+    // Whether the right side spans exactly [mid, end): its automaton, walked.
+    auto rightFits = [&](const Ch* mid) -> int {
+        if (!d2) {
+            d2.emplace(ex, t->right->automaton);
+            if (!d2->ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+        }
+        const Ch* e = d2->longest(mid, end, nullptr);
+        if (ex.err) return ex.err;
+        return e == end ? RX_OK : RX_NOMATCH;
+    };
     uint64_t& memory = ex.retry[t->id];
     const Ch* mid;
+    const Ch* next = nullptr;  // the next shorter midpoint, when the last walk told it
+    bool nextKnown = false;
     if (memory == 0) {
-        mid = shorter ? d.shortest(begin, begin, end, nullptr, nullptr) : d.longest(begin, end, nullptr);
+        mid = shorter ? d.shortest(begin, begin, end, nullptr, nullptr) : d.longest(begin, end, nullptr, &next);
+        nextKnown = !shorter;
         if (ex.err) return ex.err;
         if (!mid) return RX_NOMATCH;
         memory = static_cast<uint64_t>(mid - begin) + 1;
@@ -89,19 +120,31 @@ int retryConcatenation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, con
     }
     for (;;) {
         int r = dissectRetry(ex, t->left, begin, mid);
-        if (r == RX_OK) {
-            const Ch* e = d2.longest(mid, end, nullptr);
-            if (ex.err) return ex.err;
-            if (e == end) {
+        if (r == RX_OK && t->right->op == 'b') {
+            // Comparing with the group is cheaper than the walk and turns
+            // most splits down; the walk still checks the constraints the
+            // reference's automaton brings (a word boundary inside the
+            // group holds or not in the new place). A reference tried here
+            // is never tried again for this split, as if the walk had failed.
+            r = dissectRetry(ex, t->right, mid, end);
+            if (r == RX_OK) r = rightFits(mid);
+            if (r == RX_OK) return RX_OK;
+        } else if (r == RX_OK) {
+            r = rightFits(mid);
+            if (r == RX_OK) {
                 r = dissectRetry(ex, t->right, mid, end);
                 if (r == RX_OK) return RX_OK;
-            } else {
-                r = RX_NOMATCH;
             }
         }
         if (r != RX_NOMATCH) return r;
         if (mid == (shorter ? end : begin)) return RX_NOMATCH;
-        mid = shorter ? d.shortest(begin, mid + 1, end, nullptr, nullptr) : d.longest(begin, mid - 1, nullptr);
+        if (nextKnown) {
+            mid = next;
+            nextKnown = false;
+        } else {
+            mid = shorter ? d.shortest(begin, mid + 1, end, nullptr, nullptr) : d.longest(begin, mid - 1, nullptr, &next);
+            nextKnown = !shorter;
+        }
         if (ex.err) return ex.err;
         if (!mid) return RX_NOMATCH;
         memory = static_cast<uint64_t>(mid - begin) + 1;

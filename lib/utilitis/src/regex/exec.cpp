@@ -126,10 +126,19 @@ int findWithBackrefs(ExecState<Ch>& ex)
         for (const Ch* begin = open; begin <= close; ++begin) {
             const Ch* earliest = begin;
             const Ch* latest = ex.stop;
+            const Ch* next = nullptr;  // the next shorter end, when the last walk told it
+            bool nextKnown = false;
             for (;;) {
                 bool hitEnd = false;
-                const Ch* end = shorter ? d.shortest(begin, earliest, latest, nullptr, &hitEnd)
-                                        : d.longest(begin, latest, &hitEnd);
+                const Ch* end;
+                if (nextKnown) {
+                    end = next;
+                    nextKnown = false;
+                } else {
+                    end = shorter ? d.shortest(begin, earliest, latest, nullptr, &hitEnd)
+                                  : d.longest(begin, latest, &hitEnd, &next);
+                    nextKnown = !shorter;
+                }
                 if (ex.err) return ex.err;
                 if (hitEnd && !cold) cold = begin;
                 if (!end) break;

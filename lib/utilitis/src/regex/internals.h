@@ -19,6 +19,7 @@ constexpr uint8_t kShorter = 2;
 constexpr uint8_t kMixed = 4;
 constexpr uint8_t kCapture = 8;
 constexpr uint8_t kBackref = 0x10;
+constexpr uint8_t kEmptyOnly = 0x20;  // an '=' node that spans no arc: only the empty string
 constexpr uint8_t kInUse = 0x40;
 constexpr uint8_t kPrefMask = 3;
 constexpr uint8_t kMessy = kMixed | kCapture | kBackref;
