@@ -37,13 +37,13 @@ bool DfaCache::init(const CompactNfa& nfa, bool small)
     // Left unfilled: a set's slots are cleared when pick() hands it out, and
     // a match that touches few sets must not pay for clearing them all.
     const size_t cap = static_cast<size_t>(capacity);
-    ownSets = std::make_unique_for_overwrite<StateSet[]>(cap);
+    static_assert(sizeof(StateSet) % alignof(StateSet) == 0 && alignof(StateSet) >= alignof(StateSet*));
+    stride = sizeof(StateSet) + static_cast<size_t>(colours) * sizeof(StateSet*);
+    ownSlots = std::make_unique_for_overwrite<std::byte[]>(cap * stride);
     ownBits = std::make_unique_for_overwrite<uint32_t[]>((cap + 1) * static_cast<size_t>(words));
-    ownOuts = std::make_unique_for_overwrite<StateSet*[]>(cap * static_cast<size_t>(colours));
     ownIns = std::make_unique_for_overwrite<InLink[]>(cap * static_cast<size_t>(colours));
-    sets = ownSets.get();
+    slots = ownSlots.get();
     bitsArea = ownBits.get();
-    outArea = ownOuts.get();
     inArea = ownIns.get();
     work = bitsArea + cap * static_cast<size_t>(words);
     return true;
@@ -76,9 +76,9 @@ template <class Ch>
 StateSet* Dfa<Ch>::pick(const Ch* cp, const Ch* start)
 {
     if (_c->used < _c->capacity) {
-        StateSet* s = &_c->sets[_c->used];
+        StateSet* s = _c->set(_c->used);
         s->bits = _c->bitsArea + static_cast<size_t>(_c->used) * static_cast<size_t>(_c->words);
-        s->outs = _c->outArea + static_cast<size_t>(_c->used) * static_cast<size_t>(_c->colours);
+        s->outs = reinterpret_cast<StateSet**>(s + 1);
         s->nextIn = _c->inArea + static_cast<size_t>(_c->used) * static_cast<size_t>(_c->colours);
         ++_c->used;
         s->flags = 0;
@@ -98,7 +98,7 @@ StateSet* Dfa<Ch>::pick(const Ch* cp, const Ch* start)
         const int from = round == 0 ? _c->hand : 0;
         const int to = round == 0 ? _c->capacity : _c->hand;
         for (int i = from; i < to; ++i) {
-            StateSet* s = &_c->sets[i];
+            StateSet* s = _c->set(i);
             if (!(s->flags & kSetPinned) && (s->seenAt == nullptr || seen(s) < ancient)) {
                 _c->hand = i + 1;
                 return s;
@@ -153,8 +153,8 @@ template <class Ch>
 StateSet* Dfa<Ch>::initialize(const Ch* start)
 {
     StateSet* ss;
-    if (_c->used > 0 && (_c->sets[0].flags & kSetStart)) {
-        ss = &_c->sets[0];
+    if (_c->used > 0 && (_c->set(0)->flags & kSetStart)) {
+        ss = _c->set(0);
     } else {
         ss = vacant(start, start);
         if (!ss) return nullptr;
@@ -166,7 +166,7 @@ StateSet* Dfa<Ch>::initialize(const Ch* start)
         ss->flags = kSetStart | kSetPinned | kSetCold;
         ss->stay = nullptr;
     }
-    for (int i = 0; i < _c->used; ++i) _c->sets[i].seenAt = nullptr;
+    for (int i = 0; i < _c->used; ++i) _c->set(i)->seenAt = nullptr;
     ss->seenAt = start;
     _latestCold = nullptr;
     return ss;
@@ -236,7 +236,7 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
     for (int i = 0; i < _c->words; ++i) h ^= _c->work[i];
     StateSet* p = nullptr;
     for (int i = 0; i < _c->used; ++i) {
-        StateSet* s = &_c->sets[i];
+        StateSet* s = _c->set(i);
         if (s->hash != h) continue;
         if (_c->words != 1 && std::memcmp(s->bits, _c->work, static_cast<size_t>(_c->words) * 4) != 0) continue;
         p = s;
@@ -272,7 +272,7 @@ const Ch* Dfa<Ch>::skip(StateSet* css, colour co, const Ch* cp, const Ch* stop)
     if (css->stay == nullptr || !css->stay[narrow ? static_cast<unsigned char>(cp[-1]) : co]) {
         const size_t width = narrow ? 256 : static_cast<size_t>(_c->colours);
         if (!_c->stayArea) _c->stayArea = std::make_unique_for_overwrite<uint8_t[]>(width * static_cast<size_t>(_c->capacity));
-        uint8_t* row = _c->stayArea.get() + width * static_cast<size_t>(css - _c->sets);
+        uint8_t* row = _c->stayArea.get() + width * static_cast<size_t>(_c->indexOf(css));
         int leaving = 0;
         int single = -1;
         for (size_t i = 0; i < width; ++i) {
@@ -312,6 +312,8 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
 {
     const Ch* cp = start;
     const Ch* realStop = (stop == _ex.stop) ? stop : stop + 1;
+    const colour* const leaf0 = _leaf0;
+    colour* const* const top = _top;
     int loops = 0;
     const Ch* post = nullptr;
     const Ch* before = nullptr;
@@ -328,8 +330,8 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
         post = cp;
     }
     while (cp < realStop) {
-        const colour co = colourOf(*cp);
-        StateSet* ss = css->outs[co];
+        const colour co = colourIn(leaf0, top, *cp);
+        StateSet* ss = row(css)[co];
         if (!ss || ss == &_c->dead) {
             if (ss) break;
             ss = miss(css, co, cp + 1, start);
@@ -368,7 +370,7 @@ const Ch* Dfa<Ch>::lastCold() const
 {
     const Ch* cold = _latestCold ? _latestCold : _ex.start;
     for (int i = 0; i < _c->used; ++i) {
-        const StateSet* s = &_c->sets[i];
+        const StateSet* s = _c->set(i);
         if ((s->flags & kSetCold) && s->seenAt && cold < seen(s)) cold = seen(s);
     }
     return cold;
@@ -380,6 +382,8 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     const Ch* cp = start;
     const Ch* realMin = (min == _ex.stop) ? min : min + 1;
     const Ch* realMax = (max == _ex.stop) ? max : max + 1;
+    const colour* const leaf0 = _leaf0;
+    colour* const* const top = _top;
     int loops = 0;
     if (hitStop) *hitStop = false;
     StateSet* css = initialize(start);
@@ -389,8 +393,8 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     css->seenAt = cp;
     StateSet* ss = css;
     while (cp < realMax) {
-        const colour co = colourOf(*cp);
-        ss = css->outs[co];
+        const colour co = colourIn(leaf0, top, *cp);
+        ss = row(css)[co];
         if (!ss || ss == &_c->dead) {
             ss = ss ? nullptr : miss(css, co, cp + 1, start);
             if (!ss) break;

@@ -23,6 +23,7 @@
 
 #include "internals.h"
 
+#include <cstddef>
 #include <memory>
 #include <vector>
 
@@ -41,7 +42,7 @@ struct StateSet {
     uint32_t flags;
     InLink in;            // head of the chain of transitions into this set
     const void* seenAt;   // position where last current in this walk, or null
-    StateSet** outs;      // per colour
+    StateSet** outs;      // per colour; in the slot, right after the set
     InLink* nextIn;       // per colour: next link of the target's chain
     uint8_t* stay;        // see Dfa::skip; null until the set loops on itself
     int single;           // the one byte that leaves the set, or -1
@@ -67,15 +68,22 @@ struct DfaCache {
     int hand = 0;       // the clock hand of replacement
     bool busy = false;  // a walker holds it (a walk may start another, e.g. a look-ahead)
     StateSet dead{};    // the target of a transition known to lead nowhere
-    StateSet* sets = nullptr;
+    // Each slot is a StateSet followed by its row of transitions, so that a
+    // step finds the row at a fixed offset from the set instead of through a
+    // second dependent load.
+    std::byte* slots = nullptr;
+    size_t stride = 0;
+    StateSet* set(int i) const noexcept { return reinterpret_cast<StateSet*>(slots + static_cast<size_t>(i) * stride); }
+    int indexOf(const StateSet* s) const noexcept
+    {
+        return static_cast<int>((reinterpret_cast<const std::byte*>(s) - slots) / static_cast<ptrdiff_t>(stride));
+    }
     uint32_t* work = nullptr;
     uint32_t* bitsArea = nullptr;
-    StateSet** outArea = nullptr;
     InLink* inArea = nullptr;
     std::unique_ptr<uint8_t[]> stayArea;  // one row per set, made on the first skip
-    std::unique_ptr<StateSet[]> ownSets;
+    std::unique_ptr<std::byte[]> ownSlots;
     std::unique_ptr<uint32_t[]> ownBits;
-    std::unique_ptr<StateSet*[]> ownOuts;
     std::unique_ptr<InLink[]> ownIns;
 };
 
@@ -121,13 +129,21 @@ public:
     const Ch* shortest(const Ch* start, const Ch* min, const Ch* max, const Ch** cold, bool* hitStop);
 
 private:
-    colour colourOf(Ch c) const noexcept
+    // The row of a set in a slot (outs, without loading it).
+    static StateSet* const* row(const StateSet* s) noexcept
+    {
+        return reinterpret_cast<StateSet* const*>(s + 1);
+    }
+    colour colourOf(Ch c) const noexcept { return colourIn(_leaf0, _top, c); }
+    // The same from tables the caller holds in registers: the walks store
+    // through pointers the compiler can't tell from the members.
+    static colour colourIn(const colour* leaf0, colour* const* top, Ch c) noexcept
     {
         if constexpr (sizeof(Ch) == 1) {
-            return _leaf0[static_cast<unsigned char>(c)];
+            return leaf0[static_cast<unsigned char>(c)];
         } else {
             const uint32_t u = static_cast<uint32_t>(c);
-            return _top[(u >> 8) & 0xFF][u & 0xFF];
+            return top[(u >> 8) & 0xFF][u & 0xFF];
         }
     }
     StateSet* initialize(const Ch* start);
