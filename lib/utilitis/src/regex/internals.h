@@ -85,8 +85,8 @@ struct Internals {
     std::vector<Subexpr> lookaheads;              // entry 0 unused
     int unitSize = 1;
     int automatonCount = 0;  // automata with a cacheSlot
-    std::vector<uint32_t> prefix;  // what every match begins with (see prefix.h)
-    std::string prefixBytes;       // the same, as narrow units
+    std::vector<colour> prefix;  // the colours every match begins with (see prefix.h)
+    std::string prefixBytes;     // the same as narrow units, when each colour is one
     bool prefixIsWhole = false;    // the pattern is that literal and nothing more
     mutable CachePool caches;
 };

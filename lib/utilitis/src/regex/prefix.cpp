@@ -2,10 +2,15 @@
 #include "prefix.h"
 
 #include <cstring>
+#include <type_traits>
 
 namespace Karu::IMPL::rx {
 
 namespace {
+
+// A first colour of more characters than this (a class, a folded letter
+// beyond its two cases) is too common to be worth a scan.
+constexpr uint32_t kFirstChars = 4;
 
 // Real colours the text can show: live and not standing for a string end.
 bool realColour(const ColourMap& map, colour c)
@@ -52,7 +57,8 @@ void analysePrefix(Internals& in)
     if (state == -1 || state == a.exit) return;
     const int first = state;
 
-    // One character per colour of the chain; the alphabet is read once.
+    // The characters of each colour are counted in one reading of the
+    // alphabet; the first colour must be rare enough to scan for.
     std::vector<uint32_t> only(static_cast<size_t>(a.colourCount), 0);
     std::vector<uint32_t> count(static_cast<size_t>(a.colourCount), 0);
     for (uint32_t idx = 0; idx < map.alphabet(); ++idx) {
@@ -65,13 +71,16 @@ void analysePrefix(Internals& in)
         const CompactArc* arc = row(state);
         if (arc->co == kNoColour || arc[1].co != kNoColour) break;  // not exactly one arc
         if (arc->to == a.exit || arc->co >= a.colourCount || !realColour(map, arc->co)) break;
-        if (count[static_cast<size_t>(arc->co)] != 1) break;
-        in.prefix.push_back(only[static_cast<size_t>(arc->co)]);
+        if (in.prefix.empty() && count[static_cast<size_t>(arc->co)] > kFirstChars) break;
+        in.prefix.push_back(arc->co);
         state = arc->to;
         if (in.prefix.size() > 4096) break;  // plenty to search for
     }
     if (in.prefix.empty()) return;
-    for (uint32_t c : in.prefix) in.prefixBytes.push_back(static_cast<char>(c));
+    bool exact = in.unitSize == 1;
+    for (colour c : in.prefix) exact = exact && count[static_cast<size_t>(c)] == 1;
+    if (exact)
+        for (colour c : in.prefix) in.prefixBytes.push_back(static_cast<char>(only[static_cast<size_t>(c)]));
     in.prefixIsWhole = acceptsAny(a, map, a.entry, first, a.startColours) &&
                        acceptsAny(a, map, state, a.exit, a.endColours);
 }
@@ -82,20 +91,24 @@ const Ch* findPrefix(const Internals& in, const Ch* from, const Ch* stop) noexce
     const size_t n = in.prefix.size();
     if (static_cast<size_t>(stop - from) < n) return nullptr;
     if constexpr (sizeof(Ch) == 1) {
-        // Kept as bytes beside the wide form so the search needs no copy.
-        const void* hit = memmem(from, static_cast<size_t>(stop - from), in.prefixBytes.data(), n);
-        return static_cast<const Ch*>(hit);
-    } else {
-        const uint32_t* p = in.prefix.data();
-        const Ch* last = stop - n;
-        for (const Ch* cp = from; cp <= last; ++cp) {
-            if ((static_cast<uint32_t>(*cp) & 0xFFFF) != p[0]) continue;
-            size_t i = 1;
-            while (i < n && (static_cast<uint32_t>(cp[i]) & 0xFFFF) == p[i]) ++i;
-            if (i == n) return cp;
+        if (!in.prefixBytes.empty()) {
+            const void* hit = memmem(from, static_cast<size_t>(stop - from), in.prefixBytes.data(), n);
+            return static_cast<const Ch*>(hit);
         }
-        return nullptr;
     }
+    // Colour by colour, as the automata read: the wide map by the low 16
+    // bits, a folded letter as either case.
+    const ColourMap& map = in.colourMap;
+    auto colourAt = [&map](Ch c) { return map.colourOf(static_cast<uint32_t>(static_cast<std::make_unsigned_t<Ch>>(c)) & (map.alphabet() - 1)); };
+    const colour* p = in.prefix.data();
+    const Ch* last = stop - n;
+    for (const Ch* cp = from; cp <= last; ++cp) {
+        if (colourAt(*cp) != p[0]) continue;
+        size_t i = 1;
+        while (i < n && colourAt(cp[i]) == p[i]) ++i;
+        if (i == n) return cp;
+    }
+    return nullptr;
 }
 
 template const char* findPrefix<char>(const Internals&, const char*, const char*) noexcept;

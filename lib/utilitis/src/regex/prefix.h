@@ -2,8 +2,8 @@
 // automaton runs.
 //
 // Read off the root automaton after compiling: past the context step, a chain
-// of states with one arc each, on colours of one character each, spells the
-// characters every match starts with. No match can begin before the first
+// of states with one arc each spells the colours every match starts with
+// (one character each for a plain literal, both cases of a folded letter). No match can begin before the first
 // place they occur, so the search starts there; and a pattern that is that
 // chain and nothing more (no constraint on either side) needs no automaton at
 // all. The subtle part is the wide build, whose colour map reads a unit by its

@@ -74,6 +74,14 @@ const Row kRows[] = {
     {A, "(a*)b\\1", "aabaa", RX_OK, "0,5 0,2"},
     {A, "(a)\\1{2}", "aaa", RX_OK, "0,3 0,1"},
     {A, "(a)\\1{2}", "aa", RX_NOMATCH, ""},
+    // A reference is compared with its group, then its automaton checks the
+    // constraints it copies in the new place; candidates narrow down.
+    {A, "(\\ya)\\1", "a aa", RX_NOMATCH, ""},
+    {A, "(\\w+)\\s+\\1\\y", "ab ab", RX_OK, "0,5 0,2"},
+    {A, "(a+)(a*)\\2x", "aaaaax", RX_OK, "0,6 0,5 5,5"},
+    {A, "(a*)(a*)\\1\\2b", "aaaab", RX_OK, "0,5 0,2 2,2"},
+    {A, "((a)|b)\\2*c", "bbc", RX_OK, "1,3 1,2 -1,-1"},
+    {A, "(a|ab)(bc|c)\\2", "abcbc", RX_OK, "0,5 0,1 1,3"},
     {A | I, "(a)\\1", "aA", RX_OK, "0,2 0,1"},
     {A, "(a)\\1", "aA", RX_NOMATCH, ""},
     {B, "\\(a\\)\\1", "xaa", RX_OK, "1,3 1,2"},

@@ -1,4 +1,5 @@
 // The literal-prefix search: a pattern whose matches all begin with a literal
+// (or a run of small classes, such as both cases of a letter)
 // starts its search at the literal's first occurrence, and a pattern that is
 // only a literal is matched without an automaton. Each row is checked
 // against the expected outcome and against the same pattern compiled to
@@ -70,8 +71,13 @@ TEST(RegexPrefix, SearchStartsAtTheLiteral)
         {RX_SYNTAX_EXT | RX_LINEANCHORS, "^ab$", "xab\nab\n", 0, "0 4,6"},
         {RX_SYNTAX_ADV, "\\yab\\y", "cab ab", 0, "0 4,6"},
         {RX_SYNTAX_ADV, "\\Yab", "ab cab", 0, "0 4,6"},
-        // Case folding gives colours of two characters: no literal to search.
+        // Case folding gives colours of two characters: both cases are found.
         {RX_SYNTAX_EXT | RX_FOLDCASE, "keeper", "KeEpEr", 0, "0 0,6"},
+        {RX_SYNTAX_EXT | RX_FOLDCASE, "keeper", "kEEPE keepeR", 0, "0 6,12"},
+        {RX_SYNTAX_EXT | RX_FOLDCASE, "keeper", "xKEEPE", 0, "1"},
+        {RX_SYNTAX_EXT | RX_FOLDCASE, "(k)eep", "a KEEP", 0, "0 2,6 2,3"},
+        {RX_SYNTAX_EXT, "a[bc]d", "abc acd", 0, "0 4,7"},
+        {RX_SYNTAX_EXT, "x[a-z]", "x1 xy", 0, "0 3,5"},
         // Not a prefix: an alternation or a class first.
         {RX_SYNTAX_EXT, "ab|ac", "xxac", 0, "0 2,4"},
         {RX_SYNTAX_EXT, "[ab]c", "xbc", 0, "0 1,3"},
@@ -105,6 +111,7 @@ TEST(RegexPrefix, WideUnitsBeyondTheBasicPlane)
         {L"ab", std::wstring(L"x") + static_cast<wchar_t>(0x10061) + L"b"},
         {L"ab", std::wstring(L"a") + static_cast<wchar_t>(0x20062) + L" ab"},
         {L"a(b)", std::wstring(L"a") + static_cast<wchar_t>(0x20062)},
+        {L"[aA]b", std::wstring(L"x") + static_cast<wchar_t>(0x10041) + L"b"},
     };
     for (const Row& r : rows) {
         std::string detailed;
@@ -119,24 +126,28 @@ TEST(RegexPrefix, Analysis)
     struct Row {
         int flags;
         const char* pattern;
-        const char* prefix;
+        const char* prefix;  // when every colour is one character
+        size_t colours;
         bool whole;
     };
     const Row rows[] = {
-        {RX_SYNTAX_EXT, "bookkeeper", "bookkeeper", true},
-        {RX_SYNTAX_EXT, "book(keeper)", "bookkeeper", true},
-        {RX_SYNTAX_EXT, "ab+c", "ab", false},
-        {RX_SYNTAX_EXT, "^ab", "ab", false},
-        {RX_SYNTAX_EXT, "ab$", "ab", false},
-        {RX_SYNTAX_EXT | RX_FOLDCASE, "ab", "", false},
-        {RX_SYNTAX_EXT, "a|b", "", false},
-        {RX_SYNTAX_EXT, "", "", false},
+        {RX_SYNTAX_EXT, "bookkeeper", "bookkeeper", 10, true},
+        {RX_SYNTAX_EXT, "book(keeper)", "bookkeeper", 10, true},
+        {RX_SYNTAX_EXT, "ab+c", "ab", 2, false},
+        {RX_SYNTAX_EXT, "^ab", "ab", 2, false},
+        {RX_SYNTAX_EXT, "ab$", "ab", 2, false},
+        {RX_SYNTAX_EXT | RX_FOLDCASE, "ab", "", 2, true},
+        {RX_SYNTAX_EXT, "a[bc]d", "", 3, true},
+        {RX_SYNTAX_EXT, "[a-z]x", "", 0, false},
+        {RX_SYNTAX_EXT, "a|b", "", 0, false},
+        {RX_SYNTAX_EXT, "", "", 0, false},
     };
     for (const Row& r : rows) {
         RxObject o{};
         ASSERT_EQ(rxcomp(&o, r.pattern, std::strlen(r.pattern), r.flags), RX_OK) << r.pattern;
         const auto& in = *static_cast<const IMPL::rx::Internals*>(o.internals);
         EXPECT_EQ(in.prefixBytes, r.prefix) << r.pattern;
+        EXPECT_EQ(in.prefix.size(), r.colours) << r.pattern;
         EXPECT_EQ(in.prefixIsWhole, r.whole) << r.pattern;
         rxfree(&o);
     }
