@@ -283,13 +283,15 @@ __attribute__((target("ssse3"))) inline void CheckBlock(BlockState& state, __m12
         return;
     }
     const __m128i byte1High = _mm_setr_epi8(
-        kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTwoConts, kTwoConts,
-        kTwoConts, kTwoConts, kTooShort | kOverlong2, kTooShort, kTooShort | kOverlong3 | kSurrogate,
+        kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, kTooLong, static_cast<char>(kTwoConts),
+        static_cast<char>(kTwoConts), static_cast<char>(kTwoConts), static_cast<char>(kTwoConts),
+        kTooShort | kOverlong2, kTooShort, kTooShort | kOverlong3 | kSurrogate,
         static_cast<char>(kTooShort | kTooLarge | kTooLarge1000 | kOverlong4));
     const char high = static_cast<char>(kCarry | kTooLarge | kTooLarge1000);
     const __m128i byte1Low =
-        _mm_setr_epi8(static_cast<char>(kCarry | kOverlong3 | kOverlong2 | kOverlong4), kCarry | kOverlong2, kCarry,
-                      kCarry, kCarry | kTooLarge, high, high, high, high, high, high, high, high,
+        _mm_setr_epi8(static_cast<char>(kCarry | kOverlong3 | kOverlong2 | kOverlong4),
+                      static_cast<char>(kCarry | kOverlong2), static_cast<char>(kCarry), static_cast<char>(kCarry),
+                      static_cast<char>(kCarry | kTooLarge), high, high, high, high, high, high, high, high,
                       static_cast<char>(kCarry | kTooLarge | kTooLarge1000 | kSurrogate), high, high);
     const char cont8 = static_cast<char>(kTooLong | kOverlong2 | kTwoConts | kOverlong3 | kTooLarge1000 | kOverlong4);
     const char cont9 = static_cast<char>(kTooLong | kOverlong2 | kTwoConts | kOverlong3 | kTooLarge);
