@@ -177,15 +177,16 @@ size_t WalkUtf8(const unsigned char* in, size_t n, wchar_t* out) noexcept
     while (i < n) {
         // ASCII in blocks; a block is written whole and only its ASCII
         // prefix counted, the rest being overwritten afterwards.
+        // A block that is all ASCII goes on to the next; otherwise the
+        // character behind the prefix follows in the same step.
         if (i + 16 <= n) {
             const unsigned ascii = AsciiPrefix(in + i);
-            if (ascii > 0) {
-                if constexpr (Store)
-                    WidenBlock(in + i, out + o);
-                i += ascii;
-                o += ascii;
+            if constexpr (Store)
+                WidenBlock(in + i, out + o);
+            i += ascii;
+            o += ascii;
+            if (ascii == 16)
                 continue;
-            }
         }
         const uint32_t c = in[i];
         uint32_t cp;
