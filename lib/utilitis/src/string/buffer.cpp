@@ -8,13 +8,11 @@ namespace Karu::IMPL {
 
 namespace {
 constexpr uintptr_t kLargePage = uintptr_t(2) << 20;
-// Below this a block spans too few large pages to be worth a system call.
-constexpr size_t kLargeBlock = 4 * kLargePage;
 }  // namespace
 
 void AdviseLargeBlock(void* data, size_t bytes) noexcept
 {
-    if (bytes < kLargeBlock)
+    if (bytes < kLargeBlockBytes)
         return;
     // Only whole large pages inside the block, so that a large page never
     // straddles memory the block does not own.

@@ -64,6 +64,8 @@ inline constexpr T kEmptyUnits[1] = {T(0)};
 // megabyte on some virtual machines); with large pages the first touch of
 // each 2 MB is one fault. Small blocks are left alone; a system without large
 // pages ignores the request.
+// Below this size a block spans too few large pages to be worth the call.
+inline constexpr size_t kLargeBlockBytes = size_t(8) << 20;
 void AdviseLargeBlock(void* data, size_t bytes) noexcept;
 }  // namespace IMPL
 
@@ -532,12 +534,25 @@ private:
             throw std::bad_alloc();
         counter_type* cell = _refcount ? nullptr : __NewCounter();
         const size_t bytes = std::max<size_type>(capacity, 1) * sizeof(T);
-        T* grown = static_cast<T*>(std::realloc(_data, bytes));
+        T* grown;
+        if (_data && bytes >= IMPL::kLargeBlockBytes) {
+            // The advice must come before the copy: realloc would copy a
+            // large block into fresh memory taken a small page at a time.
+            grown = static_cast<T*>(std::malloc(bytes));
+            if (grown) {
+                IMPL::AdviseLargeBlock(grown, bytes);
+                std::memcpy(grown, _data, std::min(_capacity, capacity) * sizeof(T));
+                std::free(_data);
+            }
+        } else {
+            grown = static_cast<T*>(std::realloc(_data, bytes));
+            if (grown)
+                IMPL::AdviseLargeBlock(grown, bytes);
+        }
         if (!grown) {
             std::free(cell);
             throw std::bad_alloc();
         }
-        IMPL::AdviseLargeBlock(grown, bytes);
         _data = grown;
         if (cell)
             _refcount = cell;

@@ -140,6 +140,20 @@ TEST(Buffer, ReserveFormsFollowTheGrowthRule)
     EXPECT_EQ(b.capacity(), 10u | 31u);
     EXPECT_FALSE(b.SharesWith(a));
     EXPECT_EQ(b, a);
+
+    // Growth past the large-block size moves the whole text by another path.
+    for (const uint64_t units : {uint64_t(1) << 20, uint64_t(3) << 20}) {
+        wstringEx big;
+        for (uint64_t i = 0; i < units; ++i)
+            big.push_back(static_cast<wchar_t>(i % 50000 + 1));
+        big.ReserveExact(units * 3);
+        ASSERT_EQ(big.size(), units);
+        uint64_t wrong = 0;
+        for (uint64_t i = 0; i < units; ++i)
+            wrong += big[i] != static_cast<wchar_t>(i % 50000 + 1);
+        EXPECT_EQ(wrong, 0u) << units << " units";
+        EXPECT_EQ(big.data()[units], L'\0') << "terminated after growth";
+    }
 }
 
 TEST(Buffer, ReinterpretationSharesStorageAndLifetime)
