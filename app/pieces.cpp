@@ -6,23 +6,31 @@
 #include <utility>
 #include <vector>
 
+#include <karu/regex/rx.h>
 #include <karu/string/replace.h>
 
 namespace Karu {
 
 bool PairsAllowPieces(int32_t method, const ReplacePairs& pairs)
 {
-    if (method != kMethodLiteral && method != kMethodLiteralNoCase)
-        return false;
     using Tr = text_traits<wchar_t>;
-    const bool folded = method == kMethodLiteralNoCase;
-    for (const REPLACE_PAIR& pair : pairs)
+    for (const REPLACE_PAIR& pair : pairs) {
+        if (method == kMethodRegex) {
+            // A pattern that did not compile replaces nothing anywhere.
+            const long info = pair.regex.Info();
+            if (pair.regex && (!(info & RX_STAYS_IN_LINES) || (info & RX_CAN_BE_EMPTY)))
+                return false;
+            continue;
+        }
+        if (method != kMethodLiteral && method != kMethodLiteralNoCase)
+            return false;
         for (const wchar_t unit : pair.find)
             // The case-blind search folds both sides, and folding may map
             // another unit onto the line feed.
-            if (folded ? Tr::Fold(unit) == Tr::Fold(L'\n') : unit == L'\n')
+            if (method == kMethodLiteralNoCase ? Tr::Fold(unit) == Tr::Fold(L'\n') : unit == L'\n')
                 return false;
-    return true;
+    }
+    return method == kMethodLiteral || method == kMethodLiteralNoCase || method == kMethodRegex;
 }
 
 namespace {

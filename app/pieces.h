@@ -3,10 +3,14 @@
 // Decoding a whole file into wide text costs four bytes of fresh memory per
 // character, and the copying replace takes a second buffer as large: on a
 // big file most of the run went into taking that memory from the system.
-// When the pairs are literal and no find can match a line feed, no match can
-// reach across a line end that the text had before the pairs ran (such a
-// line feed is never replaced, so it still ends its piece for every later
-// pair). And when both encodings convert line by line, a file cut just after
+// When no pair can match a line feed, no match can reach across a line end
+// that the text had before the pairs ran (such a line feed is never
+// replaced, so it still ends its piece for every later pair). For a literal
+// that means no line feed in the find; a pattern must stay within lines as
+// the engine judges it (RX_STAYS_IN_LINES: it also cannot tell a piece's
+// start from a place after a line feed, nor read past a match) and never
+// match empty, since an empty match could fall on a cut and be found at the
+// end of one piece and at the start of the next. And when both encodings convert line by line, a file cut just after
 // line feeds gives, piece by piece, exactly the bytes the whole would give.
 // Each piece is then decoded, replaced and encoded in buffers that stay warm
 // from piece to piece, and only the encoded result grows with the file: the
@@ -29,8 +33,8 @@
 
 namespace Karu {
 
-// Whether the method and pairs allow the work by pieces: the literal methods,
-// and no find with a unit that matches a line feed under the method.
+// Whether the method and pairs allow the work by pieces: no pair that could
+// match a line feed, or match empty, under the method.
 bool PairsAllowPieces(int32_t method, const ReplacePairs& pairs);
 
 // The result of running the pairs over a file by pieces.

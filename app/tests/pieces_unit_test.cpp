@@ -22,6 +22,16 @@ ReplacePairs Pairs(std::initializer_list<std::pair<const wchar_t*, const wchar_t
     return pairs;
 }
 
+// Pairs whose finds are compiled as the tool compiles them.
+ReplacePairs Patterns(std::initializer_list<std::pair<const wchar_t*, const wchar_t*>> list, bool ignoreCase = false,
+                      bool ignoreNewline = false)
+{
+    ReplacePairs pairs = Pairs(list);
+    for (REPLACE_PAIR& pair : pairs)
+        pair.regex = CompilePairPattern(pair.find, ignoreCase, ignoreNewline);
+    return pairs;
+}
+
 // What the tool does with the text held whole.
 std::string Whole(const std::string& bytes, int32_t method, const ReplacePairs& pairs, TTextConv& in,
                   TTextConv& out, uint32_t& replaced)
@@ -64,6 +74,15 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
          "5 \x80\n\x80\x80\n\x81\n"},
         {"UTF-8 in, single-byte out with unmappable text", "UTF-8", "CP1252", kMethodLiteral,
          Pairs({{L"e", L"\u00e9"}}), "e\xE4\xB8\xAD\ne\n"},
+        {"patterns anchored at line ends and word starts", "UTF-8", "UTF-8", kMethodRegex,
+         Patterns({{L"^[a-z]+", L"<\\0>"}, {L"[0-9]+$", L"N"}, {L"\\<\\w", L"_"}}),
+         "ab cd 12\nef\n\n34 xy\nz9"},
+        {"back-references and chained patterns", "UTF-8", "UTF-8", kMethodRegex,
+         Patterns({{L"(\\w)\\1", L"\\1"}, {L"l+", L"L"}, {L"L[^ ]", L"\\0\\0"}}), "hello all\nbook\n\nll\n"},
+        {"case-blind pattern", "UTF-8", "UTF-8", kMethodRegex,
+         Patterns({{L"stra(ss|\u00df)e", L"road"}}, true), "Strasse STRA\xC3\x9F" "E\nstrasse\n"},
+        {"pattern outside line mode", "CP1252", "CP1252", kMethodRegex,
+         Patterns({{L"order-[0-9]+", L"ID"}}, false, true), "order-1\norder-22 \x80 order-\norder-3"},
         {"double-byte with bad bytes before line feeds", "GBK", "GBK", kMethodLiteral,
          Pairs({{L"\u4e2d", L"\u6587"}, {L"?", L"Q"}}), "\xD6\xD0\n\xD6\n\xD6\xD0\xD6\xD0\n\x81\n\xD6"},
     };
@@ -111,7 +130,10 @@ TEST(Pieces, AreRefusedWhereACutCouldSplitAMatchOrAChararacter)
         {"literal", kMethodLiteral, Pairs({{L"a", L"\n"}}), true},
         {"a find holding a line feed", kMethodLiteral, Pairs({{L"a", L"b"}, {L"x\ny", L"z"}}), false},
         {"case-blind find holding a line feed", kMethodLiteralNoCase, Pairs({{L"\n", L"z"}}), false},
-        {"regular expressions", kMethodRegex, Pairs({{L"a", L"b"}}), false},
+        {"a pattern within lines", kMethodRegex, Patterns({{L"a.c", L"b"}, {L"(", L"never compiles"}}), true},
+        {"a dot outside line mode", kMethodRegex, Patterns({{L"a.c", L"b"}}, false, true), false},
+        {"a pattern that can match empty", kMethodRegex, Patterns({{L"a", L"b"}, {L"x*", L"y"}}), false},
+        {"white space takes line feeds", kMethodRegex, Patterns({{L"a\\sb", L"b"}}), false},
     };
     for (const Row& row : methods)
         EXPECT_EQ(PairsAllowPieces(row.method, row.pairs), row.allowed) << row.name;

@@ -7,6 +7,7 @@
 // per-node copies must be taken before the main graph is optimised, since
 // optimising rewrites the states the tree points at.
 #include "compiler.h"
+#include "lines.h"
 #include "prefix.h"
 
 #include <new>
@@ -270,6 +271,8 @@ int Compiler<Ch>::finish()
     for (size_t i = 1; i < in.lookaheads.size(); ++i) in.lookaheads[i].automaton.cacheSlot = slots++;
     in.automatonCount = slots;
     analysePrefix(in);
+    if (staysWithinLines(in)) _info |= RX_STAYS_IN_LINES;
+    in.info = _info;
     in.magic = kInternalsMagic;
     _object->groupCount = in.groupCount;
     _object->info = _info;

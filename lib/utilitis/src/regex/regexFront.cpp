@@ -165,6 +165,11 @@ uint64_t RegexHandle::GroupCount() const noexcept
     return _object ? _object->rx.groupCount : 0;
 }
 
+long RegexHandle::Info() const noexcept
+{
+    return _object ? _object->rx.info : 0;
+}
+
 int RegexHandle::UnitSize() const noexcept
 {
     return _object ? _object->rx.unitSize : 0;

@@ -50,6 +50,8 @@ public:
     uint64_t GroupCount() const noexcept;
     // Units of the build it was compiled by: 1 narrow, 4 wide, 0 null.
     int UnitSize() const noexcept;
+    // The engine's analysis bits (RX_CAN_BE_EMPTY and the like; 0 for null).
+    long Info() const noexcept;
 
     IMPL::CompiledRegex* Object() const noexcept { return _object; }
     uint64_t UseCount() const noexcept;

@@ -57,6 +57,11 @@ constexpr long RX_USES_LOCALE = 0x400;
 constexpr long RX_CAN_BE_EMPTY = 0x800;
 constexpr long RX_NEVER_MATCHES = 0x1000;
 constexpr long RX_PREFERS_SHORTEST = 0x2000;
+// Every match lies within one line (none takes a line feed, no look-ahead),
+// and the string start is judged as a place after a line feed: a text cut
+// just after line feeds gives, piece by piece, the matches of the whole,
+// except for empty matches at a cut (see RX_CAN_BE_EMPTY).
+constexpr long RX_STAYS_IN_LINES = 0x4000;
 
 // Results of rxcomp and rxexec. 14 is not used.
 constexpr int RX_OK = 0;

@@ -295,8 +295,47 @@ TEST(RegexConformance, AnalysisBits)
     }
     RxObject plain{};
     ASSERT_EQ(rxcomp(&plain, "abc", 3, E), RX_OK);
-    EXPECT_EQ(plain.info, 0) << "a plain literal uses nothing special";
+    EXPECT_EQ(plain.info, RX_STAYS_IN_LINES) << "a plain literal uses nothing special";
     rxfree(&plain);
+}
+
+// Whether a pattern's matches stay within lines decides whether a caller may
+// cut a text at line feeds: saying yes wrongly would change what is replaced.
+TEST(RegexConformance, StaysInLinesOnlyWhenNoMatchCanTellACut)
+{
+    const struct {
+        int flags;
+        const char* pattern;
+        bool stays;
+    } rows[] = {
+        {E, "a.c", false},             // the dot takes a line feed
+        {E | NL, "a.c", true},         // not in line mode
+        {E, "[^a]x", false},
+        {E | NL, "[^a]x", true},
+        {E, "a\nb", false},            // a line feed in the pattern
+        {A | NL, "a\\nb", false},      // the same as an escape
+        {A | NL, "a\\sb", false},      // white space includes the line feed
+        {A | NL, "\\w+@\\w+", true},
+        {E, "^ab", false},             // string start only: a cut would look like one
+        {E | NL, "^ab", true},         // after any line feed as well
+        {E, "ab$", true},              // the end is never at a cut
+        {A | NL, "\\Aab", false},      // the string start, even in line mode
+        {A | NL, "a(?=b)", false},     // look-ahead reads past the match
+        {A | NL, "([a-z])\\1", true},
+        {E | NL | I, "order-[0-9]+", true},
+    };
+    for (const auto& r : rows) {
+        for (const bool wide : {false, true}) {
+            RxObject o{};
+            const std::wstring w(r.pattern, r.pattern + std::strlen(r.pattern));
+            const int rc = wide ? rxcomp(&o, w.data(), w.size(), r.flags)
+                                : rxcomp(&o, r.pattern, std::strlen(r.pattern), r.flags);
+            ASSERT_EQ(rc, RX_OK) << r.pattern;
+            EXPECT_EQ((o.info & RX_STAYS_IN_LINES) != 0, r.stays)
+                << r.pattern << " flags " << r.flags << (wide ? " wide" : " narrow");
+            rxfree(&o);
+        }
+    }
 }
 
 // Invalid calls are refused with the argument and width codes.
