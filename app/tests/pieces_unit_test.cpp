@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <random>
 #include <string>
 
 using namespace Karu;
@@ -162,3 +164,40 @@ TEST(Pieces, AnEmptyFileIsNoText)
 }
 
 }  // namespace
+
+// Random patterns over random lines: wherever the analysis lets a pattern be
+// worked by pieces, the pieces must give the whole text's bytes.
+TEST(Pieces, RandomPatternsGiveTheWholeTextsBytes)
+{
+    const wchar_t* const atoms[] = {L"a",  L"b",   L".",    L"[^a]", L"\\w", L"\\s", L"\\n", L"^",     L"$",
+                                    L"\\<", L"\\>", L"\\A", L"\\Z",  L"[ab]", L"(a)", L"(b|)", L"(?=a)", L"\\1"};
+    const wchar_t* const quantifiers[] = {L"", L"", L"*", L"+", L"?", L"{2}", L"*?"};
+    const wchar_t* const prefixes[] = {L"", L"***:"};
+    const TextConvPtr conv = TTextConv::CreateConv(0, stringEx("UTF-8"));
+    std::mt19937 rng(20261123);
+    int worked = 0;
+    for (int round = 0; round < 3000; ++round) {
+        std::wstring pattern = prefixes[rng() % 2];
+        for (int n = 1 + static_cast<int>(rng() % 4); n > 0; --n) {
+            pattern += atoms[rng() % std::size(atoms)];
+            pattern += quantifiers[rng() % std::size(quantifiers)];
+        }
+        const bool ignoreCase = rng() % 4 == 0, ignoreNewline = rng() % 3 == 0;
+        const ReplacePairs pairs = Patterns({{pattern.c_str(), L"<\\0\\1>"}}, ignoreCase, ignoreNewline);
+        if (!pairs[0].regex || !PairsAllowPieces(kMethodRegex, pairs))
+            continue;
+        ++worked;
+        std::string text;
+        for (int n = static_cast<int>(rng() % 30); n > 0; --n)
+            text += "ab A\n"[rng() % 5];
+        uint32_t wholeCount;
+        const std::string whole = Whole(text, kMethodRegex, pairs, *conv, *conv, wholeCount);
+        stringEx encoded;
+        const PIECES_RESULT result =
+            ReplaceByPieces(stringEx(text.data(), text.size()), kMethodRegex, pairs, *conv, *conv, encoded, 1);
+        const std::string where = "pattern " + std::string(pattern.begin(), pattern.end()) + " on \"" + text + "\"";
+        ASSERT_EQ(std::string(encoded.data(), encoded.size()), whole) << where;
+        ASSERT_EQ(result.replaced, wholeCount) << where;
+    }
+    EXPECT_GT(worked, 300) << "too few patterns qualified to test anything";
+}
