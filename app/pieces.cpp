@@ -73,6 +73,12 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
     const Utf8Pairs bytePairs = PairsForBytes(method, pairs, in, out);
     stringEx pending, pieceOut;
     wstringEx text, scratch;
+    // The copying replace reserves some room above its text's size, and the
+    // two buffers change roles at every pair: both sized for a piece with
+    // that room from the start, neither regrows into fresh memory each time.
+    const uint64_t room = pieceBytes + pieceBytes / 4 + 4096;
+    text.ReserveExact(room);
+    scratch.ReserveExact(room);
     const uint64_t block = std::max<uint64_t>(pieceBytes, 1 << 16);
     bool atEnd = false;
     while (!atEnd || !pending.empty()) {

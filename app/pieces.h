@@ -52,10 +52,10 @@ using PieceReader = std::function<uint64_t(char* room, uint64_t n)>;
 // appends each piece's encoding by `out` to `encoded`. A piece ends just
 // after the first line feed at or past `pieceBytes`, or at the end.
 PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const ReplacePairs& pairs, TTextConv& in,
-                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes = uint64_t(1) << 20);
+                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes = uint64_t(1) << 16);
 
 // The same over bytes in memory.
 PIECES_RESULT ReplaceByPieces(const stringEx& bytes, int32_t method, const ReplacePairs& pairs, TTextConv& in,
-                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes = uint64_t(1) << 20);
+                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes = uint64_t(1) << 16);
 
 }  // namespace Karu
