@@ -30,6 +30,20 @@ void record(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
     ex.matches[n].end = end - ex.start;
 }
 
+// The next midpoint to try after `mid`: the next shorter end the last walk
+// reported, when it did, or the end another walk finds.
+template <class Ch>
+const Ch* nextMidpoint(Dfa<Ch>& d, const Ch* begin, const Ch* mid, const Ch* end, bool shorter, const Ch*& next,
+                       bool& nextKnown)
+{
+    if (nextKnown) {
+        nextKnown = false;
+        return next;
+    }
+    nextKnown = !shorter;
+    return shorter ? d.shortest(begin, mid + 1, end, nullptr, nullptr) : d.longest(begin, mid - 1, nullptr, &next);
+}
+
 template <class Ch>
 int concatenation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch* end)
 {
@@ -51,13 +65,7 @@ int concatenation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, const Ch
         while (d2.longest(mid, end, nullptr) != end) {
             if (ex.err) return ex.err;
             if (mid == last) return RX_ERR_INTERNAL;
-            if (nextKnown) {
-                mid = next;
-                nextKnown = false;
-            } else {
-                mid = shorter ? d.shortest(begin, mid + 1, end, nullptr, nullptr) : d.longest(begin, mid - 1, nullptr, &next);
-                nextKnown = !shorter;
-            }
+            mid = nextMidpoint(d, begin, mid, end, shorter, next, nextKnown);
             if (!mid) return ex.err ? ex.err : RX_ERR_INTERNAL;
         }
     }
@@ -138,13 +146,7 @@ int retryConcatenation(ExecState<Ch>& ex, const Subexpr* t, const Ch* begin, con
         }
         if (r != RX_NOMATCH) return r;
         if (mid == (shorter ? end : begin)) return RX_NOMATCH;
-        if (nextKnown) {
-            mid = next;
-            nextKnown = false;
-        } else {
-            mid = shorter ? d.shortest(begin, mid + 1, end, nullptr, nullptr) : d.longest(begin, mid - 1, nullptr, &next);
-            nextKnown = !shorter;
-        }
+        mid = nextMidpoint(d, begin, mid, end, shorter, next, nextKnown);
         if (ex.err) return ex.err;
         if (!mid) return RX_NOMATCH;
         memory = static_cast<uint64_t>(mid - begin) + 1;
