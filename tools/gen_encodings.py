@@ -22,6 +22,8 @@ Usage: gen_encodings.py [--check]   (--check compares with the checked-in file)
 import os
 import sys
 
+from checked_output import write_or_check
+
 OUT = os.path.join(os.path.dirname(__file__), '..', 'lib', 'utilitis', 'src',
                    'TextConv', 'encoding_table.inc')
 
@@ -214,15 +216,7 @@ def render():
 
 def main():
     text = render()
-    if '--check' in sys.argv[1:]:
-        with open(OUT, encoding='utf-8') as f:
-            if f.read() != text:
-                print(f'{OUT} is out of date: run tools/gen_encodings.py', file=sys.stderr)
-                return 1
-        return 0
-    with open(OUT, 'w', encoding='utf-8') as f:
-        f.write(text)
-    return 0
+    return write_or_check(OUT, text, 'tools/gen_encodings.py')
 
 
 if __name__ == '__main__':

@@ -35,6 +35,8 @@ import os
 import sys
 import unicodedata as ud
 
+from checked_output import write_or_check
+
 OUT = os.path.join(os.path.dirname(__file__), '..', 'lib', 'utilitis', 'src',
                    'regex', 'unicode_classes.inc')
 
@@ -147,19 +149,7 @@ def main():
     text = render(classes)
     if not check_sizes(classes):
         return 1
-    if '--check' in sys.argv[1:]:
-        try:
-            with open(OUT, encoding='utf-8') as f:
-                current = f.read()
-        except OSError:
-            current = None
-        if current != text:
-            print('%s is out of date; run %s' % (OUT, sys.argv[0]), file=sys.stderr)
-            return 1
-        return 0
-    with open(OUT, 'w', encoding='utf-8') as f:
-        f.write(text)
-    return 0
+    return write_or_check(OUT, text, 'tools/gen_regex_classes.py')
 
 
 if __name__ == '__main__':

@@ -29,6 +29,8 @@ import os
 import sys
 import unicodedata as ud
 
+from checked_output import write_or_check
+
 OUT = os.path.join(os.path.dirname(__file__), '..', 'lib', 'utilitis', 'src',
                    'string', 'unicode_table.inc')
 
@@ -132,15 +134,7 @@ static const UniWideCase kUniWideCase[{len(escapes)}] = {{
 
 def main():
     text = render()
-    if '--check' in sys.argv[1:]:
-        with open(OUT, encoding='utf-8') as f:
-            if f.read() != text:
-                print(f'{OUT} is out of date: run tools/gen_unicode.py', file=sys.stderr)
-                return 1
-        return 0
-    with open(OUT, 'w', encoding='utf-8') as f:
-        f.write(text)
-    return 0
+    return write_or_check(OUT, text, 'tools/gen_unicode.py')
 
 
 if __name__ == '__main__':
