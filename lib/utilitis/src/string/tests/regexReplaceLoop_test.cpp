@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "wide_text.h"
+
 #include <random>
 #include <string>
 
@@ -11,18 +13,8 @@ using namespace Karu;
 
 namespace {
 
-std::string Narrow(const std::wstring& w)
-{
-    std::string s;
-    for (wchar_t c : w)
-        s += c < 0x80 ? static_cast<char>(c) : '?';
-    return s;
-}
-
-std::wstring Show(const wstringEx& s)
-{
-    return std::wstring(s.data(), s.size());
-}
+using test::Narrow;
+using test::Show;
 
 // The four switches of the tool, as (ignoreCase, newlineSensitive).
 struct Method {

@@ -4,24 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include "wide_text.h"
+
 #include <string>
 
 using namespace Karu;
 
 namespace {
 
-std::string Narrow(const std::wstring& w)
-{
-    std::string s;
-    for (wchar_t c : w)
-        s += c < 0x80 ? static_cast<char>(c) : '?';
-    return s;
-}
-
-std::wstring Show(const wstringEx& s)
-{
-    return std::wstring(s.data(), s.size());
-}
+using test::Narrow;
+using test::Show;
 
 TEST(RegexReplace, GroupReferencesAndBackslashes)
 {
