@@ -329,28 +329,37 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
         before = post;
         post = cp;
     }
+    // A set's seenAt is written when the walk leaves it (and before a miss,
+    // whose eviction must not take the current set for an idle one), not at
+    // every step spent in it: the steps stay free of stores.
+    bool accepting = css->flags & kSetAccept;
     while (cp < realStop) {
         const colour co = colourIn(leaf0, top, *cp);
         StateSet* ss = row(css)[co];
         if (!ss || ss == &_c->dead) {
             if (ss) break;
+            css->seenAt = cp;
             ss = miss(css, co, cp + 1, start);
             if (!ss) break;
         }
         ++cp;
-        if (ss != css) {
-            loops = 0;
-        } else if (++loops >= kLoopsBeforeSkip) {
-            cp = skip(css, co, cp, realStop);
+        if (ss == css) {
+            if (++loops >= kLoopsBeforeSkip) {
+                cp = skip(css, co, cp, realStop);
+                loops = 0;
+            }
+        } else {
+            css->seenAt = cp - 1;
+            css = ss;
+            accepting = css->flags & kSetAccept;
             loops = 0;
         }
-        ss->seenAt = cp;
-        css = ss;
-        if (ss->flags & kSetAccept) {
+        if (accepting) {
             before = post;
             post = cp;
         }
     }
+    css->seenAt = cp;
     if (_ex.err) return nullptr;
     if (cp == _ex.stop && stop == _ex.stop) {
         if (hitStop) *hitStop = true;
@@ -392,24 +401,30 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     if (!css) return nullptr;
     css->seenAt = cp;
     StateSet* ss = css;
+    bool accepting = css->flags & kSetAccept;
     while (cp < realMax) {
         const colour co = colourIn(leaf0, top, *cp);
         ss = row(css)[co];
         if (!ss || ss == &_c->dead) {
+            css->seenAt = cp;  // see longest(): a miss may evict
             ss = ss ? nullptr : miss(css, co, cp + 1, start);
             if (!ss) break;
         }
         ++cp;
-        if (ss != css) {
-            loops = 0;
-        } else if (++loops >= kLoopsBeforeSkip) {
-            cp = skip(css, co, cp, realMax);
+        if (ss == css) {
+            if (++loops >= kLoopsBeforeSkip) {
+                cp = skip(css, co, cp, realMax);
+                loops = 0;
+            }
+        } else {
+            css->seenAt = cp - 1;
+            css = ss;
+            accepting = css->flags & kSetAccept;
             loops = 0;
         }
-        ss->seenAt = cp;
-        css = ss;
-        if ((ss->flags & kSetAccept) && cp >= realMin) break;
+        if (accepting && cp >= realMin) break;
     }
+    css->seenAt = cp;
     if (!ss || _ex.err) return nullptr;
     if (cold) *cold = lastCold();
     if ((ss->flags & kSetAccept) && cp > min) return cp - 1;
