@@ -83,7 +83,7 @@ StateSet* Dfa<Ch>::pick(const Ch* cp, const Ch* start)
         ++_c->used;
         s->flags = 0;
         s->in = {nullptr, kWhite};
-        s->seenAt = nullptr;
+        s->walk = 0;
         s->stay = nullptr;
         for (int i = 0; i < _c->colours; ++i) {
             s->outs[i] = nullptr;
@@ -99,7 +99,7 @@ StateSet* Dfa<Ch>::pick(const Ch* cp, const Ch* start)
         const int to = round == 0 ? _c->capacity : _c->hand;
         for (int i = from; i < to; ++i) {
             StateSet* s = _c->set(i);
-            if (!(s->flags & kSetPinned) && (s->seenAt == nullptr || seen(s) < ancient)) {
+            if (!(s->flags & kSetPinned) && (s->walk != _c->walk || seen(s) < ancient)) {
                 _c->hand = i + 1;
                 return s;
             }
@@ -141,10 +141,8 @@ StateSet* Dfa<Ch>::vacant(const Ch* cp, const Ch* start)
         s->outs[co] = nullptr;
         s->nextIn[co] = {nullptr, kWhite};
     }
-    // Keep what the victim knew about match ends.
-    if ((s->flags & kSetCold) && s->seenAt && (_latestCold == nullptr || _latestCold < seen(s))) _latestCold = seen(s);
     s->flags = 0;
-    s->seenAt = nullptr;
+    s->walk = 0;
     s->stay = nullptr;  // the row was for the set it held
     return s;
 }
@@ -166,9 +164,11 @@ StateSet* Dfa<Ch>::initialize(const Ch* start)
         ss->flags = kSetStart | kSetPinned | kSetCold;
         ss->stay = nullptr;
     }
-    for (int i = 0; i < _c->used; ++i) _c->set(i)->seenAt = nullptr;
-    ss->seenAt = start;
+    // The positions of earlier walks go stale by the new stamp, without a
+    // pass over the sets.
+    ++_c->walk;
     _latestCold = nullptr;
+    note(ss, start);
     return ss;
 }
 
@@ -302,9 +302,8 @@ const Ch* Dfa<Ch>::skip(StateSet* css, colour co, const Ch* cp, const Ch* stop)
     return cp;
 }
 
-// The match ends are noted as the walk reaches accepting sets (a set's
-// seenAt is the last time it was current, so the latest of them is the
-// latest accepting step); the one before the last is what a walk stopped just
+// The match ends are noted as the walk reaches accepting sets; the one
+// before the last is what a walk stopped just
 // short of the last would return, which saves the callers that narrow a
 // candidate down a second walk.
 template <class Ch>
@@ -324,12 +323,12 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
     if (css->flags & kSetAccept) post = start;
     css = miss(css, startContext(start), cp, start);
     if (!css) return nullptr;
-    css->seenAt = cp;
+    note(css, cp);
     if (css->flags & kSetAccept) {
         before = post;
         post = cp;
     }
-    // A set's seenAt is written when the walk leaves it (and before a miss,
+    // A set's position is noted when the walk leaves it (and before a miss,
     // whose eviction must not take the current set for an idle one), not at
     // every step spent in it: the steps stay free of stores.
     bool accepting = css->flags & kSetAccept;
@@ -338,7 +337,7 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
         StateSet* ss = row(css)[co];
         if (!ss || ss == &_c->dead) {
             if (ss) break;
-            css->seenAt = cp;
+            note(css, cp);
             ss = miss(css, co, cp + 1, start);
             if (!ss) break;
         }
@@ -349,7 +348,7 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
                 loops = 0;
             }
         } else {
-            css->seenAt = cp - 1;
+            note(css, cp - 1);
             css = ss;
             accepting = css->flags & kSetAccept;
             loops = 0;
@@ -359,7 +358,7 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
             post = cp;
         }
     }
-    css->seenAt = cp;
+    note(css, cp);
     if (_ex.err) return nullptr;
     if (cp == _ex.stop && stop == _ex.stop) {
         if (hitStop) *hitStop = true;
@@ -368,21 +367,10 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
             if (earlier) *earlier = post ? post - 1 : nullptr;
             return cp;
         }
-        if (ss) ss->seenAt = cp;
+        if (ss) note(ss, cp);
     }
     if (earlier) *earlier = before ? before - 1 : nullptr;
     return post ? post - 1 : nullptr;
-}
-
-template <class Ch>
-const Ch* Dfa<Ch>::lastCold() const
-{
-    const Ch* cold = _latestCold ? _latestCold : _ex.start;
-    for (int i = 0; i < _c->used; ++i) {
-        const StateSet* s = _c->set(i);
-        if ((s->flags & kSetCold) && s->seenAt && cold < seen(s)) cold = seen(s);
-    }
-    return cold;
 }
 
 template <class Ch>
@@ -399,14 +387,14 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     if (!css) return nullptr;
     css = miss(css, startContext(start), cp, start);
     if (!css) return nullptr;
-    css->seenAt = cp;
+    note(css, cp);
     StateSet* ss = css;
     bool accepting = css->flags & kSetAccept;
     while (cp < realMax) {
         const colour co = colourIn(leaf0, top, *cp);
         ss = row(css)[co];
         if (!ss || ss == &_c->dead) {
-            css->seenAt = cp;  // see longest(): a miss may evict
+            note(css, cp);  // see longest(): a miss may evict
             ss = ss ? nullptr : miss(css, co, cp + 1, start);
             if (!ss) break;
         }
@@ -417,16 +405,16 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
                 loops = 0;
             }
         } else {
-            css->seenAt = cp - 1;
+            note(css, cp - 1);
             css = ss;
             accepting = css->flags & kSetAccept;
             loops = 0;
         }
         if (accepting && cp >= realMin) break;
     }
-    css->seenAt = cp;
+    note(css, cp);
     if (!ss || _ex.err) return nullptr;
-    if (cold) *cold = lastCold();
+    if (cold) *cold = _latestCold ? _latestCold : _ex.start;
     if ((ss->flags & kSetAccept) && cp > min) return cp - 1;
     if (cp == _ex.stop && max == _ex.stop) {
         ss = miss(css, endContext(), cp, start);

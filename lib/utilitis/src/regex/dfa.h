@@ -4,9 +4,9 @@
 // A state set is made when first reached and remembers, per colour, the set
 // that follows it, so in the steady state one character costs a colour lookup
 // and an array read. When the cache is full a clock hand evicts a set that
-// was not seen in the latest two thirds of the cache's size in positions; what
-// an evicted set knew about cold starts survives in latestCold (match ends
-// are noted by the walk itself).
+// was not seen in the latest two thirds of the cache's size in positions. The
+// latest cold start and the match ends are noted by the walk itself, so an
+// eviction loses nothing of them.
 // Every walk first consumes the colour of the context before its start (the
 // previous character or a start-of-string pseudo colour), which is what lets
 // look-behind constraints work; a post state reached at p means a match that
@@ -41,7 +41,8 @@ struct StateSet {
     uint32_t hash;
     uint32_t flags;
     InLink in;            // head of the chain of transitions into this set
-    const void* seenAt;   // position where last current in this walk, or null
+    const void* seenAt;   // position where last current, in the walk stamped `walk`
+    uint64_t walk;        // the walk that set seenAt; another walk's is stale
     StateSet** outs;      // per colour; in the slot, right after the set
     InLink* nextIn;       // per colour: next link of the target's chain
     uint8_t* stay;        // see Dfa::skip; null until the set loops on itself
@@ -54,9 +55,9 @@ constexpr uint32_t kSetPinned = 4;
 constexpr uint32_t kSetCold = 8;
 
 // The part of a matcher that outlives one walk, and one call: the state sets
-// with their transitions. What a walk remembers of positions (seenAt, the
-// latest match ends of evicted sets) is reset when the next walk begins, so a
-// cache serves any subject and any run flags; only RX_SMALLCACHE, which
+// with their transitions. What a walk remembers of positions (seenAt) goes
+// stale when the next walk begins, by a stamp per walk, so a cache serves
+// any subject and any run flags; only RX_SMALLCACHE, which
 // changes the capacity, gets a cache of its own for the call.
 struct DfaCache {
     bool init(const CompactNfa& nfa, bool small);
@@ -66,6 +67,7 @@ struct DfaCache {
     int words = 0;
     int colours = 0;
     int hand = 0;       // the clock hand of replacement
+    uint64_t walk = 0;  // stamp of the latest walk (0 marks a set not seen)
     bool busy = false;  // a walker holds it (a walk may start another, e.g. a look-ahead)
     StateSet dead{};    // the target of a transition known to lead nowhere
     // Each slot is a StateSet followed by its row of transitions, so that a
@@ -152,8 +154,16 @@ private:
     StateSet* pick(const Ch* cp, const Ch* start);
     const Ch* skip(StateSet* css, colour co, const Ch* cp, const Ch* stop);
     bool lookahead(int index, const Ch* cp);
-    const Ch* lastCold() const;
     static const Ch* seen(const StateSet* s) { return static_cast<const Ch*>(s->seenAt); }
+    // Notes that s was current at `at`. Positions only grow during a walk,
+    // so the latest note of a set from which no match was under way is the
+    // latest cold start, even for a set evicted since.
+    void note(StateSet* s, const Ch* at) noexcept
+    {
+        s->seenAt = at;
+        s->walk = _c->walk;
+        if (s->flags & kSetCold) _latestCold = at;
+    }
     colour startContext(const Ch* start) const
     {
         if (start == _ex.start) return _nfa.startColours[(_ex.runFlags & RX_NOLINESTART) ? 0 : 1];
@@ -167,7 +177,7 @@ private:
     colour* const* _top;
     DfaCache* _c = nullptr;
     std::unique_ptr<DfaCache> _private;
-    const Ch* _latestCold = nullptr;
+    const Ch* _latestCold = nullptr;  // see note()
 };
 
 }  // namespace Karu::IMPL::rx
