@@ -86,7 +86,7 @@ struct Internals {
     int unitSize = 1;
     int automatonCount = 0;  // automata with a cacheSlot
     std::vector<colour> prefix;  // the colours every match begins with (see prefix.h)
-    std::string prefixBytes;     // the same as narrow units, when each colour is one
+    std::string prefixBytes;     // its leading colours of one unit each, as narrow units
     bool prefixIsWhole = false;    // the pattern is that literal and nothing more
     mutable CachePool caches;
 };

@@ -77,10 +77,11 @@ void analysePrefix(Internals& in)
         if (in.prefix.size() > 4096) break;  // plenty to search for
     }
     if (in.prefix.empty()) return;
-    bool exact = in.unitSize == 1;
-    for (colour c : in.prefix) exact = exact && count[static_cast<size_t>(c)] == 1;
-    if (exact)
-        for (colour c : in.prefix) in.prefixBytes.push_back(static_cast<char>(only[static_cast<size_t>(c)]));
+    if (in.unitSize == 1)
+        for (colour c : in.prefix) {
+            if (count[static_cast<size_t>(c)] != 1) break;
+            in.prefixBytes.push_back(static_cast<char>(only[static_cast<size_t>(c)]));
+        }
     in.prefixIsWhole = acceptsAny(a, map, a.entry, first, a.startColours) &&
                        acceptsAny(a, map, state, a.exit, a.endColours);
 }
@@ -90,18 +91,25 @@ const Ch* findPrefix(const Internals& in, const Ch* from, const Ch* stop) noexce
 {
     const size_t n = in.prefix.size();
     if (static_cast<size_t>(stop - from) < n) return nullptr;
-    if constexpr (sizeof(Ch) == 1) {
-        if (!in.prefixBytes.empty()) {
-            const void* hit = memmem(from, static_cast<size_t>(stop - from), in.prefixBytes.data(), n);
-            return static_cast<const Ch*>(hit);
-        }
-    }
     // Colour by colour, as the automata read: the wide map by the low 16
     // bits, a folded letter as either case.
     const ColourMap& map = in.colourMap;
     auto colourAt = [&map](Ch c) { return map.colourOf(static_cast<uint32_t>(static_cast<std::make_unsigned_t<Ch>>(c)) & (map.alphabet() - 1)); };
     const colour* p = in.prefix.data();
     const Ch* last = stop - n;
+    if constexpr (sizeof(Ch) == 1) {
+        // The bytes the prefix begins with are found by a string search and
+        // the rest is checked colour by colour.
+        const size_t k = in.prefixBytes.size();
+        for (const Ch* cp = from; k && cp <= last; ++cp) {
+            cp = static_cast<const Ch*>(memmem(cp, static_cast<size_t>(stop - cp), in.prefixBytes.data(), k));
+            if (!cp || cp > last) return nullptr;
+            size_t i = k;
+            while (i < n && colourAt(cp[i]) == p[i]) ++i;
+            if (i == n) return cp;
+        }
+        if (k) return nullptr;
+    }
     for (const Ch* cp = from; cp <= last; ++cp) {
         if (colourAt(*cp) != p[0]) continue;
         size_t i = 1;

@@ -126,7 +126,7 @@ TEST(RegexPrefix, Analysis)
     struct Row {
         int flags;
         const char* pattern;
-        const char* prefix;  // when every colour is one character
+        const char* prefix;  // its leading colours of one character each
         size_t colours;
         bool whole;
     };
@@ -137,7 +137,8 @@ TEST(RegexPrefix, Analysis)
         {RX_SYNTAX_EXT, "^ab", "ab", 2, false},
         {RX_SYNTAX_EXT, "ab$", "ab", 2, false},
         {RX_SYNTAX_EXT | RX_FOLDCASE, "ab", "", 2, true},
-        {RX_SYNTAX_EXT, "a[bc]d", "", 3, true},
+        {RX_SYNTAX_EXT, "a[bc]d", "a", 3, true},
+        {RX_SYNTAX_EXT, "order-[0-9]+", "order-", 7, false},
         {RX_SYNTAX_EXT, "[a-z]x", "", 0, false},
         {RX_SYNTAX_EXT, "a|b", "", 0, false},
         {RX_SYNTAX_EXT, "", "", 0, false},
