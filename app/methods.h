@@ -30,14 +30,23 @@ METHOD_CHOICE SelectMethod(const CCmdLine& cmdLine);
 // in-place form works on text alone; the copying form builds the result in
 // scratch and then exchanges the two, so that text holds the result and
 // scratch the old buffer for the next pair. Returns false in `known` for a
-// method that has no routine.
-uint32_t ApplyPair(int32_t method, const REPLACE_PAIR& pair, wstringEx& text, wstringEx& scratch, bool inPlace,
+// method that has no routine. The pair's parts come apart so that the bytes
+// of a UTF-8 text can take the same routines (see pieces.h).
+template <class T>
+uint32_t ApplyPair(int32_t method, const basic_string_ex<T>& find, const basic_string_ex<T>& replace,
+                   const PairPattern& regex, basic_string_ex<T>& text, basic_string_ex<T>& scratch, bool inPlace,
                    bool& known);
 
-// Regular-expression side: the pattern of a pair is compiled once, when the
-// pairs are loaded, and the two replace forms run it over a text.
-PairPattern CompilePairPattern(const wstringEx& find, bool ignoreCase, bool ignoreNewline);
-uint32_t RegexReplaceCopy(const REPLACE_PAIR& pair, const wstringEx& source, wstringEx& dest);
-uint32_t RegexReplaceInPlace(const REPLACE_PAIR& pair, wstringEx& text);
+inline uint32_t ApplyPair(int32_t method, const REPLACE_PAIR& pair, wstringEx& text, wstringEx& scratch, bool inPlace,
+                          bool& known)
+{
+    return ApplyPair<wchar_t>(method, pair.find, pair.replace, pair.regex, text, scratch, inPlace, known);
+}
+
+// Compiles the pair's find as a pattern, once, when the pairs are loaded:
+// `regex` for the text, and `bytesRegex` for the UTF-8 bytes of a text when
+// it finds there just what `regex` finds in the text (a pattern of ASCII only
+// with RX_MATCHES_ASCII in both builds), null otherwise.
+void CompilePairPatterns(REPLACE_PAIR& pair, bool ignoreCase, bool ignoreNewline);
 
 }  // namespace Karu

@@ -132,7 +132,7 @@ void LoadPairs(ReplacePairs& pairs, const wstringEx& text, const wstringEx& deli
         if (pair.find.empty())
             continue;
         if (regexMode)
-            pair.regex = CompilePairPattern(pair.find, ignoreCase, ignoreNewline);
+            CompilePairPatterns(pair, ignoreCase, ignoreNewline);
         pairs.push_back(std::move(pair));
     }
 }

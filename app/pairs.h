@@ -20,6 +20,7 @@ struct REPLACE_PAIR {
     wstringEx find;
     wstringEx replace;
     PairPattern regex;
+    PairPattern bytesRegex;  // the same for UTF-8 bytes, when it finds the same (see CompilePairPatterns)
 };
 
 using ReplacePairs = std::vector<REPLACE_PAIR>;

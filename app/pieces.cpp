@@ -7,7 +7,7 @@
 #include <vector>
 
 #include <karu/regex/rx.h>
-#include <karu/string/replace.h>
+#include "methods.h"
 
 namespace Karu {
 
@@ -35,7 +35,13 @@ bool PairsAllowPieces(int32_t method, const ReplacePairs& pairs)
 
 namespace {
 
-using Utf8Pairs = std::vector<std::pair<stringEx, stringEx>>;
+// A pair as the bytes of a UTF-8 piece take it.
+struct BYTE_PAIR {
+    stringEx find;
+    stringEx replace;
+    PairPattern regex;
+};
+using BytePairs = std::vector<BYTE_PAIR>;
 
 bool AllScalars(const wstringEx& text) noexcept
 {
@@ -49,17 +55,41 @@ bool AllScalars(const wstringEx& text) noexcept
 
 // The pairs in UTF-8 as `out` writes them, when a piece may be worked as
 // bytes: see pieces.h. Empty otherwise (a run always has a pair).
-Utf8Pairs PairsForBytes(int32_t method, const ReplacePairs& pairs, const TTextConv& in, TTextConv& out)
+BytePairs PairsForBytes(int32_t method, const ReplacePairs& pairs, const TTextConv& in, TTextConv& out)
 {
-    Utf8Pairs encoded;
-    if (method != kMethodLiteral || !in.IsPlainUtf8() || !out.IsPlainUtf8())
+    BytePairs encoded;
+    if ((method != kMethodLiteral && method != kMethodRegex) || !in.IsPlainUtf8() || !out.IsPlainUtf8())
         return encoded;
     for (const REPLACE_PAIR& pair : pairs) {
         if (!AllScalars(pair.find) || !AllScalars(pair.replace))
-            return Utf8Pairs();
-        encoded.emplace_back(out.WCtoMB(pair.find), out.WCtoMB(pair.replace));
+            return BytePairs();
+        // A pattern that did not compile replaces nothing, in bytes as well.
+        if (method == kMethodRegex && pair.regex && !pair.bytesRegex)
+            return BytePairs();
+        encoded.push_back({out.WCtoMB(pair.find), out.WCtoMB(pair.replace), pair.bytesRegex});
     }
     return encoded;
+}
+
+// Whether the bytes hold a character beyond U+FFFF (a four-byte form): the
+// wide matcher reads such a character by its low 16 bits, bytes can't.
+bool BeyondBmp(const char* bytes, uint64_t n) noexcept
+{
+    // Eight bytes a step: a byte's top bit survives the and of the word with
+    // itself shifted by one to three bits only if its top four bits are set
+    // (what a shift carries into the next byte lands below its top bit).
+    uint64_t any = 0;
+    uint64_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        uint64_t x;
+        std::memcpy(&x, bytes + i, 8);
+        any |= x & (x << 1) & (x << 2) & (x << 3);
+    }
+    for (; i < n; ++i) {
+        const uint64_t x = static_cast<unsigned char>(bytes[i]);
+        any |= x & (x << 1) & (x << 2) & (x << 3);
+    }
+    return (any & 0x8080808080808080u) != 0;
 }
 
 const char kUtf8Signature[] = "\xEF\xBB\xBF";
@@ -70,8 +100,8 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                               TTextConv& out, stringEx& encoded, uint64_t pieceBytes)
 {
     PIECES_RESULT result;
-    const Utf8Pairs bytePairs = PairsForBytes(method, pairs, in, out);
-    stringEx pending, pieceOut;
+    const BytePairs bytePairs = PairsForBytes(method, pairs, in, out);
+    stringEx pending, pieceOut, bytes, byteScratch;
     wstringEx text, scratch;
     // The copying replace reserves some room above its text's size, and the
     // two buffers change roles at every pair: both sized for a piece with
@@ -107,18 +137,20 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
         }
         if (cut == 0)
             break;
-        if (!bytePairs.empty() && IsWellFormedUtf8(pending.data(), cut)) {
-            // The piece goes to the result as it is, and the pairs run over
-            // its bytes there, in place.
+        if (!bytePairs.empty() && IsWellFormedUtf8(pending.data(), cut) &&
+            (method != kMethodRegex || !BeyondBmp(pending.data(), cut))) {
             uint64_t skip = 0;
             if (result.empty && cut >= 3 && std::memcmp(pending.data(), kUtf8Signature, 3) == 0)
                 skip = 3;
-            const uint64_t start = encoded.size();
-            encoded.append(pending.data() + skip, cut - skip);
+            bytes.assign(pending.data() + skip, cut - skip);
             pending.erase(0, cut);
             result.empty = false;
-            for (const auto& [find, replace] : bytePairs)
-                result.replaced += ReplaceInPlace(encoded, find, replace, start);
+            for (const BYTE_PAIR& pair : bytePairs) {
+                bool known;
+                result.replaced += ApplyPair<char>(method, pair.find, pair.replace, pair.regex, bytes, byteScratch,
+                                                   false, known);
+            }
+            encoded.append(bytes);
             continue;
         }
         // The decoder reads the piece where it lies.

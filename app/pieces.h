@@ -16,12 +16,16 @@
 // from piece to piece, and only the encoded result grows with the file: the
 // file itself is read a piece at a time too.
 //
-// When both sides are plain UTF-8 (TTextConv::IsPlainUtf8) and the pairs are
-// case-sensitive literals, a well-formed piece is not converted at all: the
-// UTF-8 forms of the pairs replaced in its bytes give exactly the bytes the
-// conversions would, since a well-formed find can only match where a
-// character begins and text and bytes correspond character for character.
-// A piece that is not well-formed takes the conversions.
+// When both sides are plain UTF-8 (TTextConv::IsPlainUtf8), a well-formed
+// piece is not converted at all if the pairs find in its bytes what they find
+// in its text: the UTF-8 forms of the pairs replaced in the bytes then give
+// exactly the bytes the conversions would. So it is for case-sensitive
+// literals, since a well-formed find can only match where a character begins
+// and text and bytes correspond character for character; and for patterns
+// whose matches are ASCII and that tell no context apart but the line feed
+// and the ends (RX_MATCHES_ASCII: see CompilePairPatterns), as long as the
+// piece has no character beyond U+FFFF, which the wide matcher reads by its
+// low 16 bits. Any other piece takes the conversions.
 #pragma once
 
 #include <functional>

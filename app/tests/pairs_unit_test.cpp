@@ -21,7 +21,7 @@ std::wstring W(const wstringEx& s)
 std::vector<std::wstring> Render(const wchar_t* text, const wchar_t* delimiter = L"->")
 {
     ReplacePairs pairs;
-    pairs.push_back(REPLACE_PAIR{wstringEx(L"stale"), wstringEx(L"pair"), {}});
+    pairs.push_back(REPLACE_PAIR{wstringEx(L"stale"), wstringEx(L"pair"), {}, {}});
     LoadPairs(pairs, wstringEx(text), wstringEx(delimiter), false, false, false);
     std::vector<std::wstring> out;
     for (const REPLACE_PAIR& pair : pairs) {

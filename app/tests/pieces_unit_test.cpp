@@ -20,7 +20,7 @@ ReplacePairs Pairs(std::initializer_list<std::pair<const wchar_t*, const wchar_t
 {
     ReplacePairs pairs;
     for (const auto& [find, replace] : list)
-        pairs.push_back(REPLACE_PAIR{wstringEx(find), wstringEx(replace), {}});
+        pairs.push_back(REPLACE_PAIR{wstringEx(find), wstringEx(replace), {}, {}});
     return pairs;
 }
 
@@ -30,7 +30,7 @@ ReplacePairs Patterns(std::initializer_list<std::pair<const wchar_t*, const wcha
 {
     ReplacePairs pairs = Pairs(list);
     for (REPLACE_PAIR& pair : pairs)
-        pair.regex = CompilePairPattern(pair.find, ignoreCase, ignoreNewline);
+        CompilePairPatterns(pair, ignoreCase, ignoreNewline);
     return pairs;
 }
 
@@ -83,6 +83,12 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
          Patterns({{L"(\\w)\\1", L"\\1"}, {L"l+", L"L"}, {L"L[^ ]", L"\\0\\0"}}), "hello all\nbook\n\nll\n"},
         {"case-blind pattern", "UTF-8", "UTF-8", kMethodRegex,
          Patterns({{L"stra(ss|\u00df)e", L"road"}}, true), "Strasse STRA\xC3\x9F" "E\nstrasse\n"},
+        {"a word start next to letters beyond ASCII", "UTF-8", "UTF-8", kMethodRegex,
+         Patterns({{L"***:\\ma", L"X"}, {L"order-[0-9]+", L"ID"}}), "\xC3\xA9" "a ba a\n\xE4\xB8\xAD" "a order-12\n"},
+        {"a word end next to letters beyond ASCII", "UTF-8", "UTF-8", kMethodRegex, Patterns({{L"***:b\\M", L"Y"}}),
+         "ab\xC3\xA9 b\n"},
+        {"a character beyond U+FFFF, read by its low 16 bits", "UTF-8", "UTF-8", kMethodRegex,
+         Patterns({{L"ab", L"X"}}), "\xF0\x90\x81\xA1" "b ab\nab\n"},
         {"pattern outside line mode", "CP1252", "CP1252", kMethodRegex,
          Patterns({{L"order-[0-9]+", L"ID"}}, false, true), "order-1\norder-22 \x80 order-\norder-3"},
         {"double-byte with bad bytes before line feeds", "GBK", "GBK", kMethodLiteral,
@@ -166,16 +172,21 @@ TEST(Pieces, AnEmptyFileIsNoText)
 }  // namespace
 
 // Random patterns over random lines: wherever the analysis lets a pattern be
-// worked by pieces, the pieces must give the whole text's bytes.
+// worked by pieces, the pieces must give the whole text's bytes, and so must
+// the bytes of a UTF-8 piece wherever a pattern is compiled for them. The
+// text has characters of every UTF-8 length, one beyond U+FFFF whose low 16
+// bits are an 'a'.
 TEST(Pieces, RandomPatternsGiveTheWholeTextsBytes)
 {
     const wchar_t* const atoms[] = {L"a",  L"b",   L".",    L"[^a]", L"\\w", L"\\s", L"\\n", L"^",     L"$",
-                                    L"\\<", L"\\>", L"\\A", L"\\Z",  L"[ab]", L"(a)", L"(b|)", L"(?=a)", L"\\1"};
+                                    L"\\<", L"\\>", L"\\A", L"\\Z",  L"[ab]", L"(a)", L"(b|)", L"(?=a)", L"\\1",
+                                    L"\u00e9", L"[a\u00e9]", L"\\d", L"[[:alpha:]]", L"\\m", L"\\M", L"[a-z]"};
     const wchar_t* const quantifiers[] = {L"", L"", L"*", L"+", L"?", L"{2}", L"*?"};
     const wchar_t* const prefixes[] = {L"", L"***:"};
     const TextConvPtr conv = TTextConv::CreateConv(0, stringEx("UTF-8"));
     std::mt19937 rng(20261123);
-    int worked = 0;
+    const char* const letters[] = {"a", "b", " ", "A", "\n", "\xC3\xA9", "\xE4\xB8\xAD", "\xF0\x90\x81\xA1"};
+    int worked = 0, inBytes = 0;
     for (int round = 0; round < 3000; ++round) {
         std::wstring pattern = prefixes[rng() % 2];
         for (int n = 1 + static_cast<int>(rng() % 4); n > 0; --n) {
@@ -187,9 +198,10 @@ TEST(Pieces, RandomPatternsGiveTheWholeTextsBytes)
         if (!pairs[0].regex || !PairsAllowPieces(kMethodRegex, pairs))
             continue;
         ++worked;
+        inBytes += pairs[0].bytesRegex ? 1 : 0;
         std::string text;
         for (int n = static_cast<int>(rng() % 30); n > 0; --n)
-            text += "ab A\n"[rng() % 5];
+            text += letters[rng() % std::size(letters)];
         uint32_t wholeCount;
         const std::string whole = Whole(text, kMethodRegex, pairs, *conv, *conv, wholeCount);
         stringEx encoded;
@@ -200,4 +212,5 @@ TEST(Pieces, RandomPatternsGiveTheWholeTextsBytes)
         ASSERT_EQ(result.replaced, wholeCount) << where;
     }
     EXPECT_GT(worked, 300) << "too few patterns qualified to test anything";
+    EXPECT_GT(inBytes, 100) << "too few patterns were worked in bytes";
 }

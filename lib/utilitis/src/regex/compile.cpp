@@ -272,6 +272,7 @@ int Compiler<Ch>::finish()
     in.automatonCount = slots;
     analysePrefix(in);
     if (staysWithinLines(in)) _info |= RX_STAYS_IN_LINES;
+    if (matchesOnlyAscii(in)) _info |= RX_MATCHES_ASCII;
     in.info = _info;
     in.magic = kInternalsMagic;
     _object->groupCount = in.groupCount;

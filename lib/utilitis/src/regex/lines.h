@@ -16,4 +16,13 @@ namespace Karu::IMPL::rx {
 
 bool staysWithinLines(const Internals& in);
 
+// Whether every match is a non-empty run of ASCII characters and the only
+// contexts around a match the pattern tells apart are a line feed, the ends
+// of the string and any other character. Such a pattern finds in the UTF-8
+// bytes of a text what it finds in the text. Read off the tree's automata:
+// between the first step and the last no arc takes a colour holding a
+// character beyond ASCII, and the first and the last step treat alike every
+// colour that holds a character other than the line feed.
+bool matchesOnlyAscii(const Internals& in);
+
 }  // namespace Karu::IMPL::rx

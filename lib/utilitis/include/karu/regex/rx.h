@@ -62,6 +62,12 @@ constexpr long RX_PREFERS_SHORTEST = 0x2000;
 // just after line feeds gives, piece by piece, the matches of the whole,
 // except for empty matches at a cut (see RX_CAN_BE_EMPTY).
 constexpr long RX_STAYS_IN_LINES = 0x4000;
+// Every match is a non-empty run of ASCII characters, and what the pattern
+// reads around a match tells only a line feed and the string's ends from the
+// rest: in the UTF-8 bytes of a text it finds what it finds in the text. The
+// wide build reads a character beyond U+FFFF by its low 16 bits, so there it
+// holds for texts without such characters.
+constexpr long RX_MATCHES_ASCII = 0x8000;
 
 // Results of rxcomp and rxexec. 14 is not used.
 constexpr int RX_OK = 0;

@@ -295,7 +295,7 @@ TEST(RegexConformance, AnalysisBits)
     }
     RxObject plain{};
     ASSERT_EQ(rxcomp(&plain, "abc", 3, E), RX_OK);
-    EXPECT_EQ(plain.info, RX_STAYS_IN_LINES) << "a plain literal uses nothing special";
+    EXPECT_EQ(plain.info, RX_STAYS_IN_LINES | RX_MATCHES_ASCII) << "a plain literal uses nothing special";
     rxfree(&plain);
 }
 
@@ -332,6 +332,48 @@ TEST(RegexConformance, StaysInLinesOnlyWhenNoMatchCanTellACut)
                                 : rxcomp(&o, r.pattern, std::strlen(r.pattern), r.flags);
             ASSERT_EQ(rc, RX_OK) << r.pattern;
             EXPECT_EQ((o.info & RX_STAYS_IN_LINES) != 0, r.stays)
+                << r.pattern << " flags " << r.flags << (wide ? " wide" : " narrow");
+            rxfree(&o);
+        }
+    }
+}
+
+// Whether a pattern finds in the UTF-8 bytes of a text what it finds in the
+// text: saying yes wrongly would let a caller replace in bytes where the text
+// gives another result. The builds differ where their classes do.
+TEST(RegexConformance, MatchesAsciiOnlyWhenBytesFindTheSame)
+{
+    const struct {
+        int flags;
+        const char* pattern;
+        bool narrow, wide;
+    } rows[] = {
+        {E, "order-[0-9]+", true, true},
+        {E, "(alpha|bravo)", true, true},
+        {E, "[a-z]+ing", true, true},
+        {E | NL, "^ab", true, true},     // a line start is a line feed before, in bytes too
+        {E, "ab$", true, true},
+        {A, "\\Aab", true, true},
+        {A, "([a-z])\\1", true, true},
+        {E | I, "abc", true, true},
+        {E | NL, "a.c", false, false},   // the dot takes any character
+        {E, "[^a]x", false, false},
+        {E, "x*", false, false},         // an empty match could fall inside a character
+        {A, "\\mab", false, false},    // a word start reads the character before
+        {A, "ab\\M", false, false},    // a word end the one after
+        {A, "a(?=b)", false, false},
+        {E, "[[:alpha:]]+", true, false},
+        {A, "\\d+", true, false},      // the wide digits are more than ASCII ones
+        {A, "[[:space:]]x", true, false},
+    };
+    for (const auto& r : rows) {
+        for (const bool wide : {false, true}) {
+            RxObject o{};
+            const std::wstring w(r.pattern, r.pattern + std::strlen(r.pattern));
+            const int rc = wide ? rxcomp(&o, w.data(), w.size(), r.flags)
+                                : rxcomp(&o, r.pattern, std::strlen(r.pattern), r.flags);
+            ASSERT_EQ(rc, RX_OK) << r.pattern;
+            EXPECT_EQ((o.info & RX_MATCHES_ASCII) != 0, wide ? r.wide : r.narrow)
                 << r.pattern << " flags " << r.flags << (wide ? " wide" : " narrow");
             rxfree(&o);
         }
