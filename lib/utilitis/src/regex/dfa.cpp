@@ -373,6 +373,30 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
     return post ? post - 1 : nullptr;
 }
 
+// The search's common case: four known steps, none to an accepting set. One
+// branch for the four and no store but the latest cold start. Null when a
+// step needs the careful loop (unknown, dead or accepting); `stayed` tells
+// whether all four stayed in css.
+template <class Ch>
+[[gnu::always_inline]] inline StateSet* Dfa<Ch>::fourSteps(StateSet* css, const Ch* cp, const colour* leaf0, colour* const* top, bool& stayed)
+{
+    const StateSet* const dead = &_c->dead;
+    StateSet* s[4];
+    StateSet* at = css;
+    for (int i = 0; i < 4; ++i) {
+        at = row(at)[colourIn(leaf0, top, cp[i])];
+        if (!at || at == dead) return nullptr;
+        s[i] = at;
+    }
+    if ((s[0]->flags | s[1]->flags | s[2]->flags | s[3]->flags) & kSetAccept) return nullptr;
+    const Ch* cold = (css->flags & kSetCold) ? cp : _latestCold;
+    for (int i = 0; i < 4; ++i)
+        if (s[i]->flags & kSetCold) cold = cp + i + 1;
+    _latestCold = cold;
+    stayed = (s[0] == css) & (s[1] == css) & (s[2] == css) & (s[3] == css);
+    return s[3];
+}
+
 template <class Ch>
 const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const Ch** cold, bool* hitStop)
 {
@@ -391,6 +415,24 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     StateSet* ss = css;
     bool accepting = css->flags & kSetAccept;
     while (cp < realMax) {
+        // While the cache has room nothing is evicted, so the positions of
+        // the sets need not be noted, and four steps go at once.
+        if (!accepting && realMax - cp >= 4 && _c->used < _c->capacity) {
+            bool stayed;
+            if (StateSet* four = fourSteps(css, cp, leaf0, top, stayed)) {
+                // No branch on whether the set changed: in text of short
+                // words it changes every few characters, at random.
+                cp += 4;
+                ss = css = four;
+                loops = stayed ? loops + 4 : 0;
+                if (loops >= 2 * kLoopsBeforeSkip) {
+                    cp = skip(css, colourIn(leaf0, top, cp[-1]), cp, realMax);
+                    loops = 0;
+                    if (css->flags & kSetCold) _latestCold = cp;
+                }
+                continue;
+            }
+        }
         const colour co = colourIn(leaf0, top, *cp);
         ss = row(css)[co];
         if (!ss || ss == &_c->dead) {

@@ -149,6 +149,7 @@ private:
         }
     }
     StateSet* initialize(const Ch* start);
+    StateSet* fourSteps(StateSet* css, const Ch* cp, const colour* leaf0, colour* const* top, bool& stayed);
     StateSet* miss(StateSet* css, colour co, const Ch* cp, const Ch* start);
     StateSet* vacant(const Ch* cp, const Ch* start);
     StateSet* pick(const Ch* cp, const Ch* start);
