@@ -17,6 +17,7 @@ constexpr int kSmallCacheSets = 7;
 // Short runs in one set (letters inside a word) are cheaper stepped than
 // skipped; a run this long is likely to go on.
 constexpr int kLoopsBeforeSkip = 4;
+constexpr long kStepsBeforeBlocks = 8;
 }  // namespace
 
 bool DfaCache::init(const CompactNfa& nfa, bool small)
@@ -416,8 +417,10 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     bool accepting = css->flags & kSetAccept;
     while (cp < realMax) {
         // While the cache has room nothing is evicted, so the positions of
-        // the sets need not be noted, and four steps go at once.
-        if (!accepting && realMax - cp >= 4 && _c->used < _c->capacity) {
+        // the sets need not be noted, and four steps go at once. Not at the
+        // very start: most searches in a replace loop end within a few
+        // characters, where a block would mostly be tried in vain.
+        if (!accepting && cp - start >= kStepsBeforeBlocks && realMax - cp >= 4 && _c->used < _c->capacity) {
             bool stayed;
             if (StateSet* four = fourSteps(css, cp, leaf0, top, stayed)) {
                 // No branch on whether the set changed: in text of short
