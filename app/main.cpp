@@ -221,11 +221,11 @@ int Run(int argc, char** argv)
         if (byPieces) {
             if (piecesSigned)
                 encoded = utf8Signature;
-            // Most replacements keep the size near the file's: room for that
-            // up front spares the result its regrowth, a copy each time.
+            // The file's size lets the result take its room in one or two
+            // steps instead of regrowing, a copy each time.
             struct stat status;
-            if (fstat(source.Descriptor(), &status) == 0 && status.st_size > 0)
-                encoded.ReserveExact(encoded.size() + static_cast<uint64_t>(status.st_size) + 1);
+            const uint64_t sizeHint =
+                fstat(source.Descriptor(), &status) == 0 && status.st_size > 0 ? static_cast<uint64_t>(status.st_size) : 0;
             // A read that fails ends the pieces; what was made of them is dropped.
             std::optional<stringEx> readFailure;
             const PieceReader read = [&](char* room, uint64_t n) -> uint64_t {
@@ -237,7 +237,7 @@ int Run(int argc, char** argv)
                 }
             };
             const PIECES_RESULT result =
-                ReplaceByPieces(read, method.method, pairs, *input.conv, *output.conv, encoded);
+                ReplaceByPieces(read, method.method, pairs, *input.conv, *output.conv, encoded, uint64_t(1) << 16, sizeHint);
             source.Close();
             if (readFailure) {
                 ReportReadFailure(files[i], *readFailure);

@@ -94,11 +94,30 @@ bool BeyondBmp(const char* bytes, uint64_t n) noexcept
 
 const char kUtf8Signature[] = "\xEF\xBB\xBF";
 
+// Appends a piece's result to the output. When the output is about to
+// outgrow its room, the room is made for what the rest of the input would
+// give at the rate seen so far: growing by halves instead would copy the
+// output and take fresh memory for it several times over.
+void AppendResult(stringEx& encoded, const stringEx& piece, uint64_t consumed, uint64_t sizeHint, uint64_t produced)
+{
+    const uint64_t needed = encoded.size() + piece.size();
+    if (needed > encoded.capacity() && sizeHint > consumed && consumed > 0) {
+        const double rate = static_cast<double>(produced + piece.size()) / static_cast<double>(consumed);
+        const double rest = rate * static_cast<double>(sizeHint - consumed);
+        encoded.ReserveExact(needed + static_cast<uint64_t>(rest * 1.05) + 4096);
+    }
+    encoded.append(piece);
+}
+
 }  // namespace
 
 PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const ReplacePairs& pairs, TTextConv& in,
-                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes)
+                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes, uint64_t sizeHint)
 {
+    const uint64_t startSize = encoded.size();
+    uint64_t consumed = 0;
+    if (sizeHint > 0)
+        encoded.ReserveExact(startSize + sizeHint + 1);
     PIECES_RESULT result;
     const BytePairs bytePairs = PairsForBytes(method, pairs, in, out);
     stringEx pending, pieceOut, bytes, byteScratch;
@@ -144,18 +163,20 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                 skip = 3;
             bytes.assign(pending.data() + skip, cut - skip);
             pending.erase(0, cut);
+            consumed += cut;
             result.empty = false;
             for (const BYTE_PAIR& pair : bytePairs) {
                 bool known;
                 result.replaced += ApplyPair<char>(method, pair.find, pair.replace, pair.regex, bytes, byteScratch,
                                                    false, known);
             }
-            encoded.append(bytes);
+            AppendResult(encoded, bytes, consumed, sizeHint, encoded.size() - startSize);
             continue;
         }
         // The decoder reads the piece where it lies.
         in.MBtoWC(text, basic_buffer<char>::View(pending.data(), cut));
         pending.erase(0, cut);
+        consumed += cut;
         if (text.empty())
             continue;
         if (result.empty && text[0] == L'\uFEFF')
@@ -166,7 +187,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
             result.replaced += ApplyPair(method, pair, text, scratch, false, known);
         }
         out.WCtoMB(pieceOut, text);
-        encoded.append(pieceOut);
+        AppendResult(encoded, pieceOut, consumed, sizeHint, encoded.size() - startSize);
     }
     return result;
 }
@@ -181,7 +202,7 @@ PIECES_RESULT ReplaceByPieces(const stringEx& bytes, int32_t method, const Repla
         at += take;
         return take;
     };
-    return ReplaceByPieces(read, method, pairs, in, out, encoded, pieceBytes);
+    return ReplaceByPieces(read, method, pairs, in, out, encoded, pieceBytes, bytes.size());
 }
 
 }  // namespace Karu

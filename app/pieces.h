@@ -55,8 +55,11 @@ using PieceReader = std::function<uint64_t(char* room, uint64_t n)>;
 // text dropped), applies every pair to each piece with the copying form, and
 // appends each piece's encoding by `out` to `encoded`. A piece ends just
 // after the first line feed at or past `pieceBytes`, or at the end.
+// `sizeHint`, the input's expected size in bytes (0: unknown), lets the
+// output's room be taken once or twice instead of growing step by step.
 PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const ReplacePairs& pairs, TTextConv& in,
-                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes = uint64_t(1) << 16);
+                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes = uint64_t(1) << 16,
+                              uint64_t sizeHint = 0);
 
 // The same over bytes in memory.
 PIECES_RESULT ReplaceByPieces(const stringEx& bytes, int32_t method, const ReplacePairs& pairs, TTextConv& in,
