@@ -469,13 +469,33 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     return nullptr;
 }
 
+namespace {
+// A token per live thread: the address of a thread-local object. A thread
+// that starts later may get a finished thread's token, and with it the
+// ownership of its pools, which nobody else can then be using.
+const void* threadToken() noexcept
+{
+    static thread_local char token;
+    return &token;
+}
+}  // namespace
+
 CachePool::~CachePool()
 {
     for (auto& slot : _slots) delete slot.load(std::memory_order_acquire);
+    delete _owned.load(std::memory_order_acquire);
 }
 
 MatchCaches* CachePool::take() noexcept
 {
+    if (_owner.load(std::memory_order_relaxed) == threadToken()) {
+        // Acquire and release, though only the owner comes here: a thread
+        // that inherits a finished owner's token must see its caches whole.
+        if (MatchCaches* c = _owned.load(std::memory_order_acquire)) {
+            _owned.store(nullptr, std::memory_order_relaxed);
+            return c;
+        }
+    }
     for (auto& slot : _slots) {
         if (slot.load(std::memory_order_relaxed) == nullptr) continue;
         if (MatchCaches* c = slot.exchange(nullptr, std::memory_order_acquire)) return c;
@@ -485,6 +505,13 @@ MatchCaches* CachePool::take() noexcept
 
 void CachePool::give(MatchCaches* caches) noexcept
 {
+    const void* me = threadToken();
+    const void* owner = _owner.load(std::memory_order_relaxed);
+    if (owner == nullptr && _owner.compare_exchange_strong(owner, me, std::memory_order_relaxed)) owner = me;
+    if (owner == me && _owned.load(std::memory_order_relaxed) == nullptr) {
+        _owned.store(caches, std::memory_order_release);
+        return;
+    }
     for (auto& slot : _slots) {
         MatchCaches* expected = nullptr;
         if (slot.compare_exchange_strong(expected, caches, std::memory_order_release, std::memory_order_relaxed))

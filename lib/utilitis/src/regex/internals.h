@@ -54,6 +54,11 @@ struct MatchCaches;
 // every call would dominate a loop that calls once per occurrence. A call
 // takes a set of caches for its duration and gives it back, so concurrent
 // calls on one pattern never share one; all go with the pattern.
+//
+// The first thread to give caches back becomes the pool's owner and keeps
+// a slot of its own, which only it reads and writes: its calls take and give
+// with plain loads and stores. The shared slots cost an atomic exchange each
+// way, as much as a short match, and serve the other threads.
 class CachePool {
 public:
     CachePool() = default;
@@ -68,6 +73,8 @@ private:
     // builds its caches per call.
     static constexpr int kSlots = 8;
     std::atomic<MatchCaches*> _slots[kSlots] = {};
+    std::atomic<const void*> _owner{nullptr};   // a token of the owning thread
+    std::atomic<MatchCaches*> _owned{nullptr};  // the owner's slot
 };
 
 constexpr int kInternalsMagic = 0xFED9;
