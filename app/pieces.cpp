@@ -1,13 +1,15 @@
 // Replacing by pieces; see pieces.h for why the pieces give the whole's bytes.
 #include "pieces.h"
 
+#include "methods.h"
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
 #include <vector>
 
 #include <karu/regex/rx.h>
-#include "methods.h"
+#include <karu/string/replace.h>
 
 namespace Karu {
 
@@ -98,15 +100,16 @@ const char kUtf8Signature[] = "\xEF\xBB\xBF";
 // outgrow its room, the room is made for what the rest of the input would
 // give at the rate seen so far: growing by halves instead would copy the
 // output and take fresh memory for it several times over.
-void AppendResult(stringEx& encoded, const stringEx& piece, uint64_t consumed, uint64_t sizeHint, uint64_t produced)
+void AppendResult(stringEx& encoded, const char* piece, uint64_t n, uint64_t consumed, uint64_t sizeHint,
+                  uint64_t produced)
 {
-    const uint64_t needed = encoded.size() + piece.size();
+    const uint64_t needed = encoded.size() + n;
     if (needed > encoded.capacity() && sizeHint > consumed && consumed > 0) {
-        const double rate = static_cast<double>(produced + piece.size()) / static_cast<double>(consumed);
+        const double rate = static_cast<double>(produced + n) / static_cast<double>(consumed);
         const double rest = rate * static_cast<double>(sizeHint - consumed);
         encoded.ReserveExact(needed + static_cast<uint64_t>(rest * 1.05) + 4096);
     }
-    encoded.append(piece);
+    encoded.append(piece, n);
 }
 
 }  // namespace
@@ -161,16 +164,26 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
             uint64_t skip = 0;
             if (result.empty && cut >= 3 && std::memcmp(pending.data(), kUtf8Signature, 3) == 0)
                 skip = 3;
-            bytes.assign(pending.data() + skip, cut - skip);
-            pending.erase(0, cut);
             consumed += cut;
             result.empty = false;
+            if (method == kMethodLiteral) {
+                // Literals are replaced in place in the result itself,
+                // which spares the piece a copy.
+                const uint64_t start = encoded.size();
+                AppendResult(encoded, pending.data() + skip, cut - skip, consumed, sizeHint, start - startSize);
+                pending.erase(0, cut);
+                for (const BYTE_PAIR& pair : bytePairs)
+                    result.replaced += ReplaceInPlace(encoded, pair.find, pair.replace, start);
+                continue;
+            }
+            bytes.assign(pending.data() + skip, cut - skip);
+            pending.erase(0, cut);
             for (const BYTE_PAIR& pair : bytePairs) {
                 bool known;
                 result.replaced += ApplyPair<char>(method, pair.find, pair.replace, pair.regex, bytes, byteScratch,
                                                    false, known);
             }
-            AppendResult(encoded, bytes, consumed, sizeHint, encoded.size() - startSize);
+            AppendResult(encoded, bytes.data(), bytes.size(), consumed, sizeHint, encoded.size() - startSize);
             continue;
         }
         // The decoder reads the piece where it lies.
@@ -187,7 +200,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
             result.replaced += ApplyPair(method, pair, text, scratch, false, known);
         }
         out.WCtoMB(pieceOut, text);
-        AppendResult(encoded, pieceOut, consumed, sizeHint, encoded.size() - startSize);
+        AppendResult(encoded, pieceOut.data(), pieceOut.size(), consumed, sizeHint, encoded.size() - startSize);
     }
     return result;
 }
