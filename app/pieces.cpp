@@ -131,7 +131,10 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
     const uint64_t room = pieceBytes + pieceBytes / 4 + 4096;
     text.ReserveExact(room);
     scratch.ReserveExact(room);
-    const uint64_t block = std::max<uint64_t>(pieceBytes, 1 << 16);
+    // Reads fill up to the piece size and then go on in small steps, so that
+    // little is read past the line feed that ends a piece: what is, is moved
+    // to the front for the next piece.
+    constexpr uint64_t kStep = 4096;
     bool atEnd = false;
     while (!atEnd || !pending.empty()) {
         // Fill until the pending bytes hold a line feed at or past the piece
@@ -152,8 +155,9 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                 break;
             }
             const uint64_t had = pending.size();
-            char* room = pending.GetBuffer(had + block);
-            const uint64_t got = read(room + had, block);
+            const uint64_t want = had < pieceBytes ? pieceBytes - had + kStep : kStep;
+            char* room = pending.GetBuffer(had + want);
+            const uint64_t got = read(room + had, want);
             pending.SetSize(had + got);
             atEnd = got == 0;
         }
@@ -176,8 +180,13 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                     result.replaced += ReplaceInPlace(encoded, pair.find, pair.replace, start);
                 continue;
             }
-            bytes.assign(pending.data() + skip, cut - skip);
-            pending.erase(0, cut);
+            // The piece becomes the pairs' text where it lies; only what was
+            // read past it is copied, back into pending.
+            bytes.assign(pending.data() + cut, pending.size() - cut);
+            bytes.swap(pending);
+            bytes.SetSize(cut);
+            if (skip)
+                bytes.erase(0, skip);
             for (const BYTE_PAIR& pair : bytePairs) {
                 bool known;
                 result.replaced += ApplyPair<char>(method, pair.find, pair.replace, pair.regex, bytes, byteScratch,
