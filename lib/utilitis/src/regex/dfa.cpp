@@ -322,7 +322,7 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
     StateSet* css = initialize(start);
     if (!css) return nullptr;
     if (css->flags & kSetAccept) post = start;
-    css = miss(css, startContext(start), cp, start);
+    css = step(css, startContext(start), cp, start);
     if (!css) return nullptr;
     note(css, cp);
     if (css->flags & kSetAccept) {
@@ -344,7 +344,7 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
         }
         ++cp;
         if (ss == css) {
-            if (++loops >= kLoopsBeforeSkip) {
+            if (!accepting && ++loops >= kLoopsBeforeSkip) {
                 cp = skip(css, co, cp, realStop);
                 loops = 0;
             }
@@ -363,7 +363,7 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
     if (_ex.err) return nullptr;
     if (cp == _ex.stop && stop == _ex.stop) {
         if (hitStop) *hitStop = true;
-        StateSet* ss = miss(css, endContext(), cp, start);
+        StateSet* ss = step(css, endContext(), cp, start);
         if (ss && (ss->flags & kSetAccept)) {
             if (earlier) *earlier = post ? post - 1 : nullptr;
             return cp;
@@ -410,7 +410,7 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     if (hitStop) *hitStop = false;
     StateSet* css = initialize(start);
     if (!css) return nullptr;
-    css = miss(css, startContext(start), cp, start);
+    css = step(css, startContext(start), cp, start);
     if (!css) return nullptr;
     note(css, cp);
     StateSet* ss = css;
@@ -445,7 +445,7 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
         }
         ++cp;
         if (ss == css) {
-            if (++loops >= kLoopsBeforeSkip) {
+            if (!accepting && ++loops >= kLoopsBeforeSkip) {
                 cp = skip(css, co, cp, realMax);
                 loops = 0;
             }
@@ -462,7 +462,7 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     if (cold) *cold = _latestCold ? _latestCold : _ex.start;
     if ((ss->flags & kSetAccept) && cp > min) return cp - 1;
     if (cp == _ex.stop && max == _ex.stop) {
-        ss = miss(css, endContext(), cp, start);
+        ss = step(css, endContext(), cp, start);
         if ((ss == nullptr || !(ss->flags & kSetAccept)) && hitStop) *hitStop = true;
         if (ss && (ss->flags & kSetAccept)) return cp;
     }

@@ -151,6 +151,13 @@ private:
     StateSet* initialize(const Ch* start);
     StateSet* fourSteps(StateSet* css, const Ch* cp, const colour* leaf0, colour* const* top, bool& stayed);
     StateSet* miss(StateSet* css, colour co, const Ch* cp, const Ch* start);
+    // One step on colour co: the known transition, or miss() to find it.
+    StateSet* step(StateSet* css, colour co, const Ch* cp, const Ch* start)
+    {
+        StateSet* known = row(css)[co];
+        if (known && known != &_c->dead) return known;
+        return known ? nullptr : miss(css, co, cp, start);
+    }
     StateSet* vacant(const Ch* cp, const Ch* start);
     StateSet* pick(const Ch* cp, const Ch* start);
     const Ch* skip(StateSet* css, colour co, const Ch* cp, const Ch* stop);
