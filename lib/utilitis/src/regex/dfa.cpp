@@ -59,12 +59,9 @@ Dfa<Ch>::Dfa(ExecState<Ch>& ex, const CompactNfa& nfa)
         return;
     }
     if (ex.caches && nfa.cacheSlot >= 0) {
-        std::unique_ptr<DfaCache>& kept = ex.caches->byAutomaton[static_cast<size_t>(nfa.cacheSlot)];
-        if (!kept) {
-            auto fresh = std::make_unique<DfaCache>();
-            if (fresh->init(nfa, false)) kept = std::move(fresh);
-        }
-        if (kept && !kept->busy) _c = kept.get();
+        DfaCache& kept = ex.caches->byAutomaton[static_cast<size_t>(nfa.cacheSlot)];
+        if (!kept.ready()) kept.init(nfa, false);
+        if (kept.ready() && !kept.busy) _c = &kept;
     }
     if (!_c) {
         _private = std::make_unique<DfaCache>();

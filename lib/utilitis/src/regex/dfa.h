@@ -61,6 +61,7 @@ constexpr uint32_t kSetCold = 8;
 // changes the capacity, gets a cache of its own for the call.
 struct DfaCache {
     bool init(const CompactNfa& nfa, bool small);
+    bool ready() const noexcept { return slots != nullptr; }
 
     int capacity = 0;
     int used = 0;
@@ -93,7 +94,9 @@ struct DfaCache {
 // by one rxexec call at a time; the pattern's pool keeps them between calls.
 struct MatchCaches {
     explicit MatchCaches(int automata) : byAutomaton(static_cast<size_t>(automata)) {}
-    std::vector<std::unique_ptr<DfaCache>> byAutomaton;
+    // In place, not behind pointers: a walker reaches its cache with one
+    // load less, and there are several walkers to a call.
+    std::vector<DfaCache> byAutomaton;
 };
 
 template <class Ch>
