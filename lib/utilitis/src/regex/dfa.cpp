@@ -328,7 +328,9 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
     }
     // A set's position is noted when the walk leaves it (and before a miss,
     // whose eviction must not take the current set for an idle one), not at
-    // every step spent in it: the steps stay free of stores.
+    // every step spent in it: the steps stay free of stores. Positions serve
+    // only eviction here, so while the cache has room they are not noted on
+    // leaving either.
     bool accepting = css->flags & kSetAccept;
     while (cp < realStop) {
         const colour co = colourIn(leaf0, top, *cp);
@@ -346,7 +348,7 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
                 loops = 0;
             }
         } else {
-            note(css, cp - 1);
+            if (_c->used >= _c->capacity) note(css, cp - 1);
             css = ss;
             accepting = css->flags & kSetAccept;
             loops = 0;
