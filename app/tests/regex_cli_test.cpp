@@ -127,6 +127,13 @@ TEST(RegexMethods, TextInOtherEncodings)
          {"-encin:UTF-8"}},
         {"GBK", "-r", "\xE4\xB8\xAD(\\w)-><\\1>\n", "\xD6\xD0\xCE\xC4 \xD6\xD0x", "<\xCE\xC4> <x>", 2,
          {"-encin:GBK"}},
+        // Patterns of ASCII over UTF-8 are replaced in the bytes, unless a
+        // character beyond U+FFFF sends the text through the wide matcher.
+        {"UTF-8 with ASCII patterns", "-r", "order-[0-9]+->ID\n(alpha|beta)-><\\1>\n",
+         "caf\xC3\xA9 order-12 alpha\n\xE4\xB8\xAD order-3 beta alphabet\n",
+         "caf\xC3\xA9 ID <alpha>\n\xE4\xB8\xAD ID <beta> <alpha>bet\n", 5, {"-encin:UTF-8"}},
+        {"UTF-8 with ASCII patterns and a character beyond U+FFFF", "-r", "order-[0-9]+->ID\n",
+         "\xF0\x9F\x98\x80 order-12\n", "\xF0\x9F\x98\x80 ID\n", 1, {"-encin:UTF-8"}},
         {"UTF-16", "-ric", pairs, WideUnits(text, false), WideUnits(expected, false), 3, {"-encin:UTF-16"}},
         {"UTF-16BE", "-ric", pairs, WideUnits(text, true), WideUnits(expected, true), 3, {"-encin:UTF-16BE"}},
     };
