@@ -4,7 +4,9 @@
 // crash, and the two replace forms must agree on text and count for patterns
 // whose matches cannot depend on what lies in front of them: no anchors, no
 // escapes (which reach word and line assertions in the advanced syntax), no
-// colon (which the word-edge brackets and the advanced prefix need).
+// colon (which the word-edge brackets and the advanced prefix need). A third
+// mode holds patterns that may replace in UTF-8 bytes to doing just that.
+#include <karu/regex/rx.h>
 #include <karu/string/regexReplace.h>
 
 #include <cstddef>
@@ -48,6 +50,46 @@ void Exercise(const uint8_t* p, size_t pn, const uint8_t* r, size_t rn, const ui
         std::abort();
 }
 
+// Units below U+0800 (all this target makes) in UTF-8.
+stringEx Utf8(const wstringEx& text)
+{
+    stringEx out;
+    for (const wchar_t unit : text) {
+        const auto c = static_cast<uint32_t>(unit);
+        if (c < 0x80) {
+            out.push_back(static_cast<char>(c));
+        } else {
+            out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        }
+    }
+    return out;
+}
+
+// A pattern that both builds say finds in UTF-8 bytes what it finds in text
+// (RX_MATCHES_ASCII) must do so: the replacement done on the text and then
+// written in UTF-8 equals the replacement done on the text's UTF-8 bytes.
+// Text and replacement units are read as U+0000 to U+00FF.
+void ExerciseBytes(const uint8_t* p, size_t pn, const uint8_t* r, size_t rn, const uint8_t* t, size_t tn, uint8_t mode)
+{
+    for (size_t i = 0; i < pn; ++i)
+        if (p[i] >= 0x80)
+            return;
+    wstringEx widePattern = Units<wchar_t>(p, pn);
+    stringEx narrowPattern = Units<char>(p, pn);
+    const RegexHandle wide = RegexCompile(widePattern, mode & 1, (mode >> 1) & 1, 1, (mode >> 2) & 1);
+    const RegexHandle narrow = RegexCompile(narrowPattern, mode & 1, (mode >> 1) & 1, 1, (mode >> 2) & 1);
+    if (!(wide.Info() & RX_MATCHES_ASCII) || !(narrow.Info() & RX_MATCHES_ASCII))
+        return;
+    const wstringEx text = Units<wchar_t>(t, tn), replacement = Units<wchar_t>(r, rn);
+    wstringEx wideOut;
+    stringEx byteOut;
+    const uint32_t n1 = RegexReplaceCopy(text, wideOut, wide, replacement, false, false, true);
+    const uint32_t n2 = RegexReplaceCopy(Utf8(text), byteOut, narrow, Utf8(replacement), false, false, true);
+    if (n1 != n2 || !(Utf8(wideOut) == byteOut))
+        std::abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -68,7 +110,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const size_t pn = pEnd - p, rn = rEnd - r, tn = end - t;
     if (pn > kMaxPattern || tn > kMaxText)
         return 0;
-    if (mode & 8)
+    if (mode & 16)
+        ExerciseBytes(p, pn, r, rn, t, tn, mode);
+    else if (mode & 8)
         Exercise<char>(p, pn, r, rn, t, tn, mode);
     else
         Exercise<wchar_t>(p, pn, r, rn, t, tn, mode);
