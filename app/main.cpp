@@ -224,8 +224,8 @@ int Run(int argc, char** argv)
             // The file's size lets the result take its room in one or two
             // steps instead of regrowing, a copy each time.
             struct stat status;
-            const uint64_t sizeHint =
-                fstat(source.Descriptor(), &status) == 0 && status.st_size > 0 ? static_cast<uint64_t>(status.st_size) : 0;
+            const bool sized = fstat(source.Descriptor(), &status) == 0 && status.st_size > 0;
+            const uint64_t sizeHint = sized ? static_cast<uint64_t>(status.st_size) : 0;
             // A read that fails ends the pieces; what was made of them is dropped.
             std::optional<stringEx> readFailure;
             const PieceReader read = [&](char* room, uint64_t n) -> uint64_t {
@@ -236,8 +236,8 @@ int Run(int argc, char** argv)
                     return 0;
                 }
             };
-            const PIECES_RESULT result =
-                ReplaceByPieces(read, method.method, pairs, *input.conv, *output.conv, encoded, uint64_t(1) << 16, sizeHint);
+            const PIECES_RESULT result = ReplaceByPieces(read, method.method, pairs, *input.conv, *output.conv,
+                                                         encoded, uint64_t(1) << 16, sizeHint);
             source.Close();
             if (readFailure) {
                 ReportReadFailure(files[i], *readFailure);

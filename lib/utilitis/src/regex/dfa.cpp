@@ -301,9 +301,8 @@ const Ch* Dfa<Ch>::skip(StateSet* css, colour co, const Ch* cp, const Ch* stop)
 }
 
 // The match ends are noted as the walk reaches accepting sets; the one
-// before the last is what a walk stopped just
-// short of the last would return, which saves the callers that narrow a
-// candidate down a second walk.
+// before the last is what a walk stopped just short of the last would
+// return, which saves the callers that narrow a candidate down a second walk.
 template <class Ch>
 const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const Ch** earlier)
 {
@@ -378,7 +377,8 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
 // step needs the careful loop (unknown, dead or accepting); `stayed` tells
 // whether all four stayed in css.
 template <class Ch>
-[[gnu::always_inline]] inline StateSet* Dfa<Ch>::fourSteps(StateSet* css, const Ch* cp, const colour* leaf0, colour* const* top, bool& stayed)
+[[gnu::always_inline]] inline StateSet* Dfa<Ch>::fourSteps(StateSet* css, const Ch* cp, const colour* leaf0,
+                                                           colour* const* top, bool& stayed)
 {
     const StateSet* const dead = &_c->dead;
     StateSet* s[4];
