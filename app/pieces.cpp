@@ -15,6 +15,8 @@ namespace Karu {
 
 bool PairsAllowPieces(int32_t method, const ReplacePairs& pairs)
 {
+    if (method != kMethodLiteral && method != kMethodLiteralNoCase && method != kMethodRegex)
+        return false;
     using Tr = text_traits<wchar_t>;
     for (const REPLACE_PAIR& pair : pairs) {
         if (method == kMethodRegex) {
@@ -24,15 +26,13 @@ bool PairsAllowPieces(int32_t method, const ReplacePairs& pairs)
                 return false;
             continue;
         }
-        if (method != kMethodLiteral && method != kMethodLiteralNoCase)
-            return false;
         for (const wchar_t unit : pair.find)
             // The case-blind search folds both sides, and folding may map
             // another unit onto the line feed.
             if (method == kMethodLiteralNoCase ? Tr::Fold(unit) == Tr::Fold(L'\n') : unit == L'\n')
                 return false;
     }
-    return method == kMethodLiteral || method == kMethodLiteralNoCase || method == kMethodRegex;
+    return true;
 }
 
 namespace {
@@ -96,31 +96,28 @@ bool BeyondBmp(const char* bytes, uint64_t n) noexcept
 
 const char kUtf8Signature[] = "\xEF\xBB\xBF";
 
-// Appends a piece's result to the output. When the output is about to
-// outgrow its room, the room is made for what the rest of the input would
-// give at the rate seen so far: growing by halves instead would copy the
-// output and take fresh memory for it several times over.
-void AppendResult(stringEx& encoded, const char* piece, uint64_t n, uint64_t consumed, uint64_t sizeHint,
-                  uint64_t produced)
-{
-    const uint64_t needed = encoded.size() + n;
-    if (needed > encoded.capacity() && sizeHint > consumed && consumed > 0) {
-        const double rate = static_cast<double>(produced + n) / static_cast<double>(consumed);
-        const double rest = rate * static_cast<double>(sizeHint - consumed);
-        encoded.ReserveExact(needed + static_cast<uint64_t>(rest * 1.05) + 4096);
-    }
-    encoded.append(piece, n);
-}
-
 }  // namespace
 
 PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const ReplacePairs& pairs, TTextConv& in,
                               TTextConv& out, stringEx& encoded, uint64_t pieceBytes, uint64_t sizeHint)
 {
     const uint64_t startSize = encoded.size();
-    uint64_t consumed = 0;
+    uint64_t consumed = 0;  // input bytes taken into pieces so far
     if (sizeHint > 0)
         encoded.ReserveExact(startSize + sizeHint + 1);
+    // Appends a piece's result. When the output is about to outgrow its
+    // room, the room is made for what the rest of the input would give at
+    // the rate seen so far: growing by halves instead would copy the output
+    // and take fresh memory for it several times over.
+    auto append = [&](const char* piece, uint64_t n) {
+        const uint64_t needed = encoded.size() + n;
+        if (needed > encoded.capacity() && sizeHint > consumed && consumed > 0) {
+            const double rate = static_cast<double>(needed - startSize) / static_cast<double>(consumed);
+            const double rest = rate * static_cast<double>(sizeHint - consumed);
+            encoded.ReserveExact(needed + static_cast<uint64_t>(rest * 1.05) + 4096);
+        }
+        encoded.append(piece, n);
+    };
     PIECES_RESULT result;
     const BytePairs bytePairs = PairsForBytes(method, pairs, in, out);
     stringEx pending, pieceOut, bytes, byteScratch;
@@ -174,7 +171,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                 // Literals are replaced in place in the result itself,
                 // which spares the piece a copy.
                 const uint64_t start = encoded.size();
-                AppendResult(encoded, pending.data() + skip, cut - skip, consumed, sizeHint, start - startSize);
+                append(pending.data() + skip, cut - skip);
                 pending.erase(0, cut);
                 for (const BYTE_PAIR& pair : bytePairs)
                     result.replaced += ReplaceInPlace(encoded, pair.find, pair.replace, start);
@@ -192,7 +189,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                 result.replaced += ApplyPair<char>(method, pair.find, pair.replace, pair.regex, bytes, byteScratch,
                                                    false, known);
             }
-            AppendResult(encoded, bytes.data(), bytes.size(), consumed, sizeHint, encoded.size() - startSize);
+            append(bytes.data(), bytes.size());
             continue;
         }
         // The decoder reads the piece where it lies.
@@ -209,7 +206,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
             result.replaced += ApplyPair(method, pair, text, scratch, false, known);
         }
         out.WCtoMB(pieceOut, text);
-        AppendResult(encoded, pieceOut.data(), pieceOut.size(), consumed, sizeHint, encoded.size() - startSize);
+        append(pieceOut.data(), pieceOut.size());
     }
     return result;
 }

@@ -10,8 +10,9 @@
 // the engine judges it (RX_STAYS_IN_LINES: it also cannot tell a piece's
 // start from a place after a line feed, nor read past a match) and never
 // match empty, since an empty match could fall on a cut and be found at the
-// end of one piece and at the start of the next. And when both encodings convert line by line, a file cut just after
-// line feeds gives, piece by piece, exactly the bytes the whole would give.
+// end of one piece and at the start of the next. And when both encodings
+// convert line by line, a file cut just after line feeds gives, piece by
+// piece, exactly the bytes the whole would give.
 // Each piece is then decoded, replaced and encoded in buffers that stay warm
 // from piece to piece, and only the encoded result grows with the file: the
 // file itself is read a piece at a time too.
