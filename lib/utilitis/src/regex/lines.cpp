@@ -76,8 +76,9 @@ bool matchesOnlyAscii(const Internals& in)
         if (a.empty())
             continue;
         // The first step must treat every such context alike...
+        const std::vector<int> first = firstStep(a, contexts.front());
         for (const colour c : contexts)
-            if (firstStep(a, c) != firstStep(a, contexts.front()))
+            if (firstStep(a, c) != first)
                 return false;
         for (int s = 0; s < a.stateCount; ++s) {
             if (s == a.entry)
@@ -87,8 +88,9 @@ bool matchesOnlyAscii(const Internals& in)
             for (const CompactArc* arc = row(a, s); arc->co != kNoColour; ++arc)
                 if (arc->to != a.exit && (arc->co >= a.colourCount || beyond[static_cast<size_t>(arc->co)]))
                     return false;
+            const bool ends = endsOn(a, s, contexts.front());
             for (const colour c : contexts)
-                if (endsOn(a, s, c) != endsOn(a, s, contexts.front()))
+                if (endsOn(a, s, c) != ends)
                     return false;
         }
     }
