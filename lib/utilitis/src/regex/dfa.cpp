@@ -256,9 +256,9 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
     return p;
 }
 
-// Called after css has led to itself on colour co. A step that stays in css
-// changes nothing but css's seenAt, so the characters whose transition is
-// known to loop are passed over and seenAt is set once, after the run. The
+// Called after css, which does not accept, has led to itself on colour co. A
+// step that stays in such a set changes nothing a walk keeps, so the
+// characters whose transition is known to loop are passed over at once. The
 // row lists the looping transitions known when it was last drawn up; a loop
 // found since (colour co missing) draws it up again. Only a set's eviction
 // removes its loops, and eviction drops the row.
@@ -266,7 +266,6 @@ template <class Ch>
 const Ch* Dfa<Ch>::skip(StateSet* css, colour co, const Ch* cp, const Ch* stop)
 {
     constexpr bool narrow = sizeof(Ch) == 1;
-    if (css->flags & kSetAccept) return cp;  // shortest() stops on it; leave both walks alike
     if (css->stay == nullptr || !css->stay[narrow ? static_cast<unsigned char>(cp[-1]) : co]) {
         const size_t width = narrow ? 256 : static_cast<size_t>(_c->colours);
         if (!_c->stayArea) _c->stayArea = std::make_unique_for_overwrite<uint8_t[]>(width * static_cast<size_t>(_c->capacity));
