@@ -385,7 +385,7 @@ uint32_t TTextConv::EncToCP(const stringEx& name)
     Throw<tconvExp>(ExpMessage("TTextConv::EncToCP - can't convert the encoding to codepage\n")
                         .Text("  corresponding mapping doesn't exist\n")
                         .Text("  encoding name = " + name + "\n"),
-                    0);
+                    kConvUnknownEncoding);
 }
 
 stringEx TTextConv::CPToEnc(uint32_t codepage)
@@ -406,7 +406,7 @@ EncInfo TTextConv::GetEncInfo(stringEx& name)
     Throw<tconvExp>(ExpMessage("TTextConv::GetEncInfo - can't retrieve the encoding's infomation\n")
                         .Text("  encoding doesn't exist\n")
                         .Text("  encoding name = " + name + "\n"),
-                    0);
+                    kConvEncodingInfo);
 }
 
 bool TTextConv::EnumEncoding(EnumCookie& cookie, stringEx& name, EncInfo& info)

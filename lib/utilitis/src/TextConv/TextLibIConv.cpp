@@ -14,6 +14,11 @@
 //
 // Before the library, a shortcut for the common encodings (fastcodec.h) is
 // tried; it gives byte-identical results or steps aside.
+//
+// Every call starts from the initial state, by the library's reset. Some
+// decoders (UTF-16, UTF-32 without a byte order) keep the byte order of a
+// mark they once read through that reset; such a decoder is found out when
+// it is opened and is replaced by a new one before each call.
 #include <karu/TextConv/backends.h>
 
 #include <algorithm>
@@ -185,10 +190,10 @@ void CTextLibIConv::__AddRef()
                                       (e.code == kDllLoadFailed ? "failed load dynamic library\n"
                                                                 : "failed locate iconv api\n"))
                                .Cause(e),
-                           e.code);
+                           kConvInitFailed);
     } catch (...) {
         lib.loader.reset();
-        Throw<libiconvExp>(ExpMessage("CTextLibIConv::__AddRef - unknwon error"), 0);
+        Throw<libiconvExp>(ExpMessage("CTextLibIConv::__AddRef - unknwon error"), kConvInitFailed);
     }
     ++lib.users;
 }
@@ -270,13 +275,46 @@ bool HoldsState(IconvFn convert, void* cd)
     return stateful;
 }
 
+void* OpenDecoder(const IconvLibrary& lib, const stringEx& encoding)
+{
+    const std::string from(encoding.data(), encoding.size());
+    return lib.open((std::string(kWideCode) + "//IGNORE").c_str(), from.c_str());
+}
+
+// Whether the decoder keeps a byte order that it read from a byte-order
+// mark after it has been reset: some decoders of the C library do, and a
+// text without a mark would then be read in the order of an earlier one.
+// Each byte-order mark is read, then a text without one, which must come
+// out as a fresh decoder reads it.
+bool KeepsByteOrder(const IconvLibrary& lib, const stringEx& encoding, void* cd)
+{
+    static const std::string kMarks[] = {std::string("\xFE\xFF", 2), std::string("\xFF\xFE", 2),
+                                         std::string("\0\0\xFE\xFF", 4), std::string("\xFF\xFE\0\0", 4)};
+    // Units that are characters in both byte orders, as two and four bytes,
+    // and different ones: 0100/0001, 0002/0200 and 00020100/00010200.
+    static const char kPlain[8] = {0x00, 0x01, 0x02, 0x00, 0x00, 0x01, 0x02, 0x00};
+    void* fresh = OpenDecoder(lib, encoding);
+    if (fresh == kNoDescriptor)
+        return false;
+    stringEx expected, got;
+    ProbeConvert(lib.convert, fresh, kPlain, sizeof kPlain, expected);
+    lib.close(fresh);
+    bool keeps = false;
+    for (const std::string& mark : kMarks) {
+        ProbeConvert(lib.convert, cd, mark.data(), mark.size(), got);
+        ProbeConvert(lib.convert, cd, kPlain, sizeof kPlain, got);
+        keeps = keeps || got != expected;
+    }
+    return keeps;
+}
+
 // Opens both directions for `encoding`, and the shortcut if there is one;
 // leaves both descriptors closed if either direction is refused.
 void CTextLibIConv::__Open(const stringEx& encoding)
 {
     const IconvLibrary& lib = Library();
     _encoding = encoding;
-    _toWide = lib.open((std::string(kWideCode) + "//IGNORE").c_str(), std::string(encoding.data(), encoding.size()).c_str());
+    _toWide = OpenDecoder(lib, encoding);
     if (_toWide == kNoDescriptor)
         return;
     _toBytes = lib.open((std::string(encoding.data(), encoding.size()) + "//IGNORE").c_str(), kWideCode);
@@ -287,12 +325,15 @@ void CTextLibIConv::__Open(const stringEx& encoding)
     }
     IconvFn convert = lib.convert;
     _stateful = HoldsState(convert, _toBytes);
+    _keepsByteOrder = KeepsByteOrder(lib, encoding, _toWide);
+    __FreshDecoder();  // the probe above read marks
     // The probes may run long after this, when a shortcut fills its tables
     // on first need: they hold the lock like any other conversion.
     _fast = IMPL::MakeFastCodec(
         _encoding,
         [this, convert](const stringEx& src, wstringEx& dst) {
             CFastLockHolder hold(_lock);
+            __FreshDecoder();
             stringEx bytes;
             const bool clean = ProbeConvert(convert, _toWide, src.data(), src.size(), bytes);
             dst = bytes.Reinterpret<wchar_t>();
@@ -316,6 +357,19 @@ void CTextLibIConv::__Close() noexcept
     _toWide = _toBytes = kNoDescriptor;
 }
 
+// Every conversion starts from the initial state. Where the library's reset
+// does not forget a byte order read from a mark, a new descriptor does; if
+// none can be had, the old one stays, which is no worse than before.
+void CTextLibIConv::__FreshDecoder() const
+{
+    if (!_keepsByteOrder)
+        return;
+    void* fresh = OpenDecoder(Library(), _encoding);
+    if (fresh == kNoDescriptor)
+        return;
+    Library().close(_toWide);
+    _toWide = fresh;
+}
 
 CTextLibIConv::CTextLibIConv(const stringEx& name)
 {
@@ -328,7 +382,7 @@ CTextLibIConv::CTextLibIConv(const stringEx& name)
             if (_toWide == kNoDescriptor)
                 Throw<libiconvExp>(ExpMessage("CTextLibIConv::CTextLibIConv - failed init encoding convertion\n")
                                        .Detail("encoding name", name + " (" + substitute + ")"),
-                                   errno);
+                                   kConvInitFailed);
         }
     } catch (...) {
         __Close();
@@ -349,7 +403,7 @@ CTextLibIConv::CTextLibIConv(uint32_t codepage)
                 Throw<libiconvExp>(ExpMessage("CTextLibIConv::CTextLibIConv - failed init encoding convertion\n")
                                        .Detail("code page", static_cast<int64_t>(codepage))
                                        .Detail("encoding name", name),
-                                   errno);
+                                   kConvInitFailed);
         }
     } catch (...) {
         __Close();
@@ -370,7 +424,8 @@ CTextLibIConv::~CTextLibIConv() noexcept(false)
     __Release();
     if (failed && MayThrowFromDestructor())
         Throw<libiconvExp>(
-            ExpMessage("CTextLibIConv::~CTextLibIConv - failed release lib iconv's convertion descriptor"), errno);
+            ExpMessage("CTextLibIConv::~CTextLibIConv - failed release lib iconv's convertion descriptor"),
+            kConvReleaseFailed);
 }
 
 std::unique_ptr<TTextConv> CTextLibIConv::NewConv(uint32_t codepage)
@@ -458,6 +513,7 @@ void CTextLibIConv::LibMBtoWC(wstringEx& dst, const stringEx& src) const
     if (src.empty())
         return;
     CFastLockHolder hold(_lock);
+    __FreshDecoder();
     // A decoded text has at most one character a byte: room for that much
     // up front saves growing (and copying) it round after round.
     IMPL::PrepareLargeBlock(dst.GetBuffer(src.size()), src.size() * sizeof(wchar_t));
@@ -495,6 +551,7 @@ void CTextLibIConv::LibWCtoMB(stringEx& dst, const wstringEx& src)
         convert(_toBytes, nullptr, nullptr, &out, &outLeft);
         char* in = const_cast<char*>(bytes);
         size_t inLeft = total;
+        bool dropped = false;
         while (inLeft > 0) {
             size_t pieceLeft = std::min(inLeft, kStatefulPieceChars * sizeof(wchar_t));
             const size_t piece = pieceLeft;
@@ -503,7 +560,10 @@ void CTextLibIConv::LibWCtoMB(stringEx& dst, const wstringEx& src)
             const size_t result = convert(_toBytes, &in, &pieceLeft, &out, &outLeft);
             const size_t produced = sizeof buffer - outLeft;
             inLeft -= piece - pieceLeft;
-            if (produced == 0 && result == static_cast<size_t>(-1) && pieceLeft == piece) {
+            if (produced == 0 && result == static_cast<size_t>(-1)) {
+                dropped = true;
+                if (pieceLeft != piece)
+                    continue;
                 // Nothing taken and nothing made: the character is skipped.
                 fail();
                 if (inLeft <= sizeof(wchar_t))
@@ -514,6 +574,12 @@ void CTextLibIConv::LibWCtoMB(stringEx& dst, const wstringEx& src)
             }
             emit(buffer, produced);
         }
+        // These encoders stop at each character they drop, where the others
+        // run on to the end of the text; so the mark of a round that made
+        // nothing goes where one round would have made nothing: a text
+        // without a single character the encoding can hold.
+        if (dropped && dst.empty())
+            fail();
     }
     // Return to the initial shift state, so that a stateful encoding ends as
     // a complete text (and the last bytes of a UTF-7 run are not lost).

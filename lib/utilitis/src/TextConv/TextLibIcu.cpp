@@ -154,7 +154,7 @@ stringEx ErrorName(int error)
 {
     Throw<libicuExp>(ExpMessage(head).Detail("error code", static_cast<int64_t>(error)).Detail("error desc",
                                                                                                ErrorName(error)),
-                     error);
+                     kConvConvertFailed);
 }
 
 }  // namespace
@@ -204,10 +204,10 @@ void CTextLibIcu::__AddRef()
                                                                                  ? "failed load dynamic library\n"
                                                                                  : "failed locate icu api\n"))
                              .Cause(e),
-                         e.code);
+                         kConvInitFailed);
     } catch (...) {
         lib.loader.reset();
-        Throw<libicuExp>(ExpMessage("CTextLibIcu::__AddRef - unknwon error"), 0);
+        Throw<libicuExp>(ExpMessage("CTextLibIcu::__AddRef - unknwon error"), kConvInitFailed);
     }
     ++lib.users;
 }
@@ -250,7 +250,7 @@ CTextLibIcu::CTextLibIcu(const stringEx& name)
                                      .Detail("encoding name", name + " (" + _encoding + ")")
                                      .Detail("error number", static_cast<int64_t>(error))
                                      .Detail("error desc", ErrorName(error)),
-                                 error);
+                                 kConvInitFailed);
         }
     } catch (...) {
         __Release();
@@ -276,7 +276,7 @@ CTextLibIcu::CTextLibIcu(uint32_t codepage)
                                      .Detail("encoding name", _encoding)
                                      .Detail("error number", static_cast<int64_t>(error))
                                      .Detail("error desc", ErrorName(error)),
-                                 error);
+                                 kConvInitFailed);
         }
     } catch (...) {
         __Release();

@@ -26,6 +26,14 @@
 
 namespace Karu {
 
+// The codes of the text conversion branch of the exception family: what
+// failed, whichever class (tconvExp, libiconvExp, libicuExp) carries it.
+constexpr int32_t kConvUnknownEncoding = 1;
+constexpr int32_t kConvEncodingInfo = 2;
+constexpr int32_t kConvInitFailed = 3;
+constexpr int32_t kConvConvertFailed = 4;
+constexpr int32_t kConvReleaseFailed = 5;
+
 // One row of the encoding table.
 struct EncInfo {
     // A Windows-style code page. Not unique, and on some rows deliberately

@@ -62,15 +62,17 @@ public:
 private:
     void __Open(const stringEx& encoding);
     void __Close() noexcept;
+    void __FreshDecoder() const;
     static void __AddRef();
     static void __Release() noexcept;
 
-    void* _toWide = reinterpret_cast<void*>(-1);
+    mutable void* _toWide = reinterpret_cast<void*>(-1);  // renewed per call, see _keepsByteOrder
     void* _toBytes = reinterpret_cast<void*>(-1);
     stringEx _encoding;
     mutable FAST_PCLOCK _lock;  // one conversion at a time on the descriptors
     std::unique_ptr<IMPL::CFastCodec> _fast;
     bool _stateful = false;
+    bool _keepsByteOrder = false;  // the decoder's reset keeps a byte order read from a mark
 };
 
 class CTextLibIcu : public TTextConv {

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <functional>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -331,10 +332,25 @@ TEST(TextConvIConv, ConvertsAndMarksWhatItCannot)
         conv.MBtoWC(wide, stringEx());
         EXPECT_TRUE(wide.empty());
     }
-    // A character the target cannot hold disappears (the library ignores it).
-    CTextLibIConv latin{stringEx("ISO-8859-1")};
-    EXPECT_EQ(S(latin.WCtoMB(WS(L"a\x4F60" L"b"))), "ab");
-    EXPECT_EQ(S(latin.WCtoMB(WS(L"\x4F60"))), "?");
+    // A character the target cannot hold disappears (the library ignores
+    // it), and a round that made nothing at all is marked: the encoders that
+    // keep a shift state go by pieces, which are marked the same way.
+    struct Lost {
+        const char* encoding;
+        std::wstring wide;
+        std::string bytes;
+    } lost[] = {
+        {"ISO-8859-1", L"a\x4F60" L"b", "ab"},
+        {"ISO-8859-1", L"\x4F60", "?"},
+        {"ISO-2022-JP", L"\x0E01\x0E02", "?"},
+        {"ISO-2022-CN", L"\x0E01", "?"},
+        {"ISO-2022-JP-2", L"\x0E01\x0E02\x0E03", "?"},
+        // This one announces itself before any character, so the piece made
+        // something and carries no mark.
+        {"ISO-2022-KR", L"\x0E01", "\x1B$)C"},
+    };
+    for (const Lost& row : lost)
+        EXPECT_EQ(S(CTextLibIConv(stringEx(row.encoding)).WCtoMB(WS(row.wide))), row.bytes) << row.encoding;
     // A decoder that claims more input than it was given (a lone shift-out
     // byte) ends the text as bad input, keeping nothing it made from
     // memory beyond the text.
@@ -346,6 +362,17 @@ TEST(TextConvIConv, ConvertsAndMarksWhatItCannot)
     }
 }
 
+template <class F>
+int CodeOf(F f)
+{
+    try {
+        f();
+    } catch (const karuExp& e) {
+        return e.code;
+    }
+    return -1;
+}
+
 TEST(TextConvIConv, RefusalsAndTheirMessages)
 {
     EXPECT_EQ(MessageOf([] { CTextLibIConv conv{stringEx("MacUkraine")}; }),
@@ -355,6 +382,21 @@ TEST(TextConvIConv, RefusalsAndTheirMessages)
               "CTextLibIConv::CTextLibIConv - failed init encoding convertion\n"
               "  code page     = 10017\n"
               "  encoding name = MacUkraine\n");
+    // The codes of the branch: what failed, whichever back end raised it.
+    struct Code {
+        const char* why;
+        std::function<void()> op;
+        int code;
+    } codes[] = {
+        {"unknown encoding", [] { TTextConv::EncToCP(stringEx("no-such-name")); }, 1},
+        {"no information", [] { stringEx name("no-such-name"); TTextConv::GetEncInfo(name); }, 2},
+        {"iconv refuses", [] { CTextLibIConv conv{stringEx("MacUkraine")}; }, 3},
+        {"iconv refuses a code page", [] { CTextLibIConv conv{10017u}; }, 3},
+        {"ICU refuses", [] { CTextLibIcu conv{stringEx("MacUkraine")}; }, 3},
+        {"ICU refuses a code page", [] { CTextLibIcu conv{10017u}; }, 3},
+    };
+    for (const Code& row : codes)
+        EXPECT_EQ(CodeOf(row.op), row.code) << row.why;
     // A name outside the table has no code page to fall back on.
     try {
         CTextLibIConv conv{stringEx("no-such-name")};
@@ -419,6 +461,59 @@ TEST(TextConvIcu, AnotherVersionIsNotFound)
             std::exit(1);
         },
         ::testing::ExitedWithCode(0), "");
+}
+
+// Every call starts from the initial state: whatever a converter read or
+// wrote before, a call gives what a fresh converter gives. The inputs lean
+// on what could carry over from one call to the next: byte-order marks of
+// every width, shift and escape bytes, a lead byte cut off at the end, and
+// characters of several scripts and planes. Every row of the table, and the
+// names whose decoders read a byte-order mark, which the table leaves out.
+TEST(TextConvReuse, AReusedConverterGivesWhatAFreshOneGives)
+{
+    std::vector<std::string> names = {"UTF-32", "UCS-4", "UNICODE", "UTF-16", "UTF-7"};
+    EnumCookie cookie;
+    stringEx name;
+    EncInfo info;
+    while (TTextConv::EnumEncoding(cookie, name, info))
+        names.push_back(S(name));
+
+    // A mark counts only at the start of a text, so half the texts begin
+    // with one.
+    static const std::string kMarks[] = {std::string("\xFE\xFF", 2), std::string("\xFF\xFE", 2),
+                                         std::string("\0\0\xFE\xFF", 4), std::string("\xFF\xFE\0\0", 4),
+                                         "\xEF\xBB\xBF", "\x1B$B", "\x1B$)C", "\x0E", "+AOk", "~{"};
+    static const std::string kPieces[] = {
+        "\x1B(B", "\x0F", "A", std::string("\0A", 2), std::string("A\0", 2), std::string("\0\0\0A", 4),
+        std::string("A\0\0\0", 4), "\xC4\xE3", "\xE9", "\x81", "\xA4"};
+    static const wchar_t kChars[] = {L'A', L'z', 0xE9, 0x4F60, 0x3042, 0xAC00, 0x0416, 0x05D0, 0xFEFF, 0x1F600, 0x20AC};
+    const unsigned seed = std::random_device{}();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    auto pick = [&random](size_t n) { return static_cast<size_t>(random() % n); };
+    constexpr int kCalls = 24;
+    for (const std::string& encoding : names) {
+        TextConvPtr reused = TTextConv::CreateConv(0, B(encoding));
+        for (int call = 0; call < kCalls; ++call) {
+            TextConvPtr fresh = TTextConv::CreateConv(0, B(encoding));
+            if (call % 2 == 0) {
+                std::string bytes = pick(2) ? kMarks[pick(std::size(kMarks))] : std::string();
+                for (size_t n = pick(5); n > 0; --n)
+                    bytes += pick(4) ? kPieces[pick(std::size(kPieces))] : std::string(1, char(random()));
+                std::string hex;
+                for (unsigned char c : bytes)
+                    hex += std::to_string(c) + " ";
+                EXPECT_EQ(W(reused->MBtoWC(B(bytes))), W(fresh->MBtoWC(B(bytes))))
+                    << encoding << ", call " << call << ", bytes " << hex;
+            } else {
+                std::wstring wide;
+                for (size_t n = pick(6); n > 0; --n)
+                    wide += kChars[pick(std::size(kChars))];
+                EXPECT_EQ(S(reused->WCtoMB(WS(wide))), S(fresh->WCtoMB(WS(wide))))
+                    << encoding << ", call " << call;
+            }
+        }
+    }
 }
 
 TEST(TextConvConcurrency, EachThreadHasItsOwnConverters)
