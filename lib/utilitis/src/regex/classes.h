@@ -7,6 +7,8 @@
 
 #include "common.h"
 
+#include <karu/string/unicode.h>
+
 #include <cstddef>
 #include <utility>
 #include <vector>
@@ -39,14 +41,39 @@ struct CharTraits<char> {
     static int32_t fromNumber(uint32_t n) { return static_cast<signed char>(static_cast<unsigned char>(n)); }
 };
 
+// The wide alphabet is the basic plane, and a unit above it aliases into the
+// plane by its low 16 bits, with one exception: the slots of the lone low
+// surrogates U+DC00..U+DCFF belong to the escape units, the bytes a
+// conversion could not decode (see karu/string/unicode.h). Any other unit
+// above the plane that would land there takes the high surrogate slot 0x400
+// below instead. No decoded text holds a lone surrogate, so a carried byte is
+// matched by itself, by "." and by negated classes, and never by a
+// character or a named class.
 template <>
 struct CharTraits<wchar_t> {
     static constexpr bool kWide = true;
     static constexpr int kUnitSize = 4;
-    static constexpr uint32_t kMask = 0xFFFF;  // units above the BMP alias into it
+    static constexpr uint32_t kMask = 0xFFFF;
     static int32_t value(wchar_t c) { return static_cast<int32_t>(c); }
-    static uint32_t index(int32_t v) { return static_cast<uint32_t>(v) & kMask; }
+    static uint32_t index(int32_t v) noexcept
+    {
+        const uint32_t u = static_cast<uint32_t>(v);
+        if (u <= kMask) [[likely]]
+            return u;
+        return aboveBasicPlane(u);
+    }
     static int32_t fromNumber(uint32_t n) { return static_cast<int32_t>(n); }
+
+private:
+    static constexpr uint32_t kEscapeSlots = kEscapeUnitBase & kMask;
+    static constexpr uint32_t kMovedBy = 0x400;  // to the high surrogates' slots
+    static uint32_t aboveBasicPlane(uint32_t u) noexcept
+    {
+        const uint32_t low = u & kMask;
+        if (low - kEscapeSlots >= 0x100 || IsEscapeUnit(static_cast<wchar_t>(u)))
+            return low;
+        return low - kMovedBy;
+    }
 };
 
 // The code of a collating name ("alert", "space", "DEL", ...), or -1.

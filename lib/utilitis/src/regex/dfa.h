@@ -21,6 +21,7 @@
 // there without stepping: a table scan, or memchr when a single byte leaves.
 #pragma once
 
+#include "classes.h"
 #include "internals.h"
 
 #include <cstddef>
@@ -147,8 +148,8 @@ private:
         if constexpr (sizeof(Ch) == 1) {
             return leaf0[static_cast<unsigned char>(c)];
         } else {
-            const uint32_t u = static_cast<uint32_t>(c);
-            return top[(u >> 8) & 0xFF][u & 0xFF];
+            const uint32_t u = CharTraits<Ch>::index(static_cast<int32_t>(c));
+            return top[u >> 8][u & 0xFF];
         }
     }
     StateSet* initialize(const Ch* start);

@@ -447,6 +447,23 @@ void Compiler<Ch>::addRange(int32_t from, int32_t to, CharVector& v)
         v.ranges.emplace_back(0, mask);
         return;
     }
+    if constexpr (Traits::kWide) {
+        if (from < 0 || static_cast<uint32_t>(to) > mask) {
+            // Above the basic plane a unit's slot is not its low 16 bits
+            // throughout (see CharTraits): each unit of the range is placed
+            // by itself, and the slots taken become ranges.
+            std::vector<bool> taken(static_cast<size_t>(mask) + 1);
+            for (int64_t u = from; u <= to; ++u) taken[Traits::index(static_cast<int32_t>(u))] = true;
+            for (uint32_t s = 0; s <= mask; ++s) {
+                if (!taken[s]) continue;
+                uint32_t e = s;
+                while (e < mask && taken[e + 1]) ++e;
+                v.ranges.emplace_back(s, e);
+                s = e;
+            }
+            return;
+        }
+    }
     const uint32_t lo = Traits::index(from);
     const uint32_t hi = Traits::index(to);
     if (lo <= hi) {

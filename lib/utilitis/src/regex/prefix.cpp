@@ -1,8 +1,9 @@
 // See prefix.h.
 #include "prefix.h"
 
+#include "classes.h"
+
 #include <cstring>
-#include <type_traits>
 
 namespace Karu::IMPL::rx {
 
@@ -91,10 +92,12 @@ const Ch* findPrefix(const Internals& in, const Ch* from, const Ch* stop) noexce
 {
     const size_t n = in.prefix.size();
     if (static_cast<size_t>(stop - from) < n) return nullptr;
-    // Colour by colour, as the automata read: the wide map by the low 16
-    // bits, a folded letter as either case.
+    // Colour by colour, as the automata read (CharTraits::index), a folded
+    // letter as either case.
     const ColourMap& map = in.colourMap;
-    auto colourAt = [&map](Ch c) { return map.colourOf(static_cast<uint32_t>(static_cast<std::make_unsigned_t<Ch>>(c)) & (map.alphabet() - 1)); };
+    auto colourAt = [&map](Ch c) {
+        return map.colourOf(CharTraits<Ch>::index(CharTraits<Ch>::value(c)));
+    };
     const colour* p = in.prefix.data();
     const Ch* last = stop - n;
     if constexpr (sizeof(Ch) == 1) {

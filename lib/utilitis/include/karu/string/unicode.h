@@ -17,6 +17,30 @@
 
 namespace Karu {
 
+// A byte that a conversion could not decode, carried through wide text as
+// one unit that no character takes: kEscapeUnitBase plus the byte, above
+// U+10FFFF. Its low 16 bits are those of the lone surrogates U+DC00..U+DCFF,
+// which no decoded text holds, so whatever reads a unit by its low 16 bits
+// (this table, the regular-expression alphabet) sees no character there: an
+// escape unit is of category Cs, has no case and is no blank.
+constexpr uint32_t kEscapeUnitBase = 0x11DC00;
+
+constexpr wchar_t EscapeUnit(unsigned char byte) noexcept
+{
+    return static_cast<wchar_t>(kEscapeUnitBase + byte);
+}
+
+constexpr bool IsEscapeUnit(wchar_t u) noexcept
+{
+    return static_cast<uint32_t>(u) - kEscapeUnitBase < 0x100;
+}
+
+// The byte an escape unit carries.
+constexpr unsigned char EscapedByte(wchar_t u) noexcept
+{
+    return static_cast<unsigned char>(static_cast<uint32_t>(u) & 0xFF);
+}
+
 // General categories as the table numbers them (bits 0..4 of a word).
 enum UniCategory : uint8_t {
     kUniUnassigned = 0, kUniLu = 1, kUniLl = 2, kUniLt = 3, kUniLm = 4, kUniLo = 5,

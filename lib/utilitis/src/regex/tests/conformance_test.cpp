@@ -8,6 +8,8 @@
 
 #include <cstring>
 
+#include <karu/string/unicode.h>
+
 using namespace Karu;
 
 namespace {
@@ -477,6 +479,52 @@ TEST(RegexConformance, WideCharacters)
         ASSERT_EQ(got.compile, RX_OK) << where;
         EXPECT_EQ(got.exec, r.code) << where;
         EXPECT_EQ(got.matches, r.expect) << where;
+    }
+}
+
+// Undecodable bytes carried through wide text as escape units: matched by
+// themselves, "." and negated classes, never by a character of the basic
+// plane or beyond it, nor by a named class, and folded to themselves.
+TEST(RegexConformance, EscapeUnits)
+{
+    const std::wstring esc80(1, EscapeUnit(0x80)), esc81(1, EscapeUnit(0x81));
+    const std::wstring aliasOne(1, static_cast<wchar_t>(0x1DC80)), aliasTwo(1, static_cast<wchar_t>(0x2DC80));
+    struct Row {
+        const char* why;
+        int flags;
+        std::wstring pattern, subject;
+        int code;
+        const char* expect;
+    };
+    const Row rows[] = {
+        {"itself", E, esc80, L"a" + esc80, RX_OK, "1,2"},
+        {"itself, case folded", E | I, L"a" + esc80, L"A" + esc80, RX_OK, "0,2"},
+        {"another byte", E | I, esc80, esc81, RX_NOMATCH, ""},
+        {"a character above the plane with its low bits", E, aliasOne, esc80, RX_NOMATCH, ""},
+        {"nor the other way", E, esc80, aliasTwo, RX_NOMATCH, ""},
+        {"that character still finds itself", E, aliasTwo, L"x" + aliasTwo, RX_OK, "1,2"},
+        {"a range above the plane over the slots", E,
+         L"[" + std::wstring(1, static_cast<wchar_t>(0x1DC00)) + L"-" + std::wstring(1, static_cast<wchar_t>(0x1DCFF)) +
+             L"]",
+         esc80 + aliasOne, RX_OK, "1,2"},
+        {"dot", E, L"a.b", L"a" + esc80 + L"b", RX_OK, "0,3"},
+        {"negated class", E, L"[^a]+", L"a" + esc80 + esc81, RX_OK, "1,3"},
+        {"negated shorthand", A, L"\\W", L"a" + esc80, RX_OK, "1,2"},
+        {"word shorthand", A, L"\\w", esc80, RX_NOMATCH, ""},
+        {"alpha", E, L"[[:alpha:]]", esc80, RX_NOMATCH, ""},
+        {"alpha folded", E | I, L"[[:lower:]]", esc80, RX_NOMATCH, ""},
+        {"print", E, L"[[:print:]]", esc80, RX_NOMATCH, ""},
+        {"graph", E, L"[[:graph:]]", esc80, RX_NOMATCH, ""},
+        {"punct", E, L"[[:punct:]]", esc80, RX_NOMATCH, ""},
+        {"cntrl", E, L"[[:cntrl:]]", esc80, RX_NOMATCH, ""},
+        {"space", E, L"[[:space:]]", esc80, RX_NOMATCH, ""},
+        {"a class of characters", E, L"[\u00e9\u4e2d]", esc80, RX_NOMATCH, ""},
+    };
+    for (const Row& r : rows) {
+        const rxtest::Outcome got = rxtest::run<wchar_t>(r.flags, r.pattern, r.subject);
+        ASSERT_EQ(got.compile, RX_OK) << r.why;
+        EXPECT_EQ(got.exec, r.code) << r.why;
+        EXPECT_EQ(got.matches, r.expect) << r.why;
     }
 }
 
