@@ -14,8 +14,13 @@
 // Clone, so what callers receive from it is a plain byte mapping: the locale
 // functions serve only where making a clone fails.
 #include <karu/TextConv/TextConv.h>
+#include <karu/string/unicode.h>
 
 #include <langinfo.h>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include <algorithm>
 #include <cctype>
@@ -120,6 +125,29 @@ bool EncNameLess::operator()(const stringEx& a, const stringEx& b) const noexcep
     return IMPL::NameLess(a.data(), a.size(), b.data(), b.size());
 }
 
+uint64_t FindEscapeUnit(const wstringEx& text, uint64_t from) noexcept
+{
+    const wchar_t* units = text.data();
+    const uint64_t n = text.size();
+    uint64_t i = from;
+#if defined(__SSE2__)
+    // Four units a step: u - base below 0x100 as unsigned numbers, compared
+    // as signed ones with the top bit flipped.
+    const __m128i base = _mm_set1_epi32(static_cast<int>(kEscapeUnitBase));
+    const __m128i flip = _mm_set1_epi32(INT32_MIN);
+    const __m128i limit = _mm_set1_epi32(INT32_MIN + 0x100);
+    for (; i + 4 <= n; i += 4) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(units + i));
+        if (_mm_movemask_epi8(_mm_cmplt_epi32(_mm_xor_si128(_mm_sub_epi32(v, base), flip), limit)))
+            break;
+    }
+#endif
+    for (; i < n; ++i)
+        if (IsEscapeUnit(units[i]))
+            return i;
+    return wstringEx::npos;
+}
+
 // ---- the plain converter ---------------------------------------------------------------
 
 std::unique_ptr<TTextConv> TTextConv::NewConv(uint32_t)
@@ -173,12 +201,49 @@ void TTextConv::WCtoMB(stringEx& dst, const wstringEx& src)
     dst.SetSize(src.size());
 }
 
+// Every byte widens to a unit of its own, so nothing is ever undecodable here.
+void TTextConv::MBtoWCCarrying(wstringEx& dst, const stringEx& src)
+{
+    MBtoWC(dst, src);
+}
+
+// Around each escape unit the runs of characters convert as they would alone;
+// a back end with a better way overrides this.
+void TTextConv::WCtoMBCarrying(stringEx& dst, const wstringEx& src)
+{
+    uint64_t escape = FindEscapeUnit(src);
+    if (escape == wstringEx::npos) {
+        WCtoMB(dst, src);
+        return;
+    }
+    dst.clear();
+    stringEx run;
+    for (uint64_t at = 0; at < src.size();) {
+        if (escape > at) {
+            WCtoMB(run, wstringEx::View(src.data() + at, escape - at));
+            dst.append(run);
+            at = escape;
+            if (at == src.size())
+                break;
+        }
+        dst.push_back(static_cast<char>(EscapedByte(src[at++])));
+        escape = FindEscapeUnit(src, at);
+        if (escape == wstringEx::npos)
+            escape = src.size();
+    }
+}
+
 stringEx TTextConv::BackEnd() const
 {
     return stringEx("bytes");
 }
 
 bool TTextConv::ConvertsByLines() const
+{
+    return false;
+}
+
+bool TTextConv::CutsAfter(char) const
 {
     return false;
 }
@@ -203,7 +268,17 @@ public:
     using TTextConv::MBtoWC;
     using TTextConv::WCtoMB;
 
-    void MBtoWC(wstringEx& dst, const stringEx& src) override
+    void MBtoWC(wstringEx& dst, const stringEx& src) override { Decode<false>(dst, src); }
+    void WCtoMB(stringEx& dst, const wstringEx& src) override { Encode<false>(dst, src); }
+    // Carrying, a NUL is a character like any other.
+    void MBtoWCCarrying(wstringEx& dst, const stringEx& src) override { Decode<true>(dst, src); }
+    void WCtoMBCarrying(stringEx& dst, const wstringEx& src) override { Encode<true>(dst, src); }
+
+    stringEx BackEnd() const override { return stringEx("locale"); }
+
+private:
+    template <bool Carry>
+    static void Decode(wstringEx& dst, const stringEx& src)
     {
         dst.clear();
         std::mbstate_t state{};
@@ -213,12 +288,21 @@ public:
             wchar_t wc = 0;
             const size_t used = std::mbrtowc(&wc, in, left, &state);
             if (used == 0) {
-                // A NUL ends the text, as it would for the C string functions.
                 dst.push_back(L'\0');
-                return;
+                // A NUL ends the text, as it would for the C string functions.
+                if constexpr (!Carry)
+                    return;
+                ++in;
+                --left;
+                continue;
             }
             if (used == static_cast<size_t>(-1) || used == static_cast<size_t>(-2)) {
-                dst.push_back(L'?');
+                if constexpr (Carry) {
+                    dst.push_back(EscapeUnit(static_cast<unsigned char>(*in)));
+                    state = std::mbstate_t{};  // undefined after a failure
+                } else {
+                    dst.push_back(L'?');
+                }
                 ++in;
                 --left;
                 continue;
@@ -229,12 +313,17 @@ public:
         }
     }
 
-    void WCtoMB(stringEx& dst, const wstringEx& src) override
+    template <bool Carry>
+    static void Encode(stringEx& dst, const wstringEx& src)
     {
         dst.clear();
         std::mbstate_t state{};
         char bytes[MB_LEN_MAX];
         for (wchar_t wc : src) {
+            if (Carry && IsEscapeUnit(wc)) {
+                dst.push_back(static_cast<char>(EscapedByte(wc)));
+                continue;
+            }
             const size_t made = std::wcrtomb(bytes, wc, &state);
             if (made == 0 || made == static_cast<size_t>(-1))
                 dst.push_back('?');
@@ -243,7 +332,6 @@ public:
         }
     }
 
-    stringEx BackEnd() const override { return stringEx("locale"); }
 };
 
 }  // namespace

@@ -26,6 +26,7 @@
 #include <string>
 
 #include <karu/file/dllLoader.h>
+#include <karu/string/unicode.h>
 
 #include "fastcodec.h"
 #include "textconv_impl.h"
@@ -308,6 +309,26 @@ bool KeepsByteOrder(const IconvLibrary& lib, const stringEx& encoding, void* cd)
     return keeps;
 }
 
+// The bytes of one code unit: what one line feed more adds to a text (a
+// signature in front, where the encoder writes one, counts in neither).
+size_t UnitBytes(IconvFn convert, void* cd)
+{
+    auto encoded = [&](size_t feeds) {
+        const wchar_t text[2] = {L'\n', L'\n'};
+        char buffer[64];
+        char* in = reinterpret_cast<char*>(const_cast<wchar_t*>(text));
+        size_t inLeft = feeds * sizeof(wchar_t);
+        char* out = buffer;
+        size_t outLeft = sizeof buffer;
+        convert(cd, nullptr, nullptr, &out, &outLeft);
+        convert(cd, &in, &inLeft, &out, &outLeft);
+        convert(cd, nullptr, nullptr, &out, &outLeft);
+        return sizeof buffer - outLeft;
+    };
+    const size_t one = encoded(1), two = encoded(2);
+    return two > one && two - one <= 4 ? two - one : 1;
+}
+
 // Opens both directions for `encoding`, and the shortcut if there is one;
 // leaves both descriptors closed if either direction is refused.
 void CTextLibIConv::__Open(const stringEx& encoding)
@@ -327,6 +348,7 @@ void CTextLibIConv::__Open(const stringEx& encoding)
     _stateful = HoldsState(convert, _toBytes);
     _keepsByteOrder = KeepsByteOrder(lib, encoding, _toWide);
     __FreshDecoder();  // the probe above read marks
+    _unitBytes = UnitBytes(convert, _toBytes);
     // The probes may run long after this, when a shortcut fills its tables
     // on first need: they hold the lock like any other conversion.
     _fast = IMPL::MakeFastCodec(
@@ -354,7 +376,9 @@ void CTextLibIConv::__Close() noexcept
         lib.close(_toWide);
     if (_toBytes != kNoDescriptor)
         lib.close(_toBytes);
-    _toWide = _toBytes = kNoDescriptor;
+    if (_toWideStrict != kNoDescriptor)
+        lib.close(_toWideStrict);
+    _toWide = _toBytes = _toWideStrict = kNoDescriptor;
 }
 
 // Every conversion starts from the initial state. Where the library's reset
@@ -421,6 +445,8 @@ CTextLibIConv::~CTextLibIConv() noexcept(false)
         failed = true;
     if (_toBytes != kNoDescriptor && lib.close(_toBytes) != 0)
         failed = true;
+    if (_toWideStrict != kNoDescriptor && lib.close(_toWideStrict) != 0)
+        failed = true;
     __Release();
     if (failed && MayThrowFromDestructor())
         Throw<libiconvExp>(
@@ -455,27 +481,38 @@ stringEx CTextLibIConv::Encoding() const
 
 bool CTextLibIConv::ConvertsByLines() const
 {
+    if (!CutsAfter('\n'))
+        return false;
+    wstringEx lineFeed;
+    LibMBtoWC(lineFeed, stringEx("\n"));
+    return lineFeed == wstringEx(L"\n");
+}
+
+bool CTextLibIConv::CutsAfter(char byte) const
+{
     // Only where a shortcut vouches for a stateless encoding: UTF-8, a
     // single-byte table, or a double-byte code page.
     if (!_fast)
         return false;
     const stringEx kind(_fast->Kind());
-    if (kind != "utf-8" && kind != "table" && kind != "double-byte")
-        return false;
-    wstringEx lineFeed;
-    LibMBtoWC(lineFeed, stringEx("\n"));
-    if (lineFeed != wstringEx(L"\n"))
-        return false;
-    if (kind != "double-byte")
+    if (kind == "table")
         return true;
-    // The line feed byte must never be the second byte of a character, or
-    // a cut behind it could split one: ask the library about every lead.
-    char pair[2] = {0, '\n'};
+    // In UTF-8 a byte below 0x80 is never inside a sequence.
+    if (kind == "utf-8")
+        return static_cast<unsigned char>(byte) < 0x80;
+    if (kind != "double-byte")
+        return false;
+    // The byte must be a character alone and never the second byte of one,
+    // or a cut behind it could split one: ask the library about every lead.
+    char pair[2] = {byte, byte};
     wstringEx read;
+    LibMBtoWC(read, stringEx(pair, 1));
+    if (read.size() != 1)
+        return false;
     for (int lead = 0x80; lead <= 0xFF; ++lead) {
         pair[0] = static_cast<char>(lead);
         LibMBtoWC(read, stringEx(pair, 2));
-        if (read.empty() || read[read.size() - 1] != L'\n')
+        if (read.empty() || read[read.size() - 1] != static_cast<wchar_t>(static_cast<unsigned char>(byte)))
             return false;
     }
     return true;
@@ -505,6 +542,63 @@ void CTextLibIConv::WCtoMB(stringEx& dst, const wstringEx& src)
     if (_fast && _fast->Encode(dst, src))
         return;
     LibWCtoMB(dst, src);
+}
+
+void CTextLibIConv::MBtoWCCarrying(wstringEx& dst, const stringEx& src)
+{
+    // Well-formed text, the common case, goes the ordinary way: that one
+    // is sized exactly.
+    if (_fast && (_fast->Decode(dst, src) || _fast->DecodeCarrying(dst, src)))
+        return;
+    LibMBtoWCCarrying(dst, src);
+}
+
+void CTextLibIConv::WCtoMBCarrying(stringEx& dst, const wstringEx& src)
+{
+    if (_fast && (_fast->Encode(dst, src) || _fast->EncodeCarrying(dst, src)))
+        return;
+    TTextConv::WCtoMBCarrying(dst, src);
+}
+
+void CTextLibIConv::LibMBtoWCCarrying(wstringEx& dst, const stringEx& src) const
+{
+    dst.clear();
+    if (src.empty())
+        return;
+    CFastLockHolder hold(_lock);
+    const IconvLibrary& lib = Library();
+    if (_keepsByteOrder && _toWideStrict != kNoDescriptor) {
+        // Such a decoder is renewed before each call (see __FreshDecoder).
+        lib.close(_toWideStrict);
+        _toWideStrict = kNoDescriptor;
+    }
+    if (_toWideStrict == kNoDescriptor) {
+        _toWideStrict = lib.open(kWideCode, std::string(_encoding.data(), _encoding.size()).c_str());
+        if (_toWideStrict == kNoDescriptor) {
+            // Nothing better to offer than the ordinary form (the lock is
+            // recursive).
+            LibMBtoWC(dst, src);
+            return;
+        }
+    }
+    IMPL::PrepareLargeBlock(dst.GetBuffer(src.size()), src.size() * sizeof(wchar_t));
+    char buffer[kWideRoundBytes];
+    char* out = buffer;
+    size_t outLeft = sizeof buffer;
+    lib.convert(_toWideStrict, nullptr, nullptr, &out, &outLeft);
+    char* in = const_cast<char*>(src.data());
+    size_t inLeft = src.size();
+    while (inLeft > 0) {
+        out = buffer;
+        outLeft = sizeof buffer;
+        const size_t result = lib.convert(_toWideStrict, &in, &inLeft, &out, &outLeft);
+        dst.append(reinterpret_cast<const wchar_t*>(buffer), (sizeof buffer - outLeft) / sizeof(wchar_t));
+        if (result != static_cast<size_t>(-1) || errno == E2BIG)
+            continue;
+        // A broken or unfinished sequence at `in`: its first unit is carried.
+        for (size_t k = 0; k < _unitBytes && inLeft > 0; ++k, ++in, --inLeft)
+            dst.push_back(EscapeUnit(static_cast<unsigned char>(*in)));
+    }
 }
 
 void CTextLibIConv::LibMBtoWC(wstringEx& dst, const stringEx& src) const

@@ -16,6 +16,7 @@
 #include "fastcodec.h"
 
 #include <karu/TextConv/TextConv.h>
+#include <karu/string/unicode.h>
 
 #include <sys/mman.h>
 
@@ -169,8 +170,11 @@ inline bool PackAscii(const wchar_t* in, unsigned char* out) noexcept
 
 // Walks well-formed UTF-8 (shortest forms, no surrogates, nothing above
 // U+10FFFF), storing the code points when `out` is given; the count of
-// characters, or SIZE_MAX at the first flaw.
-template <bool Store>
+// characters, or SIZE_MAX at the first flaw. Carrying, a byte that starts
+// no well-formed character becomes one escape unit instead and the walk goes
+// on behind it: a continuation byte never starts a character, so each byte
+// of a broken sequence is escaped by itself.
+template <bool Store, bool Carry = false>
 size_t WalkUtf8(const unsigned char* in, size_t n, wchar_t* out) noexcept
 {
     size_t i = 0, o = 0;
@@ -189,36 +193,40 @@ size_t WalkUtf8(const unsigned char* in, size_t n, wchar_t* out) noexcept
                 continue;
         }
         const uint32_t c = in[i];
-        uint32_t cp;
+        uint32_t cp = 0;
+        size_t length = 0;
         if (c < 0x80) {
             cp = c;
-            ++i;
+            length = 1;
         } else if (c >= 0xC2 && c <= 0xDF) {
-            if (i + 2 > n || (in[i + 1] & 0xC0) != 0x80)
-                return SIZE_MAX;
-            cp = ((c & 0x1F) << 6) | (in[i + 1] & 0x3F);
-            i += 2;
+            if (i + 2 <= n && (in[i + 1] & 0xC0) == 0x80) {
+                cp = ((c & 0x1F) << 6) | (in[i + 1] & 0x3F);
+                length = 2;
+            }
         } else if (c >= 0xE0 && c <= 0xEF) {
-            if (i + 3 > n || ((in[i + 1] & 0xC0) ^ 0x80) | ((in[i + 2] & 0xC0) ^ 0x80))
-                return SIZE_MAX;
-            cp = ((c & 0x0F) << 12) | ((in[i + 1] & 0x3Fu) << 6) | (in[i + 2] & 0x3F);
-            // Overlong forms and surrogates.
-            if (cp < 0x800 || IsSurrogate(cp))
-                return SIZE_MAX;
-            i += 3;
+            if (i + 3 <= n && !(((in[i + 1] & 0xC0) ^ 0x80) | ((in[i + 2] & 0xC0) ^ 0x80))) {
+                cp = ((c & 0x0F) << 12) | ((in[i + 1] & 0x3Fu) << 6) | (in[i + 2] & 0x3F);
+                // Overlong forms and surrogates.
+                if (cp >= 0x800 && !IsSurrogate(cp))
+                    length = 3;
+            }
         } else if (c >= 0xF0 && c <= 0xF4) {
-            if (i + 4 > n ||
-                ((in[i + 1] & 0xC0) ^ 0x80) | ((in[i + 2] & 0xC0) ^ 0x80) | ((in[i + 3] & 0xC0) ^ 0x80))
-                return SIZE_MAX;
-            cp = ((c & 0x07) << 18) | ((in[i + 1] & 0x3Fu) << 12) | ((in[i + 2] & 0x3Fu) << 6) |
-                 (in[i + 3] & 0x3F);
-            // Overlong forms and values past the last plane.
-            if (cp < 0x10000 || cp > kMaxScalar)
-                return SIZE_MAX;
-            i += 4;
-        } else {
-            return SIZE_MAX;
+            if (i + 4 <= n &&
+                !(((in[i + 1] & 0xC0) ^ 0x80) | ((in[i + 2] & 0xC0) ^ 0x80) | ((in[i + 3] & 0xC0) ^ 0x80))) {
+                cp = ((c & 0x07) << 18) | ((in[i + 1] & 0x3Fu) << 12) | ((in[i + 2] & 0x3Fu) << 6) |
+                     (in[i + 3] & 0x3F);
+                // Overlong forms and values past the last plane.
+                if (cp >= 0x10000 && cp <= kMaxScalar)
+                    length = 4;
+            }
         }
+        if (length == 0) {
+            if constexpr (!Carry)
+                return SIZE_MAX;
+            cp = static_cast<uint32_t>(EscapeUnit(static_cast<unsigned char>(c)));
+            length = 1;
+        }
+        i += length;
         if constexpr (Store)
             out[o] = static_cast<wchar_t>(cp);
         ++o;
@@ -438,6 +446,40 @@ public:
         return true;
     }
 
+    bool DecodeCarrying(wstringEx& dst, const stringEx& src) const override
+    {
+        // A unit a byte at most: a broken text is no longer sized exactly.
+        wchar_t* out = FreshBuffer(dst, src.size() + kBlockSlack);
+        dst.SetSize(WalkUtf8<true, true>(reinterpret_cast<const unsigned char*>(src.data()), src.size(), out));
+        return true;
+    }
+
+    bool EncodeCarrying(stringEx& dst, const wstringEx& src) const override
+    {
+        const wchar_t* in = src.data();
+        const size_t n = src.size();
+        size_t bytes = 0;
+        for (size_t i = 0; i < n; ++i) {
+            const uint32_t c = static_cast<uint32_t>(in[i]);
+            if (IsEscapeUnit(in[i]))
+                bytes += 1;
+            else if (IsScalar(c))
+                bytes += 1 + (c >= 0x80) + (c >= 0x800) + (c >= 0x10000);
+            else
+                return false;
+        }
+        auto* out = reinterpret_cast<unsigned char*>(FreshBuffer(dst, bytes + kBlockSlack));
+        size_t o = 0;
+        for (size_t i = 0; i < n; ++i) {
+            if (IsEscapeUnit(in[i]))
+                out[o++] = EscapedByte(in[i]);
+            else
+                o += PutChar(static_cast<uint32_t>(in[i]), out + o);
+        }
+        dst.SetSize(o);
+        return true;
+    }
+
     bool IsPlainUtf8() const noexcept override { return true; }
 
     bool Encode(stringEx& dst, const wstringEx& src) const override
@@ -601,12 +643,30 @@ private:
     const char* _kind;
 };
 
+// ---- what the tables lack ---------------------------------------------------------------------
+
+// Where a table holds nothing for the bytes at `in`, what the back end makes
+// of them: the length of the shortest stretch of up to four bytes that it
+// decodes cleanly, with its units; 0 when no stretch does, and the byte is
+// to be carried. A character the tables lack may be longer than they go (the
+// three- and four-byte forms of EUC-JP and GB18030), or one they hold as two
+// units. -1 when the units would outnumber the bytes, which the caller's
+// room does not allow for.
+int BackEndAt(const ProbeDecode& decode, const unsigned char* in, size_t left, wstringEx& units)
+{
+    for (size_t k = 1; k <= std::min<size_t>(4, left); ++k)
+        if (decode(stringEx(reinterpret_cast<const char*>(in), k), units) && !units.empty())
+            return units.size() <= k ? static_cast<int>(k) : -1;
+    return 0;
+}
+
 // ---- single-byte code pages ----------------------------------------------------------------
 
 // Marks a byte or a character the back end does not convert one to one.
 constexpr uint32_t kNoImage = 0xFFFFFFFF;
-// A table with more holes than this belongs to a multi-byte encoding (lead
-// bytes are holes): its shortcut would step aside on nearly every text.
+// A table with more holes than this may belong to a multi-byte encoding
+// (lead bytes are holes), whose shortcut would step aside on nearly every
+// text; it is made only for a seven-bit code page (see SevenBit).
 constexpr int kMaxHoles = 32;
 
 // Marks that attach to the character before them, in the scripts that
@@ -620,35 +680,12 @@ bool IsCombining(uint32_t c) noexcept
 
 class CTableCodec : public CFastCodec {
 public:
-    bool Decode(wstringEx& dst, const stringEx& src) const override
-    {
-        const auto* in = reinterpret_cast<const unsigned char*>(src.data());
-        const size_t n = src.size();
-        wchar_t* out = FreshBuffer(dst, n);
-        for (size_t i = 0; i < n; ++i) {
-            const uint32_t c = toWide[in[i]];
-            if (c == kNoImage)
-                return false;
-            out[i] = static_cast<wchar_t>(c);
-        }
-        dst.SetSize(n);
-        return true;
-    }
-
-    bool Encode(stringEx& dst, const wstringEx& src) const override
-    {
-        const wchar_t* in = src.data();
-        const size_t n = src.size();
-        auto* out = reinterpret_cast<unsigned char*>(FreshBuffer(dst, n));
-        for (size_t i = 0; i < n; ++i) {
-            const int byte = ByteOf(static_cast<uint32_t>(in[i]));
-            if (byte < 0)
-                return false;
-            out[i] = static_cast<unsigned char>(byte);
-        }
-        dst.SetSize(n);
-        return true;
-    }
+    bool Decode(wstringEx& dst, const stringEx& src) const override { return Convert<false>(dst, src); }
+    bool Encode(stringEx& dst, const wstringEx& src) const override { return Convert<false>(dst, src); }
+    // A byte without an image is a hole of the code page: carried, unless
+    // the back end reads it with what follows.
+    bool DecodeCarrying(wstringEx& dst, const stringEx& src) const override { return Convert<true>(dst, src); }
+    bool EncodeCarrying(stringEx& dst, const wstringEx& src) const override { return Convert<true>(dst, src); }
 
     const char* Kind() const noexcept override { return "table"; }
 
@@ -657,6 +694,58 @@ public:
         if (c > 0xFFFF)
             return -1;
         return pages[pageOf[c >> 8]][c & 0xFF];
+    }
+
+    // One unit a byte in both directions; false at what the table lacks,
+    // unless carrying.
+    template <bool Carry>
+    bool Convert(wstringEx& dst, const stringEx& src) const
+    {
+        const auto* in = reinterpret_cast<const unsigned char*>(src.data());
+        const size_t n = src.size();
+        wchar_t* out = FreshBuffer(dst, n);
+        size_t o = 0;
+        wstringEx units;
+        for (size_t i = 0; i < n;) {
+            const uint32_t c = toWide[in[i]];
+            if (c != kNoImage) {
+                out[o++] = static_cast<wchar_t>(c);
+                ++i;
+                continue;
+            }
+            if constexpr (!Carry)
+                return false;
+            const int k = BackEndAt(decode, in + i, n - i, units);
+            if (k < 0)
+                return false;
+            if (k == 0) {
+                out[o++] = EscapeUnit(in[i++]);
+                continue;
+            }
+            for (const wchar_t unit : units)
+                out[o++] = unit;
+            i += static_cast<size_t>(k);
+        }
+        dst.SetSize(o);
+        return true;
+    }
+
+    template <bool Carry>
+    bool Convert(stringEx& dst, const wstringEx& src) const
+    {
+        const wchar_t* in = src.data();
+        const size_t n = src.size();
+        auto* out = reinterpret_cast<unsigned char*>(FreshBuffer(dst, n));
+        for (size_t i = 0; i < n; ++i) {
+            int byte = ByteOf(static_cast<uint32_t>(in[i]));
+            if (Carry && byte < 0 && IsEscapeUnit(in[i]))
+                byte = EscapedByte(in[i]);
+            if (byte < 0)
+                return false;
+            out[i] = static_cast<unsigned char>(byte);
+        }
+        dst.SetSize(n);
+        return true;
     }
 
     void SetByte(uint32_t c, int byte)
@@ -671,6 +760,7 @@ public:
     }
 
     std::array<uint32_t, 256> toWide{};
+    ProbeDecode decode;  // the back end, for the holes of the carrying form
     // Wide to byte in two levels: pageOf selects one of the pages by the
     // character's high byte; page 0 is the empty one.
     std::array<uint8_t, 256> pageOf{};
@@ -692,10 +782,36 @@ ByteImages ProbeBytes(const ProbeDecode& decode)
     return images;
 }
 
+// Whether the code page is ASCII with nothing above it (the C locale's): every
+// byte below 0x80 is itself, and no byte above starts a longer character. Its
+// table steps aside on any byte above 0x7F, and in the carrying form turns it
+// into an escape unit.
+bool SevenBit(const ByteImages& images, const ProbeDecode& decode, bool stateful)
+{
+    if (stateful)
+        return false;
+    for (uint32_t b = 0; b < 0x80; ++b)
+        if (images[b] != b)
+            return false;
+    const unsigned char trails[] = {0x30, 0x40, 0x41, 0x80, 0xA1, 0xC0};
+    wstringEx wide;
+    for (uint32_t b = 0x80; b < 0x100; ++b) {
+        if (images[b] != kNoImage)
+            continue;
+        for (unsigned char trail : trails) {
+            const char two[2] = {static_cast<char>(b), static_cast<char>(trail)};
+            if (decode(stringEx(two, 2), wide) && wide.size() == 1)
+                return false;
+        }
+    }
+    return true;
+}
+
 std::unique_ptr<CFastCodec> MakeTableCodec(const ByteImages& images, const ProbeDecode& decode,
-                                           const ProbeEncode& encode)
+                                           const ProbeEncode& encode, bool stateful)
 {
     auto codec = std::make_unique<CTableCodec>();
+    codec->decode = decode;
     codec->pages[0].fill(-1);
     codec->toWide = images;
     std::vector<unsigned char> exact;
@@ -703,7 +819,7 @@ std::unique_ptr<CFastCodec> MakeTableCodec(const ByteImages& images, const Probe
     for (int b = 0; b < 256; ++b)
         if (images[b] != kNoImage)
             exact.push_back(static_cast<unsigned char>(b));
-    if (256 - static_cast<int>(exact.size()) > kMaxHoles)
+    if (256 - static_cast<int>(exact.size()) > kMaxHoles && !SevenBit(images, decode, stateful))
         return nullptr;
     stringEx all;
     wstringEx allWide;
@@ -918,7 +1034,25 @@ public:
             Adopt(known->second);
     }
 
-    bool Decode(wstringEx& dst, const stringEx& src) const override
+    bool Decode(wstringEx& dst, const stringEx& src) const override { return DecodeWith<false>(dst, src); }
+    bool Encode(stringEx& dst, const wstringEx& src) const override { return EncodeWith<false>(dst, src); }
+    // Where the tables fail, the back end is asked about the bytes there
+    // (BackEndAt); where it fails too, it stops at the first byte, a lead
+    // byte without its trail included: that byte alone is carried, and the
+    // next one read afresh.
+    bool DecodeCarrying(wstringEx& dst, const stringEx& src) const override { return DecodeWith<true>(dst, src); }
+    bool EncodeCarrying(stringEx& dst, const wstringEx& src) const override { return EncodeWith<true>(dst, src); }
+
+    // Nothing once the back end has turned out not to fit the tables.
+    const char* Kind() const noexcept override
+    {
+        const bool unfit = _settled.load(std::memory_order_acquire) && !_tables.load(std::memory_order_acquire);
+        return unfit ? "" : "double-byte";
+    }
+
+private:
+    template <bool Carry>
+    bool DecodeWith(wstringEx& dst, const stringEx& src) const
     {
         const DoubleByteTables* t = Ready(src.size());
         if (!t)
@@ -927,6 +1061,7 @@ public:
         const size_t n = src.size();
         wchar_t* out = FreshBuffer(dst, n + kBlockSlack);
         size_t i = 0, o = 0;
+        wstringEx units;
         while (i < n) {
             if (t->asciiSelf && i + 16 <= n) {
                 const unsigned ascii = AsciiPrefix(in + i);
@@ -941,12 +1076,25 @@ public:
             if (c != kNoImage) {
                 ++i;
             } else {
-                if (i + 1 >= n)
-                    return false;
-                c = t->pair[static_cast<uint32_t>(in[i]) << 8 | in[i + 1]];
-                if (c == kNoImage)
-                    return false;
-                i += 2;
+                if (i + 1 < n)
+                    c = t->pair[static_cast<uint32_t>(in[i]) << 8 | in[i + 1]];
+                if (c != kNoImage) {
+                    i += 2;
+                } else {
+                    if constexpr (!Carry)
+                        return false;
+                    const int k = BackEndAt(_decode, in + i, n - i, units);
+                    if (k < 0)
+                        return false;
+                    if (k == 0) {
+                        out[o++] = EscapeUnit(in[i++]);
+                        continue;
+                    }
+                    for (const wchar_t unit : units)
+                        out[o++] = unit;
+                    i += static_cast<size_t>(k);
+                    continue;
+                }
             }
             out[o++] = static_cast<wchar_t>(c);
         }
@@ -954,7 +1102,8 @@ public:
         return true;
     }
 
-    bool Encode(stringEx& dst, const wstringEx& src) const override
+    template <bool Carry>
+    bool EncodeWith(stringEx& dst, const wstringEx& src) const
     {
         const DoubleByteTables* t = Ready(src.size());
         if (!t)
@@ -969,8 +1118,11 @@ public:
                 o += 8;
                 continue;
             }
-            const uint32_t c = static_cast<uint32_t>(in[i++]);
-            const uint32_t form = c <= 0xFFFF ? t->bytesOf[c] : 0;
+            const wchar_t unit = in[i++];
+            const uint32_t c = static_cast<uint32_t>(unit);
+            uint32_t form = c <= 0xFFFF ? t->bytesOf[c] : 0;
+            if (Carry && form == 0 && IsEscapeUnit(unit))
+                form = PairForm(1, EscapedByte(unit), 0);
             if (form == 0)
                 return false;
             // Both bytes are written; a single one is overwritten next.
@@ -982,14 +1134,6 @@ public:
         return true;
     }
 
-    // Nothing once the back end has turned out not to fit the tables.
-    const char* Kind() const noexcept override
-    {
-        const bool unfit = _settled.load(std::memory_order_acquire) && !_tables.load(std::memory_order_acquire);
-        return unfit ? "" : "double-byte";
-    }
-
-private:
     // The tables once enough text has gone by to be worth them; null before,
     // and for good when the back end turns out not to fit them.
     const DoubleByteTables* Ready(uint64_t units) const
@@ -1100,7 +1244,7 @@ std::unique_ptr<CFastCodec> MakeFastCodec(const stringEx& encoding, const ProbeD
         if (std::unique_ptr<CFastCodec> codec = UnicodeCodec(name))
             return AgreesOnSample(*codec, decode, encode, name.rfind("UCS-2", 0) == 0) ? std::move(codec) : nullptr;
         const ByteImages images = ProbeBytes(decode);
-        if (std::unique_ptr<CFastCodec> codec = MakeTableCodec(images, decode, encode))
+        if (std::unique_ptr<CFastCodec> codec = MakeTableCodec(images, decode, encode, stateful))
             return codec;
         // An encoder that keeps a shift state can write the same character
         // differently by what came before: no table describes it.

@@ -23,6 +23,11 @@ public:
     // True with `dst` filled, or false with `dst` unspecified.
     virtual bool Decode(wstringEx& dst, const stringEx& src) const = 0;
     virtual bool Encode(stringEx& dst, const wstringEx& src) const = 0;
+    // The carrying forms (TTextConv::MBtoWCCarrying): a byte the back end
+    // would not decode becomes an escape unit, and an escape unit is written
+    // as its byte. False where the shortcut cannot say, as above.
+    virtual bool DecodeCarrying(wstringEx&, const stringEx&) const { return false; }
+    virtual bool EncodeCarrying(stringEx&, const wstringEx&) const { return false; }
     virtual const char* Kind() const noexcept = 0;
     // Decodes well-formed UTF-8 and encodes every scalar value in the
     // standard way, so that literal work on such text may run on its bytes.

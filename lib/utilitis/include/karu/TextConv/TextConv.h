@@ -92,6 +92,16 @@ public:
     virtual stringEx WCtoMB(const wstringEx& src);
     virtual void WCtoMB(stringEx& dst, const wstringEx& src);
 
+    // The carrying form of the conversions, which loses nothing: a byte that
+    // the encoding cannot decode becomes one escape unit (EscapeUnit in
+    // karu/string/unicode.h) and an escape unit is written back as its byte;
+    // the rest converts as in the ordinary form. Text read and written again
+    // in one encoding so gives back the very bytes it came from, broken ones
+    // included. A back end that cannot tell where its input is broken (ICU)
+    // decodes as in the ordinary form.
+    virtual void MBtoWCCarrying(wstringEx& dst, const stringEx& src);
+    virtual void WCtoMBCarrying(stringEx& dst, const wstringEx& src);
+
     // Which back end converts ("iconv", "icu", "locale", "bytes") and the
     // encoding name it finally accepted (empty for the last two).
     virtual stringEx BackEnd() const;
@@ -108,6 +118,9 @@ public:
     // is always a whole character that reads as a line feed. A caller may
     // then work through a large text a few lines at a time.
     virtual bool ConvertsByLines() const;
+    // The same for a cut just after `byte`: the encoding keeps no state and
+    // the byte is always a whole character by itself, never part of another.
+    virtual bool CutsAfter(char byte) const;
 
     // ---- the encoding table ---------------------------------------------------
 
@@ -162,6 +175,9 @@ constexpr int kIncompatibleConversionStatus = -1;
 // True when the bytes are UTF-8 in its shortest forms, with no surrogate and
 // nothing above U+10FFFF.
 bool IsWellFormedUtf8(const char* data, uint64_t size) noexcept;
+
+// The position of the first escape unit at or after `from`, or npos.
+uint64_t FindEscapeUnit(const wstringEx& text, uint64_t from = 0) noexcept;
 
 // ---- shortcuts through the calling thread's converters ---------------------------
 // None of these fails: a converter that raises is replaced, for that string,

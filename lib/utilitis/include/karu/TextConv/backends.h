@@ -35,16 +35,23 @@ public:
     using TTextConv::WCtoMB;
     void MBtoWC(wstringEx& dst, const stringEx& src) override;
     void WCtoMB(stringEx& dst, const wstringEx& src) override;
+    void MBtoWCCarrying(wstringEx& dst, const stringEx& src) override;
+    void WCtoMBCarrying(stringEx& dst, const wstringEx& src) override;
 
     stringEx BackEnd() const override;
     stringEx Encoding() const override;
     bool ConvertsByLines() const override;
+    bool CutsAfter(char byte) const override;
     bool IsPlainUtf8() const override;
 
     // The conversions exactly as the library gives them, bypassing the
     // shortcuts for common encodings (which must agree with these).
     void LibMBtoWC(wstringEx& dst, const stringEx& src) const;
     void LibWCtoMB(stringEx& dst, const wstringEx& src);
+    // The library's decoding in the carrying form: it stops at each broken
+    // sequence, whose first byte (first unit, where characters are wider) is
+    // carried, and goes on behind it.
+    void LibMBtoWCCarrying(wstringEx& dst, const stringEx& src) const;
 
     // The shortcut in use for this encoding ("utf-8", "utf-16", "ucs-2",
     // "utf-32", "table", "double-byte"), or empty when every conversion goes
@@ -68,6 +75,12 @@ private:
 
     mutable void* _toWide = reinterpret_cast<void*>(-1);  // renewed per call, see _keepsByteOrder
     void* _toBytes = reinterpret_cast<void*>(-1);
+    // Decoding that stops at broken input instead of skipping it, for the
+    // carrying form; opened on first need.
+    mutable void* _toWideStrict = reinterpret_cast<void*>(-1);
+    // Bytes of one code unit: what a broken spot is carried by (2 or 4
+    // where every character takes whole units of that size).
+    size_t _unitBytes = 1;
     stringEx _encoding;
     mutable FAST_PCLOCK _lock;  // one conversion at a time on the descriptors
     std::unique_ptr<IMPL::CFastCodec> _fast;
