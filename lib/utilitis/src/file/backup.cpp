@@ -1,28 +1,24 @@
-// Backups, restore and the transaction write: the two safer ways of
-// replacing a file beside the plain write in place.
+// Backups and restore: copies of a file named <base>@<stamp>.<ext> beside
+// each other in one directory, and the way back from them.
 //
-// Backups are copies named <base>@<stamp>.<ext> beside each other in one
-// directory; the stamp (year, month, day, "_", hour, minute, second) sorts
-// as text in the order of age, which is all that pruning and restoring need.
-// Both are built to be called from failure paths: what goes wrong while
-// pruning or restoring is logged, not raised.
+// The stamp (year, month, day, "_", hour, minute, second) sorts as text in
+// the order of age, which is all that pruning and restoring need. Both are
+// built to be called from failure paths: what goes wrong while pruning or
+// restoring is logged, not raised.
 //
-// The transaction write parks the old content under <path>.trs while the new
-// content is written, and drops it only once the writer has finished. What a
-// process that dies leaves behind, step by step:
-//   before the old file is moved      the old file, perhaps an old .trs
-//   between link and unlink of the move   old file and .trs, the same content
-//   while the writer runs             .trs old, the file partial or absent
-//   after the writer, before removal  the new file and the old .trs
-//   after removal                     the new file
-// So the old content is in one of the two names at every moment, and a
-// leftover .trs says "decide": its owner keeps the file if that is whole,
-// and otherwise moves the .trs back. The configuration store is that owner.
+// A restore over an existing file goes through the transaction write: the
+// backup's content goes into the file itself, so the file keeps its owner,
+// mode and links, and the current content stays until the backup's is
+// whole. Only a file that is not there is given the backup itself.
+//
+// The step hook of the transaction write lives here too, for the file
+// operations that a test stops at each of their steps.
 #include <karu/file/dir.h>
 
 #include <algorithm>
 #include <atomic>
 
+#include <karu/file/sysfile.h>
 #include <karu/log/log.h>
 #include <karu/time/time.h>
 
@@ -31,26 +27,21 @@ namespace {
 
 std::atomic<IMPL::FileStepHook> g_stepHook{nullptr};
 
-// B and E of a file name: E is the text behind the last ".", B the rest.
-// A name without "." has no extension, and its backups none either.
+// B and E of a file name: E is the text behind the last ".", B the rest. A
+// name without "." has an empty extension, and its backups end in ".".
 struct BackupName {
     stringEx base;
     stringEx extension;
-    bool hasExtension = false;
 
     explicit BackupName(const stringEx& path)
     {
         const stringEx name = CDir::GetPathFilename(path);
         const uint64_t dot = name.ReverseFind('.');
-        hasExtension = dot != stringEx::npos;
-        base = hasExtension ? name.Left(dot) : name;
-        extension = hasExtension ? name.Mid(dot + 1) : stringEx();
+        base = dot != stringEx::npos ? name.Left(dot) : name;
+        extension = dot != stringEx::npos ? name.Mid(dot + 1) : stringEx();
     }
 
-    stringEx With(const stringEx& stamp) const
-    {
-        return base + "@" + stamp + (hasExtension ? stringEx(".") + extension : stringEx());
-    }
+    stringEx With(const stringEx& stamp) const { return base + "@" + stamp + "." + extension; }
 };
 
 // The backups of `path` in `dir`, newest first.
@@ -116,56 +107,40 @@ bool CDir::Restore(const stringEx& path) const
                        __Resolve(name.With("*")).c_str(), path.c_str(), e.message.c_str());
         return false;
     }
+    stringEx target = path;
+    struct stat status;
     for (const stringEx& backup : backups) {
         try {
-            if (Exists(path))
-                RemoveFile(path, true);
-            TransferFile(backup, path, true, true);
-            return true;
+            // Only a plain file is a backup: reading anything else could
+            // wait for ever (a pipe) or give what no backup held.
+            if (stat(backup.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+                Throw<dirExp>(ExpMessage("CDir::Restore - the backup is not a regular file\n")
+                                  .Detail("file path", backup),
+                              2);
+            ConvToFullPath(target);
+            if (lstat(target.c_str(), &status) != 0) {
+                TransferFile(backup, path, false, true);
+                return true;
+            }
+            TransactionWrite(path, [&backup](CSysFile& file) {
+                CSysFile copy(backup, O_RDONLY, kShareShared);
+                IMPL::CopyAll(copy, file);
+            });
+        } catch (const karuExp& e) {
+            CLog::LogError("util.dir.restore", "failed restore the backup file\n  from = %s\n  to   = %s\n@ %s",
+                           backup.c_str(), path.c_str(), e.message.c_str());
+            continue;
+        }
+        // The content is back; a backup that cannot be removed is only left over.
+        try {
+            RemoveFile(backup, true);
         } catch (const karuExp& e) {
             CLog::LogError("util.dir.restore", "failed restore the backup file\n  from = %s\n  to   = %s\n@ %s",
                            backup.c_str(), path.c_str(), e.message.c_str());
         }
+        return true;
     }
     return false;
-}
-
-stringEx CDir::TransactionFileName(const stringEx& path)
-{
-    return path + ".trs";
-}
-
-void CDir::TransactionWrite(const stringEx& path, const TransactionWriter& writer)
-{
-    stringEx target = path;
-    ConvToFullPath(target);
-    const stringEx parked = TransactionFileName(target);
-    if (Exists(target)) {
-        IMPL::FileStep("TransactionWrite.begin");
-        if (Exists(parked))
-            RemoveFile(parked, true);
-        IMPL::FileStep("TransactionWrite.stale-removed");
-        TransferFile(target, parked, false, true);
-    }
-    try {
-        IMPL::FileStep("TransactionWrite.parked");
-        writer(target);
-        IMPL::FileStep("TransactionWrite.written");
-        if (Exists(parked))
-            RemoveFile(parked, false);
-        IMPL::FileStep("TransactionWrite.done");
-    } catch (...) {
-        // Put the old content back; a failure here must not replace the
-        // writer's exception, which says what really went wrong.
-        try {
-            if (Exists(target))
-                RemoveFile(target, true);
-            if (Exists(parked))
-                TransferFile(parked, target, true, true);
-        } catch (...) {
-        }
-        throw;
-    }
 }
 
 }  // namespace Karu

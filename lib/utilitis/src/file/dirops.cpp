@@ -238,6 +238,14 @@ void WriteAll(CSysFile& file, const void* data, uint64_t size)
     }
 }
 
+void CopyAll(CSysFile& from, CSysFile& to)
+{
+    stringEx block;
+    char* room = block.GetBuffer(kCopyBlock);
+    for (uint64_t got; (got = from.Read(room, kCopyBlock)) > 0;)
+        WriteAll(to, room, got);
+}
+
 }  // namespace IMPL
 
 // ---- removing ----------------------------------------------------------------------------
@@ -316,10 +324,7 @@ void CDir::DuplicateFile(const stringEx& source, const stringEx& target, bool ov
         CSysFile in(from, O_RDONLY, kShareShared);
         CSysFile out;
         out.Open(to, O_WRONLY | O_CREAT | O_TRUNC, 0, kShareNone, kDefaultFilePermissions);
-        stringEx block;
-        char* room = block.GetBuffer(kCopyBlock);
-        for (uint64_t got; (got = in.Read(room, kCopyBlock)) > 0;)
-            IMPL::WriteAll(out, room, got);
+        IMPL::CopyAll(in, out);
         out.Flush();
         if (keepMode && fstat(in.Descriptor(), &fromStatus) == 0)
             fchmod(out.Descriptor(), fromStatus.st_mode & 07777);

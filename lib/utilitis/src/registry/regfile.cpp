@@ -9,10 +9,10 @@
 // the same stream with the blob's length as the child's bound, then skips
 // whatever the child left. Memory stays at one tree, however deep.
 //
-// Saving goes through the transaction write, and opening settles what an
-// interrupted save left: the file is kept when it parses whole (a prefix of
-// a compiled key never does, since the counts at its front ask for more
-// than a prefix holds), and otherwise the transaction file is put back.
+// Saving goes through the transaction write and opening through its reading
+// side, which holds the file while it is read: an open never meets a save
+// half done, and what a save that died left is settled first, by whether
+// the file parses whole.
 #include "regbody.h"
 
 #include <karu/file/dir.h>
@@ -213,50 +213,39 @@ namespace {
     Throw<regExp>(ExpMessage(head).Detail("file name", file).Cause(cause), 7);
 }
 
-// Parses a whole file into a fresh body. `requireWhole` also refuses a file
-// with bytes behind its compiled key: that is how an interrupted save is told
-// from a finished one.
-std::shared_ptr<RegKeyBody> ParseFile(const stringEx& path, bool requireWhole)
+// Whether a file holds one whole compiled key and nothing behind it. A
+// prefix of a compiled key never parses whole (the counts at its front ask
+// for more than a prefix holds), so this tells a finished save from one
+// that died.
+bool IsWholeStore(CSysFile& file)
 {
-    CSysFile file;
     try {
-        file.Open(path, O_RDONLY, 0, kShareShared);
-    } catch (const karuExp& e) {
-        OpenFailure("CFakeRegistry::Open - failed open file\n", path, e);
+        const int64_t size = IMPL::WrappedSize(file) - file.GetCurrentPos();
+        CBufferedSeekableSource<CSysFile> source(file, kFileBlock);
+        RegKeyBody scratch;
+        return IMPL::RegParse(source, size, scratch, 0) == 0;
+    } catch (const karuExp&) {
+        return false;
     }
-    const int64_t size = IMPL::WrappedSize(file);
-    CBufferedSeekableSource<CSysFile> source(file, kFileBlock);
-    auto body = std::make_shared<RegKeyBody>();
-    const int64_t unused = IMPL::RegParse(source, size, *body, 0);
-    if (requireWhole && unused != 0)
-        Throw<regExp>(ExpMessage("RegParse - io failed when trying parsing fake registry\n")
-                          .Detail("bytes behind the key", unused),
-                      4);
-    return body;
 }
 
-// A save that died left the old content in the transaction file: keep the
-// file if it is whole, else put the old content back.
-std::shared_ptr<RegKeyBody> Settle(const stringEx& path)
-{
-    const stringEx parked = CDir::TransactionFileName(path);
-    if (!CDir::Exists(parked))
-        return nullptr;
-    if (CDir::Exists(path)) {
-        try {
-            auto body = ParseFile(path, true);
-            CDir::RemoveFile(parked, true);
-            CLog::LogNote("util.registry", "interrupted save completed\n  file name = %s\n", path.c_str());
-            return body;
-        } catch (const karuExp& e) {
-            CLog::LogNote("util.registry", "interrupted save rolled back\n  file name = %s\n@ %s", path.c_str(),
-                          e.message.c_str());
-        }
-        CDir::RemoveFile(path, true);
+// A sink that takes every byte or raises: the sinks of the family may
+// accept less than they are given, and a store that lost its tail would
+// still be reported saved.
+class CCompleteSink final : public TDataSink {
+public:
+    explicit CCompleteSink(TDataSink& sink) : _sink(sink) {}
+    bool IsOpen() const override { return _sink.IsOpen(); }
+    size_t Write(const void* data, size_t size) override
+    {
+        IMPL::WriteAll(_sink, data, size);
+        return size;
     }
-    CDir::TransferFile(parked, path, true, true);
-    return nullptr;
-}
+    void Flush() override { _sink.Flush(); }
+
+private:
+    TDataSink& _sink;
+};
 
 void Adopt(const CFakeRegistry& key, RegKeyBody& loaded, const stringEx& filePath)
 {
@@ -273,25 +262,28 @@ void Adopt(const CFakeRegistry& key, RegKeyBody& loaded, const stringEx& filePat
     body.dirty = false;
 }
 
-void Forget(const CFakeRegistry& key, const stringEx& filePath)
+// Parses into `loaded`, which keeps what was read whole if the parse fails.
+void ParseStore(CSysFile& file, RegKeyBody& loaded)
 {
-    RegKeyBody empty;
-    Adopt(key, empty, filePath);
+    const int64_t size = IMPL::WrappedSize(file);
+    CBufferedSeekableSource<CSysFile> source(file, kFileBlock);
+    IMPL::RegParse(source, size, loaded, 0);
 }
 
 }  // namespace
 
-// A load that fails leaves the key empty, never holding part of a tree.
+// The key is emptied first; a parse that fails leaves in it what was read
+// whole, and the failure goes on to the caller.
 void CFakeRegistry::Open(const stringEx& fileName, bool create)
 {
+    RegKeyBody loaded;
     stringEx path = fileName;
     try {
-        CDir::ConvToFullPath(path);
-    } catch (const karuExp& e) {
-        Forget(*this, stringEx());
-        OpenFailure("CFakeRegistry::Open - failed open file\n", fileName, e);
-    }
-    try {
+        try {
+            CDir::ConvToFullPath(path);
+        } catch (const karuExp& e) {
+            OpenFailure("CFakeRegistry::Open - failed open file\n", fileName, e);
+        }
         if (create) {
             try {
                 CDir::MakeDir(CDir::GetPathDir(path), true);
@@ -299,27 +291,39 @@ void CFakeRegistry::Open(const stringEx& fileName, bool create)
                 OpenFailure("CFakeRegistry::Open - unable to create the path folder\n", path, e);
             }
         }
-        std::shared_ptr<RegKeyBody> loaded = Settle(path);
-        if (!loaded) {
-            if (create && !CDir::Exists(path)) {
-                Forget(*this, path);
-                return;
+        for (;;) {
+            CSysFile file;
+            try {
+                file = CDir::TransactionRead(path, IsWholeStore);
+                // An empty file is what a first save that died leaves.
+                if (!file.IsOpen() || (create && IMPL::WrappedSize(file) == 0)) {
+                    if (create)
+                        break;
+                    // The system's own open says why there is nothing.
+                    file.Open(path, O_RDONLY);
+                    continue;
+                }
+            } catch (const regExp&) {
+                throw;
+            } catch (const karuExp& e) {
+                OpenFailure("CFakeRegistry::Open - failed open file\n", path, e);
             }
-            loaded = ParseFile(path, false);
+            ParseStore(file, loaded);
+            break;
         }
-        Adopt(*this, *loaded, path);
     } catch (...) {
-        Forget(*this, stringEx());
+        Adopt(*this, loaded, stringEx());
         throw;
     }
+    Adopt(*this, loaded, path);
 }
 
 void CFakeRegistry::Open(TDataSource& source)
 {
+    RegKeyBody loaded;
     try {
-        auto loaded = std::make_shared<RegKeyBody>();
         if (auto* seekable = dynamic_cast<ISeekableObj*>(&source)) {
-            IMPL::RegParse(source, seekable->GetSize() - seekable->GetPosition(), *loaded, 0);
+            IMPL::RegParse(source, seekable->GetSize() - seekable->GetPosition(), loaded, 0);
         } else {
             // A stream of unknown length is taken in whole first: the parser
             // must know where the data ends.
@@ -329,16 +333,16 @@ void CFakeRegistry::Open(TDataSource& source)
             for (size_t got; (got = source.Read(block, sizeof block)) > 0;)
                 into.Write(block, got);
             CMemorySource memory(all);
-            IMPL::RegParse(memory, static_cast<int64_t>(all.size()), *loaded, 0);
+            IMPL::RegParse(memory, static_cast<int64_t>(all.size()), loaded, 0);
         }
-        Adopt(*this, *loaded, stringEx());
     } catch (const regExp&) {
-        Forget(*this, stringEx());
+        Adopt(*this, loaded, stringEx());
         throw;
     } catch (const karuExp& e) {
-        Forget(*this, stringEx());
+        Adopt(*this, loaded, stringEx());
         Throw<regExp>(ExpMessage("CFakeRegistry::Open - failed reading data source\n").Cause(e), 4);
     }
+    Adopt(*this, loaded, stringEx());
 }
 
 void CFakeRegistry::Save(const stringEx& fileName)
@@ -355,25 +359,27 @@ void CFakeRegistry::Save(const stringEx& fileName)
     }
     RegKeyBody& body = RegAccess::Body(*this);
     int64_t savedWriteTime = 0;
-    CDir::TransactionWrite(path, [&](const stringEx& target) {
-        CSysFile file;
-        try {
-            file.Open(target, O_WRONLY | O_CREAT | O_TRUNC, 0, kShareExclusive);
-        } catch (const karuExp& e) {
-            Throw<regExp>(ExpMessage("CFakeRegistry::Save - failed open file\n").Detail("file name", target).Cause(e),
-                          6);
-        }
-        CBufferedSeekableSink<CSysFile> sink(file, kFileBlock);
-        CFastLockHolder hold(body.lock);
-        IMPL::RegCompile<TDataSink>(sink, body, body.maxSize, 0);
-        savedWriteTime = body.writeTime;
-        try {
-            // Forced to the device before the old content is let go.
-            sink.Flush();
-        } catch (const karuExp& e) {
-            Throw<regExp>(ExpMessage("RegCompile - io failed when trying compile fake registry").Cause(e), 5);
-        }
-    });
+    try {
+        CDir::TransactionWrite(
+            path,
+            [&](CSysFile& file) {
+                CBufferedSeekableSink<CSysFile> sink(file, kFileBlock);
+                CFastLockHolder hold(body.lock);
+                IMPL::RegCompile<TDataSink>(sink, body, body.maxSize, 0);
+                savedWriteTime = body.writeTime;
+                try {
+                    // Forced to the device before the old content is let go.
+                    sink.Flush();
+                } catch (const karuExp& e) {
+                    Throw<regExp>(ExpMessage("RegCompile - io failed when trying compile fake registry").Cause(e), 5);
+                }
+            },
+            IsWholeStore);
+    } catch (const regExp&) {
+        throw;
+    } catch (const karuExp& e) {
+        Throw<regExp>(ExpMessage("CFakeRegistry::Save - failed open file\n").Detail("file name", path).Cause(e), 6);
+    }
     // Still clean only if nothing changed the key since it was compiled.
     CFastLockHolder hold(body.lock);
     body.dirty = body.dirty && body.writeTime != savedWriteTime;
@@ -384,9 +390,10 @@ void CFakeRegistry::Save(TDataSink& sink)
 {
     RegKeyBody& body = RegAccess::Body(*this);
     CFastLockHolder hold(body.lock);
-    IMPL::RegCompile<TDataSink>(sink, body, body.maxSize, 0);
+    CCompleteSink complete(sink);
+    IMPL::RegCompile<TDataSink>(complete, body, body.maxSize, 0);
     try {
-        sink.Flush();
+        complete.Flush();
     } catch (const karuExp& e) {
         Throw<regExp>(ExpMessage("CFakeRegistry::Save - failed writing data sink\n").Cause(e), 5);
     }

@@ -55,8 +55,14 @@ struct STORAGE_INFO {
     stringEx options;
 };
 
-// Writes the new content of a file at the path it is given.
-using TransactionWriter = std::function<void(const stringEx& path)>;
+class CSysFile;
+
+// Writes the new content of a file into the file it is given: open for
+// reading and writing, empty, at its start.
+using TransactionWriter = std::function<void(CSysFile& file)>;
+// Whether the content of a file, read from its start, is whole: how the
+// owner of a transaction file tells a finished write from a broken one.
+using TransactionJudge = std::function<bool(CSysFile& file)>;
 
 class CDir {
 public:
@@ -160,9 +166,18 @@ public:
     bool Restore(const stringEx& path) const;
     // Where the transaction write parks the old content: the path and ".trs".
     static stringEx TransactionFileName(const stringEx& path);
-    // Replaces a file's content so that the old content survives in the
-    // transaction file until the new one is whole; see backup.cpp.
-    static void TransactionWrite(const stringEx& path, const TransactionWriter& writer);
+    // Replaces a file's content in place (owner, mode, links stay) so that
+    // the old content survives in the transaction file until the new one is
+    // whole, holding the file exclusively meanwhile; see transaction.cpp.
+    // `isWhole`, when given, settles a transaction file that a dead writer
+    // left; without it such a file is taken as the last whole version.
+    static void TransactionWrite(const stringEx& path, const TransactionWriter& writer,
+                                 const TransactionJudge& isWhole = TransactionJudge());
+    // The file opened for reading as one whole version, held shared until
+    // the last copy of the result closes it: waits for a live transaction
+    // write, and settles one that a dead writer left (by `isWhole`). A
+    // closed file when neither the file nor a transaction file exists.
+    static CSysFile TransactionRead(const stringEx& path, const TransactionJudge& isWhole);
 
 private:
     stringEx __Resolve(const stringEx& name) const;

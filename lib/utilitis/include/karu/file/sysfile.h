@@ -95,6 +95,8 @@ namespace IMPL {
 // so that a write the kernel split is never taken as the whole, and a file
 // that takes nothing more raises rather than losing the rest.
 void WriteAll(CSysFile& file, const void* data, uint64_t size);
+// Copies what `from` holds behind its position into `to`, at its position.
+void CopyAll(CSysFile& from, CSysFile& to);
 }  // namespace IMPL
 
 }  // namespace Karu

@@ -1,16 +1,22 @@
 // Tree and file operations on a scratch directory, the PATH and TMPDIR
 // lookups, backups with their pruning, restore, and the transaction write.
 #include <karu/file/dir.h>
+#include <karu/file/sysfile.h>
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <string>
+
+#include "deadline.h"
 
 using namespace Karu;
 
@@ -240,13 +246,170 @@ TEST(Backup, KeepsTheNewestAndRestoresThem)
     EXPECT_EQ(t.Get("report.txt"), "v3");
 }
 
+// A backup is named by the local time of the moment it is made, to the
+// second, and a name without an extension still gets its ".". The stamp is
+// checked against the C library's own calendar; the zone is chosen so that
+// the day differs from the month, or a swap of the two would go unseen.
+TEST(Backup, NamesEachCopyByTheTimeItWasMade)
+{
+    const time_t probe = time(nullptr);
+    for (const char* zone : {"UTC", "UTC-14", "UTC+11"}) {
+        setenv("TZ", zone, 1);
+        tzset();
+        tm local{};
+        localtime_r(&probe, &local);
+        if (local.tm_mday != local.tm_mon + 1)
+            break;
+    }
+    const Tree t;
+    const CDir dir(t.At("bak"), true);
+    struct Row {
+        const char* file;
+        const char* base;
+        const char* extension;
+    } rows[] = {
+        {"report.txt", "report", "txt"},
+        {"Makefile", "Makefile", ""},
+        {"archive.tar.gz", "archive.tar", "gz"},
+        {".profile", "", "profile"},
+    };
+    for (const Row& r : rows) {
+        t.Put(r.file, r.file);
+        // time() may lag the clock that stamps the copy by a tick.
+        const time_t before = time(nullptr);
+        dir.Backup(t.At(r.file), 5);
+        const time_t after = time(nullptr) + 1;
+        std::set<std::string> possible;
+        for (time_t at = before; at <= after; ++at) {
+            tm local{};
+            localtime_r(&at, &local);
+            char stamp[32];
+            strftime(stamp, sizeof stamp, "%Y%m%d_%H%M%S", &local);
+            possible.insert(t / (std::string("bak/") + r.base + "@" + stamp + "." + r.extension));
+        }
+        StringVector made;
+        dir.GetAllFiles(made, (std::string(r.base) + "@*." + r.extension).c_str(), false, true);
+        ASSERT_EQ(made.size(), 1u) << r.file;
+        EXPECT_EQ(possible.count(made[0].c_str()), 1u) << r.file << ": " << made[0].c_str();
+        EXPECT_EQ(t.Get(std::string("bak/") + CDir::GetPathFilename(made[0]).c_str()), r.file);
+    }
+}
+
+// What a replacement must keep of the file it replaces: its mode (a file
+// only its owner may read stays so, and so does the copy parked beside it),
+// its owner, its other hard links, and a symbolic link stays a link whose
+// target takes the content. The transaction write and a restore alike.
+TEST(TransactionWrite, KeepsTheFileItReplaces)
+{
+    const Tree t;
+    const CDir backups(t.At("bak"), true);
+    const bool root = geteuid() == 0;
+    // Rows name how the new content is put in; each starts from "old".
+    struct Way {
+        const char* name;
+        std::function<void(const std::string& file)> replace;
+    } ways[] = {
+        {"transaction write",
+         [&t](const std::string& file) {
+             CDir::TransactionWrite(t.At(file), [&t, file](CSysFile& out) {
+                 // The parked copy is no easier to read than the file.
+                 struct stat parked;
+                 const std::string real = t.Get("real name");
+                 ASSERT_EQ(stat((t / real + ".trs").c_str(), &parked), 0) << file;
+                 struct stat original;
+                 ASSERT_EQ(stat((t / real).c_str(), &original), 0) << file;
+                 EXPECT_EQ(parked.st_mode & ~original.st_mode & 0777, 0u) << file;
+                 IMPL::WriteAll(out, "new", 3);
+             });
+         }},
+        {"restore",
+         [&t, &backups](const std::string& file) {
+             t.Put("bak/" + file.substr(file.rfind('/') + 1, file.rfind('.') - file.rfind('/') - 1) +
+                       "@20200101_000000." + file.substr(file.rfind('.') + 1),
+                   "new");
+             EXPECT_TRUE(backups.Restore(t.At(file))) << file;
+         }},
+    };
+    for (const Way& way : ways) {
+        SCOPED_TRACE(way.name);
+        // A private file, owned by someone else when the test may give it away.
+        t.Put("dir/private.txt", "old");
+        t.Put("real name", "dir/private.txt");
+        chmod((t / "dir/private.txt").c_str(), 0600);
+        if (root) {
+            EXPECT_EQ(chown((t / "dir/private.txt").c_str(), 65534, 65534), 0);
+        }
+        way.replace("dir/private.txt");
+        struct stat after;
+        ASSERT_EQ(stat((t / "dir/private.txt").c_str(), &after), 0);
+        EXPECT_EQ(after.st_mode & 07777, 0600u);
+        if (root) {
+            EXPECT_EQ(after.st_uid, 65534u);
+            EXPECT_EQ(after.st_gid, 65534u);
+        }
+        EXPECT_EQ(t.Get("dir/private.txt"), "new");
+
+        // Two names of one file both see the new content.
+        t.Put("dir/linked.txt", "old");
+        t.Put("real name", "dir/linked.txt");
+        ASSERT_EQ(link((t / "dir/linked.txt").c_str(), (t / "dir/other name.txt").c_str()), 0);
+        way.replace("dir/linked.txt");
+        EXPECT_EQ(t.Get("dir/other name.txt"), "new");
+        ASSERT_EQ(stat((t / "dir/linked.txt").c_str(), &after), 0);
+        EXPECT_EQ(after.st_nlink, 2u);
+
+        // A link stays a link; its target takes the content.
+        t.Put("dir/target.txt", "old");
+        t.Put("real name", "dir/target.txt");
+        ASSERT_EQ(symlink("target.txt", (t / "dir/link.txt").c_str()), 0);
+        way.replace("dir/link.txt");
+        ASSERT_EQ(lstat((t / "dir/link.txt").c_str(), &after), 0);
+        EXPECT_TRUE(S_ISLNK(after.st_mode));
+        EXPECT_EQ(t.Get("dir/target.txt"), "new");
+
+        for (const char* left : {"dir/private.txt.trs", "dir/linked.txt.trs", "dir/target.txt.trs", "dir/link.txt.trs"})
+            EXPECT_FALSE(t.Has(left)) << left;
+        std::system(("rm -rf '" + t / "dir" + "'").c_str());
+    }
+}
+
+// A restore keeps the current file until a backup's content is in place:
+// backups that cannot be read are passed over (a pipe among them must not
+// stop it), and with none left the file is as it was.
+TEST(Restore, KeepsTheFileUntilABackupIsInPlace)
+{
+    const KaruTest::Deadline deadline(std::chrono::seconds(30), "restore past a pipe");
+    const Tree t;
+    const CDir dir(t.At("bak"), true);
+    t.Put("report.txt", "current");
+    ASSERT_EQ(mkfifo((t / "bak/report@20200101_000003.txt").c_str(), 0600), 0);
+    EXPECT_FALSE(dir.Restore(t.At("report.txt")));
+    EXPECT_EQ(t.Get("report.txt"), "current");
+
+    t.Put("bak/report@20200101_000001.txt", "oldest");
+    EXPECT_TRUE(dir.Restore(t.At("report.txt")));
+    EXPECT_EQ(t.Get("report.txt"), "oldest");
+    EXPECT_FALSE(t.Has("bak/report@20200101_000001.txt"));  // consumed
+
+    // A file that is not there gets the backup itself.
+    t.Put("bak/report@20200101_000002.txt", "middle");
+    CDir::RemoveFile(t.At("report.txt"));
+    EXPECT_TRUE(dir.Restore(t.At("report.txt")));
+    EXPECT_EQ(t.Get("report.txt"), "middle");
+
+    // A dangling link among the backups ends the search: nothing changes.
+    ASSERT_EQ(symlink("nowhere", (t / "bak/report@20200101_000009.txt").c_str()), 0);
+    EXPECT_FALSE(dir.Restore(t.At("report.txt")));
+    EXPECT_EQ(t.Get("report.txt"), "middle");
+}
+
 TEST(TransactionWrite, OldContentSurvivesAFailedWriter)
 {
     const Tree t;
     const stringEx path = t.At("store.bin");
     auto writing = [](const char* content, bool fail) {
-        return [=](const stringEx& at) {
-            CDir::WriteFile(at, stringEx(content));
+        return [=](CSysFile& file) {
+            IMPL::WriteAll(file, content, std::strlen(content));
             if (fail)
                 Throw<ioExp>(ExpMessage("writer failed"), 1);
         };
@@ -273,6 +436,81 @@ TEST(TransactionWrite, OldContentSurvivesAFailedWriter)
     CDir::TransactionWrite(path, writing("four", false));
     EXPECT_EQ(t.Get("store.bin"), "four");
     EXPECT_FALSE(t.Has("store.bin.trs"));
+}
+
+// What a writer that died leaves, and how a reader or the next writer
+// settles it. Here a content is whole when it ends in ".".
+TEST(TransactionRead, SettlesWhatADeadWriterLeft)
+{
+    const Tree t;
+    const stringEx path = t.At("store");
+    const TransactionJudge whole = [](CSysFile& file) {
+        char room[64];
+        const uint64_t got = file.Read(room, sizeof room);
+        return got > 0 && room[got - 1] == '.';
+    };
+    auto read = [&] {
+        CSysFile file = CDir::TransactionRead(path, whole);
+        if (!file.IsOpen())
+            return std::string("(nothing)");
+        char room[64];
+        return std::string(room, file.Read(room, sizeof room));
+    };
+    const char* none = nullptr;
+    struct Row {
+        const char* why;
+        const char* file;
+        const char* parked;
+        const char* parking;
+        const char* read;
+    } rows[] = {
+        {"no transaction", "new.", none, none, "new."},
+        {"died after writing", "new.", "old.", none, "new."},
+        {"died while writing", "ne", "old.", none, "old."},
+        {"died before writing", "", "old.", none, "old."},
+        {"died while parking", "old.", none, "ol", "old."},
+        {"the file went away", none, "old.", none, "old."},
+        {"no file at all", none, none, none, "(nothing)"},
+    };
+    for (const Row& r : rows) {
+        CDir::RemoveDir(t.At(""), false, true);
+        CDir::MakeDir(t.At(""));
+        if (r.file)
+            t.Put("store", r.file);
+        if (r.parked)
+            t.Put("store.trs", r.parked);
+        if (r.parking)
+            t.Put("store.trs.new", r.parking);
+        EXPECT_EQ(read(), r.read) << r.why;
+        EXPECT_EQ(t.Get("store"), r.file || r.parked ? r.read : "(missing)") << r.why;
+        EXPECT_FALSE(t.Has("store.trs") || t.Has("store.trs.new")) << r.why;
+    }
+
+    // A writer that finds a parked copy keeps whichever is whole as the old
+    // content, and puts it back when it fails in turn.
+    auto failing = [](CSysFile& file) {
+        IMPL::WriteAll(file, "x", 1);
+        Throw<ioExp>(ExpMessage("writer failed"), 1);
+    };
+    struct Stale {
+        const char* why;
+        const char* file;
+        bool judged;
+        const char* after;
+    } stale[] = {
+        {"the file is whole", "new.", true, "new."},
+        {"the file is not", "ne", true, "old."},
+        {"no judge: the parked copy is whole by its making", "new.", false, "old."},
+    };
+    for (const Stale& r : stale) {
+        t.Put("store", r.file);
+        t.Put("store.trs", "old.");
+        EXPECT_EQ(Failure([&] { CDir::TransactionWrite(path, failing, r.judged ? whole : TransactionJudge()); }),
+                  "writer failed")
+            << r.why;
+        EXPECT_EQ(t.Get("store"), r.after) << r.why;
+        EXPECT_FALSE(t.Has("store.trs")) << r.why;
+    }
 }
 
 }  // namespace

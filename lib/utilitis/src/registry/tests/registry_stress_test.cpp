@@ -12,11 +12,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "file/tests/deadline.h"
 #include "regtest.h"
 
 using namespace Karu;
@@ -95,6 +97,142 @@ TEST(RegistryConcurrency, ThreadsReadAndWriteOneTree)
         root.ObtainSubkey(stringEx::Format("own\\t%d", id)).ReadValueEx("count", count);
         EXPECT_EQ(count, static_cast<uint32_t>(kRounds)) << id;
     }
+}
+
+// ---- saves racing opens ---------------------------------------------------------------------
+
+// Version n of a store: its number, and a body whose size and content follow
+// from it, so that a store read back can be told whole or not.
+constexpr uint32_t kVersions = 8;
+
+CFakeRegistry Version(uint32_t n)
+{
+    CFakeRegistry root;
+    root.SetValue("version", n);
+    root.SetValue("text", stringEx((std::to_string(n) + std::string(n % 7 * 300, 'x')).c_str()));
+    for (uint32_t k = 0; k <= n % 4; ++k) {
+        byteEx blob;
+        for (uint32_t i = 0; i < (n * 3700 + k * 1100) % 20000; ++i)
+            blob.push_back(static_cast<unsigned char>(n + i));
+        root.ObtainSubkey(stringEx::Format("k%u\\deeper", k), true).SetValue("blob", blob);
+    }
+    return root;
+}
+
+// What an open of the store found: "" for a whole version, else what was wrong.
+std::string CheckOpen(const stringEx& path, const std::vector<std::string>& versions)
+{
+    CFakeRegistry store;
+    try {
+        store.Open(path);
+    } catch (const karuExp& e) {
+        return std::string("open failed: ") + e.message.c_str();
+    }
+    uint32_t version = kVersions;
+    store.ReadValueEx("version", version, kVersions);
+    if (version >= kVersions)
+        return "no version in the store";
+    if (Dump(store) != versions[version])
+        return "version " + std::to_string(version) + " is not whole: " + FirstDifference(Dump(store), versions[version]);
+    return "";
+}
+
+// Each worker saves its own versions and opens the store in turn, for a
+// while and at least a number of rounds: every open must find one whole
+// version, and the file must be there all the time.
+std::string SaveAndOpenInTurn(const stringEx& path, const std::vector<std::string>& versions, int worker,
+                              std::atomic<int>& saves, std::atomic<int>& opens)
+{
+    constexpr int kMinRounds = 30;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1200);
+    for (int round = 0; round < kMinRounds || std::chrono::steady_clock::now() < until; ++round) {
+        if (round % 2 == worker % 2) {
+            try {
+                Version(static_cast<uint32_t>(worker * 4 + round / 2 % 4) % kVersions).Save(path);
+            } catch (const karuExp& e) {
+                return std::string("save failed: ") + e.message.c_str();
+            }
+            ++saves;
+        } else {
+            const std::string found = CheckOpen(path, versions);
+            if (!found.empty())
+                return found;
+            ++opens;
+        }
+        if (!CDir::Exists(path))
+            return "the store is missing";
+    }
+    return "";
+}
+
+std::vector<std::string> VersionDumps()
+{
+    std::vector<std::string> dumps;
+    for (uint32_t n = 0; n < kVersions; ++n)
+        dumps.push_back(Dump(Version(n)));
+    return dumps;
+}
+
+TEST(RegistryConcurrency, SavesAndOpensOfOneFileAlwaysSeeAWholeVersion)
+{
+    const KaruTest::Deadline deadline(std::chrono::seconds(60), "threads saving and opening one store");
+    char pattern[] = "/tmp/karu-race-XXXXXX";
+    const std::string dir = mkdtemp(pattern);
+    const stringEx path((dir + "/store.reg").c_str());
+    const std::vector<std::string> versions = VersionDumps();
+    Version(0).Save(path);
+    std::atomic<int> saves{0}, opens{0};
+    constexpr int kWorkers = 3;
+    std::vector<std::string> outcomes(kWorkers);
+    std::vector<std::thread> threads;
+    for (int worker = 0; worker < kWorkers; ++worker)
+        threads.emplace_back([&, worker] { outcomes[worker] = SaveAndOpenInTurn(path, versions, worker, saves, opens); });
+    for (std::thread& t : threads)
+        t.join();
+    for (int worker = 0; worker < kWorkers; ++worker)
+        EXPECT_EQ(outcomes[worker], "") << "worker " << worker;
+    EXPECT_GE(saves.load(), kWorkers * 10);
+    EXPECT_GE(opens.load(), kWorkers * 10);
+    EXPECT_EQ(CheckOpen(path, versions), "");
+    EXPECT_FALSE(CDir::Exists(CDir::TransactionFileName(path)));
+    std::system(("rm -rf '" + dir + "'").c_str());
+}
+
+TEST(RegistryProcesses, SavesAndOpensOfOneFileAlwaysSeeAWholeVersion)
+{
+    const KaruTest::Deadline deadline(std::chrono::seconds(60), "processes saving and opening one store");
+    char pattern[] = "/tmp/karu-race-XXXXXX";
+    const std::string dir = mkdtemp(pattern);
+    const stringEx path((dir + "/store.reg").c_str());
+    const std::vector<std::string> versions = VersionDumps();
+    Version(0).Save(path);
+    constexpr int kWorkers = 2;
+    std::vector<pid_t> children;
+    for (int worker = 0; worker < kWorkers; ++worker) {
+        fflush(nullptr);
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(50);  // the child's own deadline, should the parent be gone
+            std::atomic<int> saves{0}, opens{0};
+            const std::string outcome = SaveAndOpenInTurn(path, versions, worker, saves, opens);
+            if (!outcome.empty())
+                std::fprintf(stderr, "worker %d: %s\n", worker, outcome.c_str());
+            _exit(outcome.empty() && saves > 10 && opens > 10 ? 0 : 1);
+        }
+        children.push_back(child);
+    }
+    // The parent opens too, while the children work.
+    std::string parentOutcome;
+    for (int round = 0; round < 50 && parentOutcome.empty(); ++round)
+        parentOutcome = CheckOpen(path, versions);
+    EXPECT_EQ(parentOutcome, "");
+    for (pid_t child : children) {
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a worker failed, see its message above";
+    }
+    EXPECT_EQ(CheckOpen(path, versions), "");
+    std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 // ---- crash -----------------------------------------------------------------------------------
@@ -177,9 +315,9 @@ TEST(RegistryCrash, AKilledSaveLeavesTheOldOrTheNewContent)
         }
         outcomes.push_back(outcome);
     }
-    // begin, stale removed, linked, parked, written, done: old until the new
-    // file is whole, new from there on.
-    EXPECT_EQ(outcomes, (std::vector<std::string>{"old", "old", "old", "old", "new", "new"}));
+    // locked, parked, written, done: old until the new file is whole, new
+    // from there on.
+    EXPECT_EQ(outcomes, (std::vector<std::string>{"old", "old", "new", "new"}));
 
     // Killed inside the writing of the new file, at every byte.
     byteEx compiled;
