@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <functional>
 #include <random>
+#include <set>
 #include <string>
 
 using namespace Karu;
@@ -388,31 +389,77 @@ TEST(RegistryExchange, TreesRoundTripThroughIniAndCsv)
     }
 }
 
-// Text of a non-UTF-8 system goes through its locale's converters; in a
-// UTF-8 locale that path must be the identity, in ASCII lossy as "?".
-TEST(RegistryText, ConvertsThroughTheSystemLocale)
+// Text of a system that is not UTF-8 goes out as UTF-8 and comes back byte
+// for byte, bytes that are no text in the locale included. The rows say
+// what the file holds; every locale the machine has is tried.
+std::string TextHex(const stringEx& text)
 {
-    const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    const locale_t ascii = newlocale(LC_CTYPE_MASK, "C", nullptr);
-    ASSERT_TRUE(utf8 && ascii);
+    return Hex(byteEx(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
+}
+
+TEST(RegistryText, EveryByteComesBackThroughTheLocale)
+{
+    const char* const kEscaped80 = "\xED\xB2\x80";  // byte 0x80 as its escape
     struct Row {
         const char* why;
-        locale_t locale;
-        stringEx text, toUtf8, fromUtf8;
+        const char* locale;
+        stringEx memory, file;
     } rows[] = {
-        {"ascii passes", ascii, "plain", "plain", "plain"},
-        {"every length of UTF-8", utf8, "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80", "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80",
-         "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80"},
-        {"an embedded NUL stays", utf8, stringEx("a\0b", 3), stringEx("a\0b", 3), stringEx("a\0b", 3)},
-        {"what ascii cannot hold", ascii, "\xC3\xA9", "??", "?"},
-        {"malformed UTF-8", utf8, "\xFF", "?", "?"},
+        {"ascii passes", "C", "plain", "plain"},
+        {"an embedded NUL stays", "C", stringEx("a\0b", 3), stringEx("a\0b", 3)},
+        {"UTF-8 kept in the C locale stays UTF-8", "C", "caf\xC3\xA9 \xE4\xB8\xAD", "caf\xC3\xA9 \xE4\xB8\xAD"},
+        {"a byte that is no text is escaped", "C", "caf\xE9", "caf\xED\xB3\xA9"},
+        {"so is a cut UTF-8 character", "C", "\xE4\xB8", "\xED\xB3\xA4\xED\xB2\xB8"},
+        {"and an overlong one", "C", "\xC0\xAF", "\xED\xB3\x80\xED\xB2\xAF"},
+        {"bytes that look like an escape are escaped", "C", kEscaped80, "\xED\xB3\xAD\xED\xB2\xB2\xED\xB2\x80"},
+        {"UTF-8 is the identity", "C.UTF-8", "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80", "a\xC3\xAF\xE4\xB8\xAD\xF0\x9F\x98\x80"},
+        {"a character of the locale", "ja_JP.eucJP", "\xA4\xA2", "\xE3\x81\x82"},
+        // 0x81 and 0x82 alone are C1 controls there.
+        {"UTF-8 of a character the locale holds is no text there", "ja_JP.eucJP", "\xE3\x81\x82",
+         "\xED\xB3\xA3\xC2\x81\xC2\x82"},
+        {"a lead byte at the end", "ja_JP.eucJP", "a\xA4", "a\xED\xB2\xA4"},
     };
+    std::set<std::string> missing;
     for (const Row& r : rows) {
-        EXPECT_EQ(IMPL::RegLocaleToUtf8(r.text, r.locale), r.toUtf8) << r.why;
-        EXPECT_EQ(IMPL::RegUtf8ToLocale(r.text, r.locale), r.fromUtf8) << r.why;
+        const locale_t locale = newlocale(LC_CTYPE_MASK, r.locale, nullptr);
+        if (!locale) {
+            missing.insert(r.locale);
+            continue;
+        }
+        EXPECT_EQ(TextHex(IMPL::RegLocaleToUtf8(r.memory, locale)), TextHex(r.file)) << r.why;
+        EXPECT_EQ(TextHex(IMPL::RegUtf8ToLocale(r.file, locale)), TextHex(r.memory)) << r.why;
+        freelocale(locale);
     }
-    freelocale(utf8);
-    freelocale(ascii);
+    // A file from elsewhere: what the locale cannot hold stays UTF-8 in
+    // memory, and bytes that are not UTF-8 stay as they are.
+    if (const locale_t c = newlocale(LC_CTYPE_MASK, "C", nullptr)) {
+        EXPECT_EQ(IMPL::RegUtf8ToLocale("\xE4\xB8\xAD\xFF", c), stringEx("\xE4\xB8\xAD\xFF"));
+        freelocale(c);
+    }
+
+    // Random bytes, weighted to what is hard: lead bytes, cut characters,
+    // escapes, UTF-8 and EUC-JP pieces. Whatever goes out comes back.
+    static const std::string kPieces[] = {"\xE3\x81\x82", "\xA4\xA2", "\xED\xB2\x80", "\xC3", "\xA4", "\x8E\xB1",
+                                          "\x8F\xB0\xA1", "a", std::string(1, '\0'), "\xF0\x9F\x98\x80", "\xC0\x80",
+                                          "\xF9\xB5\x8F\xB0\xA1"};
+    const unsigned seed = std::random_device{}();
+    std::mt19937 random(seed);
+    for (const char* name : {"C", "C.UTF-8", "ja_JP.eucJP"}) {
+        const locale_t locale = newlocale(LC_CTYPE_MASK, name, nullptr);
+        if (!locale)
+            continue;
+        for (int trial = 0; trial < 2000; ++trial) {
+            std::string bytes;
+            for (int n = static_cast<int>(random() % 8); n > 0; --n)
+                bytes += random() % 3 ? kPieces[random() % std::size(kPieces)] : std::string(1, char(random()));
+            const stringEx memory(bytes.data(), bytes.size());
+            const stringEx back = IMPL::RegUtf8ToLocale(IMPL::RegLocaleToUtf8(memory, locale), locale);
+            ASSERT_EQ(TextHex(back), TextHex(memory)) << name << ", seed " << seed << ", trial " << trial;
+        }
+        freelocale(locale);
+    }
+    if (!missing.empty())
+        std::printf("rows of %s not tried: the locale is not on this machine\n", missing.begin()->c_str());
 }
 
 }  // namespace

@@ -4,14 +4,37 @@
 
 #include <karu/registry/fakeRegistry.h>
 
+#include <gtest/gtest.h>
+
+#include <locale.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
 namespace Karu::RegTest {
 
-// Names and texts below are UTF-8: the store's system encoding must be too.
-inline const bool kUtf8Environment = (setenv("LC_ALL", "C.UTF-8", 1), true);
+// A run in a locale that this machine lacks would test the C locale under
+// another name: every test is skipped instead, saying why.
+class LocaleCheck : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        const char* wanted = std::getenv("LC_ALL");
+        if (!wanted || !*wanted)
+            return;
+        const locale_t locale = newlocale(LC_CTYPE_MASK, wanted, nullptr);
+        if (!locale)
+            GTEST_SKIP() << "the locale " << wanted << " is not on this machine: localedef could not make it "
+                         << "(the system's locale sources are not installed)";
+        freelocale(locale);
+    }
+};
+inline ::testing::Environment* const kLocaleCheck = ::testing::AddGlobalTestEnvironment(new LocaleCheck);
+
+// The locales made for these tests stand beside the system's, which must
+// still be found (C.UTF-8 among them); set before anything reads a locale.
+inline const bool kLocalePath = (setenv("LOCPATH", KARU_TEST_LOCALE_DIR ":/usr/lib/locale", 0), true);
 
 inline std::string Hex(const byteEx& bytes)
 {
@@ -75,6 +98,11 @@ inline CFakeRegistry RichTree(int depth = 40)
     root.SetRawValue("none", T_NONE, byteEx());
     CFakeRegistry net = root.ObtainSubkey("Ñetwork\\Ünïcode 中文", true);
     net.SetValue("naïve name: with colon = and [brackets]", "värde");
+    // Bytes that are text in no locale: Latin-1, a cut character, and what
+    // an escaped byte looks like in a file.
+    CFakeRegistry latin = root.ObtainSubkey("caf\xE9", true);
+    latin.SetValue("na\xEFve \xE4\xB8", "\xED\xB2\x80 \xC3");
+    latin.SetValue("set", StringVector{"\xE9", "\xFF\xFE", "ok"});
     root.ObtainSubkey("empty key", true);
     root.ObtainChild("back\\slash", true).SetValue("name with \\ too", "x");
     root.ObtainSubkey("\\", true).SetValue("in the subkey with an empty name", uint32_t(7));
