@@ -146,7 +146,7 @@ const char kUsageText[] =
     "  - Use '***:' prefix with  -r,  -ric,  -rnnl or  -rnnlic to enable Advanced\n"
     "    Regular Expression mode. The ARE mode have more powerful expression then\n"
     "    POSIX BRE and ERE rule. And it has it's own char classes. More info at:\n"
-    "    README.md beside the sources, section \"Regular expressions\".\n"
+    "    the manual page (man ostrel), section \"REGULAR EXPRESSIONS\".\n"
     "\n"
     "  - Argfile example for ARE: (mypat.txt)\n"
     "      ***:(#define.*?)MY_API -> \x01" "HER_API\n"
