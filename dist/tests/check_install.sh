@@ -109,7 +109,7 @@ EOF
 case $check in
 prefix)
     rm -rf "$KARU_PREFIX"
-    deadline 120 cmake --install "$KARU_BUILD" --prefix "$KARU_PREFIX" >/dev/null
+    deadline 100 cmake --install "$KARU_BUILD" --prefix "$KARU_PREFIX" >/dev/null
     ;;
 
 tree)
@@ -173,7 +173,7 @@ EOF
 )
     # shellcheck disable=SC2016
     actual=$(PATH="$KARU_PREFIX/$KARU_BINDIR:$PATH" XDG_DATA_DIRS="$KARU_PREFIX/$KARU_DATADIR" \
-        deadline 60 bash --norc --noprofile -c '
+        deadline 50 bash --norc --noprofile -c '
         source "$1"
         _completion_loader ostrel
         complete -p ostrel >/dev/null || exit 1
@@ -275,14 +275,14 @@ pkgconfig_consumer)
     # The consumer from nothing but these flags (and the build's sanitizer
     # flags, if any); the headers must not warn.
     # shellcheck disable=SC2086
-    deadline 300 "$KARU_CXX" $KARU_CXXFLAGS -Wall -Wextra -Werror "$KARU_SOURCE/examples/consumer/main.cpp" \
+    deadline 240 "$KARU_CXX" $KARU_CXXFLAGS -Wall -Wextra -Werror "$KARU_SOURCE/examples/consumer/main.cpp" \
         -o consumer $flags >build.log 2>&1 || fail "c++ ... $flags: $(cat build.log)"
     expect_same "the consumer's output" "world 你好" "$(deadline 20 ./consumer)"
     nm consumer | grep ' karu_error_handler_anchor$' >/dev/null || fail "the error handler is not linked in"
     ;;
 
 deb)
-    deadline 300 cpack -G DEB --config "$KARU_BUILD/CPackConfig.cmake" -B packages >cpack.log ||
+    deadline 240 cpack -G DEB --config "$KARU_BUILD/CPackConfig.cmake" -B packages >cpack.log ||
         fail "cpack: $(cat cpack.log)"
     arch=$(dpkg --print-architecture)
     tool=packages/ostrel_${KARU_VERSION}_$arch.deb
