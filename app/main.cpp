@@ -7,8 +7,12 @@
 // the file list; then each file is read whole into one wide string, every
 // pair applied in turn, and the text written back only if something was
 // replaced. Files are rewritten in place, without temporary file or backup.
-// Where it gives the same bytes, a file is worked through a few lines at a
-// time instead of whole (pieces.h).
+// Where it gives the same bytes, a file or a stream is worked through a few
+// lines at a time instead of whole (pieces.h). Bytes that the input encoding
+// cannot decode are carried through as escape units and written back as
+// they were when the output encoding is the input's; into another encoding
+// they cannot go, and such a file is not rewritten (unless -force), such a
+// stream ends there with status -1.
 //
 // Failures: a file that cannot be read or written is reported and skipped
 // (or ends the run with -errstop); any other failure of the library ends the
@@ -19,6 +23,7 @@
 
 #include <clocale>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <optional>
 #include <set>
@@ -54,6 +59,40 @@ struct ENCODING_SIDE {
     bool wide = false;
     bool swapped = false;
 };
+
+// The size of a piece (pieces.h): large enough that the per-piece costs
+// vanish, small enough to stay in the caches. The tests set it down to one
+// byte through OSTREL_PIECE_BYTES, so that every cut is tried.
+uint64_t PieceBytes()
+{
+    constexpr uint64_t kPieceBytes = uint64_t(1) << 16;
+    const char* given = std::getenv("OSTREL_PIECE_BYTES");
+    const unsigned long long value = given ? std::strtoull(given, nullptr, 10) : 0;
+    return value > 0 ? value : kPieceBytes;
+}
+
+// Whether the output writes what the input read: escape units then go back
+// as their bytes. The same name, or converters of one back end that
+// accepted one encoding, or plain UTF-8 on both sides.
+bool SameEncoding(const ENCODING_SIDE& input, const ENCODING_SIDE& output)
+{
+    if (input.wide || output.wide)
+        return input.wide == output.wide && input.swapped == output.swapped;
+    if (input.conv == output.conv || input.name.EqualsNoCase(output.name))
+        return true;
+    if (input.conv->IsPlainUtf8() && output.conv->IsPlainUtf8())
+        return true;
+    return !input.conv->Encoding().empty() && input.conv->BackEnd() == output.conv->BackEnd() &&
+           input.conv->Encoding().EqualsNoCase(output.conv->Encoding());
+}
+
+// Why an escape unit was not written, with where its byte was read.
+stringEx UnwritableMessage(uint64_t offset, const stringEx& encoding)
+{
+    return ExpMessage("ostrel - input that could not be decoded can't be written in another encoding\n")
+        .Detail("input offset", static_cast<int64_t>(offset))
+        .Detail("output encoding", encoding);
+}
 
 // A value switch's name as typed, blanks dropped at both ends.
 stringEx TrimmedValue(const CCmdLine& cmdLine, const char* name)
@@ -121,12 +160,19 @@ int Run(int argc, char** argv)
         return 0;
     }
 
-    const wstringEx delimiter = has("dlm") ? Widen(cmdLine.GetValue(stringEx("dlm"))) : wstringEx(L"->");
+    // The delimiter is compared as text with the arguments text, so it is
+    // decoded like it (a wide-unit arguments file has the default's).
+    wstringEx delimiter(L"->");
+    if (has("dlm"))
+        arguments.conv->MBtoWCCarrying(delimiter, cmdLine.GetValue(stringEx("dlm")));
 
     stringEx argumentsPath = cmdLine.GetValue(stringEx("argfile"));
     CDir::ConvToFullPath(argumentsPath);
     wstringEx text, scratch;
     ReadTextFile(scratch, argumentsPath, arguments.conv, arguments.wide, arguments.swapped);
+    // A signature is no part of the first pair.
+    if (!scratch.empty() && scratch[0] == signature[0])
+        scratch.erase(0, 1);
     ReplacePairs pairs;
     LoadPairs(pairs, scratch, delimiter, method.method == kMethodRegex, method.ignoreCase, method.ignoreNewline);
 
@@ -167,11 +213,19 @@ int Run(int argc, char** argv)
 
     const bool withSignature = has("unisign");
     const bool errorStop = has("errstop");
+    const EscapeWriting escapes = SameEncoding(input, output) ? EscapeWriting::kCarry
+                                  : has("force")              ? EscapeWriting::kOrdinary
+                                                              : EscapeWriting::kRefuse;
 
-    // The same bytes either way; by pieces, memory stays near the file's size.
-    const bool byPieces = !streamMode && !inPlace && !input.wide && !output.wide && input.conv->ConvertsByLines() &&
+    // The same bytes either way; by pieces, memory stays near the file's
+    // size, and a stream's at a few pieces.
+    const bool byPieces = !input.wide && !output.wide && input.conv->ConvertsByLines() &&
                           output.conv->ConvertsByLines() && PairsAllowPieces(method.method, pairs);
     const bool piecesSigned = withSignature && !toStdout && output.name.EqualsNoCase(stringEx("utf-8"));
+    PIECES_OPTIONS pieceOptions;
+    pieceOptions.pieceBytes = PieceBytes();
+    pieceOptions.inPlace = inPlace;
+    pieceOptions.escapes = escapes;
 
     StringVector files;
     uint32_t fileCount = 1;
@@ -186,38 +240,112 @@ int Run(int argc, char** argv)
         fileCount = static_cast<uint32_t>(files.size());
     }
 
-    uint32_t total = 0;
-    for (uint32_t i = 0; i < fileCount; ++i) {
-        if (!streamMode && EqualsNoCase<char>(argumentsPath, files[i]))
-            continue;  // the arguments file is never rewritten by its own pairs
+    // The pairs over the whole of `text`; false for a method without a routine.
+    auto replaceWhole = [&](uint32_t& replaced) {
+        if (!text.empty() && text[0] == signature[0])
+            text.erase(0, 1);
+        for (const REPLACE_PAIR& pair : pairs) {
+            bool known;
+            replaced += ApplyPair(method.method, pair, text, scratch, inPlace, known);
+            if (!known)
+                return false;
+        }
+        return true;
+    };
+    // Escape units into a wide-unit output, which has no bytes to write them
+    // as: their position, npos where they may go as units.
+    auto unitsStop = [&]() { return escapes == EscapeWriting::kRefuse ? FindEscapeUnit(text) : wstringEx::npos; };
 
-        text.clear();
-        CSysFile source;  // the file, when it is read by pieces
-        if (streamMode) {
+    uint32_t total = 0;
+    if (streamMode) {
+        // Standard input to standard output: exactly the input, replaced.
+        bool unwritable = false;
+        uint64_t unwritableAt = 0;
+        if (byPieces) {
+            CSysFile in;
+            in.Open(0);
+            PIECES_OPTIONS options = pieceOptions;
+            options.flush = [](stringEx& encoded) {
+                WriteStdout(encoded);
+                encoded.clear();
+            };
+            stringEx encoded;
+            const PIECES_RESULT result =
+                ReplaceByPieces([&in](char* room, uint64_t n) { return in.Read(room, n); }, method.method, pairs,
+                                *input.conv, *output.conv, encoded, options);
+            total += result.replaced;
+            unwritable = result.unwritable;
+            unwritableAt = result.unwritableAt;
+        } else {
+            stringEx bytes, tail;
             if (input.wide) {
-                text = ReadStdinUnits();
+                text = ReadStdinUnits(tail);
                 if (input.swapped)
                     SwapUnits(text);
             } else {
-                text = input.conv->MBtoWC(ReadStdinBytes());
+                bytes = ReadStdinBytes();
+                input.conv->MBtoWCCarrying(text, bytes);
             }
-        } else {
-            try {
-                // The same open as the whole-file reader's, shared lock included.
-                if (byPieces)
-                    source.Open(files[i], O_RDONLY, 0, kShareShared);
-                else
-                    ReadTextFile(text, files[i], input.conv, input.wide, input.swapped);
-            } catch (const karuExp& e) {
-                ReportReadFailure(files[i], e.message);
-                if (errorStop)
-                    return kExitFailure;
-                continue;
+            uint32_t replaced = 0;
+            if (!replaceWhole(replaced)) {
+                std::fputs("[FATAL ERROR] unknown func!\n", stderr);
+                return kExitUnknownMethod;
             }
+            total += replaced;
+            uint64_t stop;
+            if (output.wide) {
+                stop = unitsStop();
+                if (stop != wstringEx::npos)
+                    text.resize(stop);
+                if (output.swapped)
+                    SwapUnits(text);
+                WriteStdoutUnits(text);
+                if (stop == wstringEx::npos)
+                    WriteStdout(tail);
+            } else {
+                stringEx encoded;
+                stop = EncodeText(*output.conv, escapes, text, encoded);
+                WriteStdout(encoded);
+            }
+            if (stop != wstringEx::npos) {
+                const uint64_t bad = FirstUndecodable(*input.conv, bytes);
+                unwritable = true;
+                unwritableAt = bad < bytes.size() ? bad : 0;
+            }
+        }
+        if (unwritable) {
+            std::fflush(stdout);
+            Print(stringEx("[ERROR] can't write to standard output\n@ ") +
+                      UnwritableMessage(unwritableAt, output.name) + "\n",
+                  stderr);
+            return kExitFailure;
+        }
+    }
+
+    for (uint32_t i = 0; i < fileCount && !streamMode; ++i) {
+        if (EqualsNoCase<char>(argumentsPath, files[i]))
+            continue;  // the arguments file is never rewritten by its own pairs
+
+        text.clear();
+        stringEx tail;    // wide units: the bytes behind the last whole unit
+        CSysFile source;  // the file, when it is read by pieces
+        try {
+            // The same open as the whole-file reader's, shared lock included.
+            if (byPieces)
+                source.Open(files[i], O_RDONLY, 0, kShareShared);
+            else
+                ReadTextFile(text, files[i], input.conv, input.wide, input.swapped, &tail);
+        } catch (const karuExp& e) {
+            ReportReadFailure(files[i], e.message);
+            if (errorStop)
+                return kExitFailure;
+            continue;
         }
 
         uint32_t replaced = 0;
-        stringEx encoded;  // the output, when made by pieces
+        stringEx encoded;  // the output, when made by pieces or encoded
+        bool unwritable = false;
+        uint64_t unwritableAt = 0;
         if (byPieces) {
             if (piecesSigned)
                 encoded = utf8Signature;
@@ -225,7 +353,8 @@ int Run(int argc, char** argv)
             // steps instead of regrowing, a copy each time.
             struct stat status;
             const bool sized = fstat(source.Descriptor(), &status) == 0 && status.st_size > 0;
-            const uint64_t sizeHint = sized ? static_cast<uint64_t>(status.st_size) : 0;
+            PIECES_OPTIONS options = pieceOptions;
+            options.sizeHint = sized ? static_cast<uint64_t>(status.st_size) : 0;
             // A read that fails ends the pieces; what was made of them is dropped.
             std::optional<stringEx> readFailure;
             const PieceReader read = [&](char* room, uint64_t n) -> uint64_t {
@@ -236,8 +365,8 @@ int Run(int argc, char** argv)
                     return 0;
                 }
             };
-            const PIECES_RESULT result = ReplaceByPieces(read, method.method, pairs, *input.conv, *output.conv,
-                                                         encoded, uint64_t(1) << 16, sizeHint);
+            const PIECES_RESULT result =
+                ReplaceByPieces(read, method.method, pairs, *input.conv, *output.conv, encoded, options);
             source.Close();
             if (readFailure) {
                 ReportReadFailure(files[i], *readFailure);
@@ -248,30 +377,57 @@ int Run(int argc, char** argv)
             if (result.empty)
                 continue;
             replaced = result.replaced;
+            unwritable = result.unwritable;
+            unwritableAt = result.unwritableAt;
         } else {
             if (text.empty())
                 continue;
-            if (text[0] == signature[0])
-                text.erase(0, 1);
-            for (const REPLACE_PAIR& pair : pairs) {
-                bool known;
-                replaced += ApplyPair(method.method, pair, text, scratch, inPlace, known);
-                if (!known) {
-                    std::fputs("[FATAL ERROR] unknown func!\n", stderr);
-                    return kExitUnknownMethod;
+            if (!replaceWhole(replaced)) {
+                std::fputs("[FATAL ERROR] unknown func!\n", stderr);
+                return kExitUnknownMethod;
+            }
+            if (toStdout || replaced != 0) {
+                uint64_t stop;
+                if (output.wide) {
+                    stop = unitsStop();
+                } else {
+                    if (withSignature && !toStdout && output.name.EqualsNoCase(stringEx("utf-8")))
+                        encoded = utf8Signature;
+                    stringEx body;
+                    stop = EncodeText(*output.conv, escapes, text, body);
+                    encoded.append(body);
+                }
+                if (stop != wstringEx::npos) {
+                    // Where the file's first undecodable byte lies: the file
+                    // is read again, on this rare road only.
+                    unwritable = true;
+                    byteEx again;
+                    try {
+                        CDir::ReadFile(files[i], again);
+                    } catch (const karuExp&) {
+                    }
+                    const uint64_t bad = FirstUndecodable(*input.conv, again.Reinterpret<char>());
+                    unwritableAt = bad < again.size() ? bad : 0;
                 }
             }
         }
+        if (unwritable) {
+            Print(stringEx("[ERROR] can't write to file: ") + files[i] + "\n@ " +
+                      UnwritableMessage(unwritableAt, output.name) + "\n",
+                  stderr);
+            if (errorStop)
+                return kExitFailure;
+            continue;
+        }
 
-        if (streamMode || toStdout) {
-            if (byPieces) {
+        if (toStdout) {
+            if (byPieces || !output.wide) {
                 WriteStdout(encoded);
-            } else if (output.wide) {
+            } else {
                 if (output.swapped)
                     SwapUnits(text);
                 WriteStdoutUnits(text);
-            } else {
-                WriteStdout(output.conv->WCtoMB(text));
+                WriteStdout(tail);
             }
             total += replaced;
             continue;
@@ -280,19 +436,19 @@ int Run(int argc, char** argv)
             continue;
 
         byteEx bytes;
-        if (byPieces) {
-            bytes = encoded.Reinterpret<unsigned char, byte_traits>();
-        } else if (output.wide) {
+        if (output.wide && !byPieces) {
             if (withSignature && !signature.empty())
                 text.insert(0, signature);
             if (output.swapped)
                 SwapUnits(text);
-            bytes = text.Reinterpret<unsigned char, byte_traits>();
+            if (!tail.empty()) {
+                stringEx units = text.Reinterpret<char>();
+                units.append(tail);
+                bytes = units.Reinterpret<unsigned char, byte_traits>();
+            } else {
+                bytes = text.Reinterpret<unsigned char, byte_traits>();
+            }
         } else {
-            stringEx encoded;
-            if (withSignature && output.name.EqualsNoCase(stringEx("utf-8")))
-                encoded = utf8Signature;
-            encoded.append(output.conv->WCtoMB(text));
             bytes = encoded.Reinterpret<unsigned char, byte_traits>();
         }
         try {

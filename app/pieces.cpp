@@ -98,10 +98,66 @@ const char kUtf8Signature[] = "\xEF\xBB\xBF";
 
 }  // namespace
 
-PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const ReplacePairs& pairs, TTextConv& in,
-                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes, uint64_t sizeHint)
+std::array<bool, 256> CutBytes(int32_t method, const ReplacePairs& pairs, TTextConv& in)
 {
-    const uint64_t startSize = encoded.size();
+    std::array<bool, 256> cuts{};
+    cuts[static_cast<unsigned char>('\n')] = true;
+    if (method != kMethodLiteral && method != kMethodLiteralNoCase)
+        return cuts;
+    using Tr = text_traits<wchar_t>;
+    const bool folded = method == kMethodLiteralNoCase;
+    wstringEx unit;
+    for (int b = 0; b < 256; ++b) {
+        const char byte = static_cast<char>(b);
+        if (!in.CutsAfter(byte))
+            continue;
+        in.MBtoWCCarrying(unit, stringEx(&byte, 1));
+        if (unit.size() != 1)
+            continue;
+        const wchar_t u = folded ? Tr::Fold(unit[0]) : unit[0];
+        bool held = false;
+        for (const REPLACE_PAIR& pair : pairs)
+            for (const wchar_t f : pair.find)
+                held = held || (folded ? Tr::Fold(f) : f) == u;
+        cuts[static_cast<unsigned char>(byte)] = !held;
+    }
+    return cuts;
+}
+
+namespace {
+
+// Where the piece at the head of `pending` ends: just after the first line
+// feed at or past `pieceBytes`, or, when none comes before twice that, just
+// after the first cut byte at or past it; 0 when more input is needed.
+// `searched` and `searchedCuts` keep how far each search has gone.
+uint64_t FindCut(const stringEx& pending, uint64_t pieceBytes, const std::array<bool, 256>* cuts,
+                 uint64_t& searched, uint64_t& searchedCuts)
+{
+    if (pending.size() < pieceBytes)
+        return 0;
+    const uint64_t from = std::max(searched, pieceBytes - 1);
+    const void* feed = std::memchr(pending.data() + from, '\n', pending.size() - from);
+    if (feed)
+        return static_cast<uint64_t>(static_cast<const char*>(feed) - pending.data()) + 1;
+    searched = pending.size();
+    if (!cuts || pending.size() < 2 * pieceBytes)
+        return 0;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(pending.data());
+    for (uint64_t i = std::max(searchedCuts, pieceBytes - 1); i < pending.size(); ++i)
+        if ((*cuts)[bytes[i]])
+            return i + 1;
+    searchedCuts = pending.size();
+    return 0;
+}
+
+}  // namespace
+
+PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const ReplacePairs& pairs, TTextConv& in,
+                              TTextConv& out, stringEx& encoded, const PIECES_OPTIONS& options)
+{
+    const uint64_t pieceBytes = std::max<uint64_t>(options.pieceBytes, 1);
+    const uint64_t sizeHint = options.flush ? 0 : options.sizeHint;
+    uint64_t startSize = encoded.size();
     uint64_t consumed = 0;  // input bytes taken into pieces so far
     if (sizeHint > 0)
         encoded.ReserveExact(startSize + sizeHint + 1);
@@ -118,8 +174,17 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
         }
         encoded.append(piece, n);
     };
+    auto flush = [&] {
+        if (options.flush) {
+            options.flush(encoded);
+            startSize = encoded.size();
+        }
+    };
     PIECES_RESULT result;
     const BytePairs bytePairs = PairsForBytes(method, pairs, in, out);
+    // The cuts of long lines, worked out when the first one comes.
+    std::array<bool, 256> cuts{};
+    bool cutsKnown = false, moreCuts = false;
     stringEx pending, pieceOut, bytes, byteScratch;
     wstringEx text, scratch;
     // The copying replace reserves some room above its text's size, and the
@@ -130,38 +195,43 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
     scratch.ReserveExact(room);
     // Reads fill up to the piece size and then go on in small steps, so that
     // little is read past the line feed that ends a piece: what is, is moved
-    // to the front for the next piece.
+    // to the front for the next piece. Past twice the piece size a long line
+    // is read in steps that grow with it.
     constexpr uint64_t kStep = 4096;
     bool atEnd = false;
     while (!atEnd || !pending.empty()) {
-        // Fill until the pending bytes hold a line feed at or past the piece
-        // size, or the input ends.
+        // Fill until the pending bytes hold a cut, or the input ends.
         uint64_t cut = 0;
-        for (uint64_t searched = 0;;) {
-            if (pending.size() >= pieceBytes) {
-                const uint64_t from = std::max(searched, pieceBytes - 1);
-                const void* feed = std::memchr(pending.data() + from, '\n', pending.size() - from);
-                if (feed) {
-                    cut = static_cast<uint64_t>(static_cast<const char*>(feed) - pending.data()) + 1;
-                    break;
-                }
-                searched = pending.size();
+        for (uint64_t searched = 0, searchedCuts = 0;;) {
+            if (!cutsKnown && pending.size() >= 2 * pieceBytes) {
+                cuts = CutBytes(method, pairs, in);
+                cutsKnown = true;
+                moreCuts = std::count(cuts.begin(), cuts.end(), true) > 1;
             }
+            cut = FindCut(pending, pieceBytes, moreCuts ? &cuts : nullptr, searched, searchedCuts);
+            if (cut)
+                break;
             if (atEnd) {
                 cut = pending.size();
                 break;
             }
             const uint64_t had = pending.size();
-            const uint64_t want = had < pieceBytes ? pieceBytes - had + kStep : kStep;
-            char* room = pending.GetBuffer(had + want);
-            const uint64_t got = read(room + had, want);
+            const uint64_t want = had < pieceBytes ? pieceBytes - had + kStep : std::max(kStep, had / 8);
+            // The room grows by halves, or a long line would be copied over
+            // and over on its way in.
+            if (had + want + 1 > pending.capacity())
+                pending.ReserveExact(std::max(had + want + 1, pending.capacity() + pending.capacity() / 2));
+            char* space = pending.GetBuffer(had + want);
+            const uint64_t got = read(space + had, want);
             pending.SetSize(had + got);
             atEnd = got == 0;
         }
         if (cut == 0)
             break;
-        if (!bytePairs.empty() && IsWellFormedUtf8(pending.data(), cut) &&
-            (method != kMethodRegex || !BeyondBmp(pending.data(), cut))) {
+        const bool byteWay = !bytePairs.empty() &&
+                             (options.escapes == EscapeWriting::kCarry || IsWellFormedUtf8(pending.data(), cut)) &&
+                             (method != kMethodRegex || !BeyondBmp(pending.data(), cut));
+        if (byteWay) {
             uint64_t skip = 0;
             if (result.empty && cut >= 3 && std::memcmp(pending.data(), kUtf8Signature, 3) == 0)
                 skip = 3;
@@ -175,6 +245,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                 pending.erase(0, cut);
                 for (const BYTE_PAIR& pair : bytePairs)
                     result.replaced += ReplaceInPlace(encoded, pair.find, pair.replace, start);
+                flush();
                 continue;
             }
             // The piece becomes the pairs' text where it lies; only what was
@@ -187,32 +258,42 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
             for (const BYTE_PAIR& pair : bytePairs) {
                 bool known;
                 result.replaced += ApplyPair<char>(method, pair.find, pair.replace, pair.regex, bytes, byteScratch,
-                                                   false, known);
+                                                   options.inPlace, known);
             }
             append(bytes.data(), bytes.size());
+            flush();
             continue;
         }
         // The decoder reads the piece where it lies.
-        in.MBtoWC(text, basic_buffer<char>::View(pending.data(), cut));
+        const stringEx piece = basic_buffer<char>::View(pending.data(), cut);
+        in.MBtoWCCarrying(text, piece);
+        if (!text.empty()) {
+            if (result.empty && text[0] == L'\uFEFF')
+                text.erase(0, 1);
+            result.empty = false;
+            for (const REPLACE_PAIR& pair : pairs) {
+                bool known;
+                result.replaced += ApplyPair(method, pair, text, scratch, options.inPlace, known);
+            }
+            const uint64_t stop = EncodeText(out, options.escapes, text, pieceOut);
+            append(pieceOut.data(), pieceOut.size());
+            if (stop != wstringEx::npos) {
+                const uint64_t bad = FirstUndecodable(in, piece);
+                result.unwritable = true;
+                result.unwritableAt = consumed + (bad < cut ? bad : 0);
+                flush();
+                return result;
+            }
+        }
         pending.erase(0, cut);
         consumed += cut;
-        if (text.empty())
-            continue;
-        if (result.empty && text[0] == L'\uFEFF')
-            text.erase(0, 1);
-        result.empty = false;
-        for (const REPLACE_PAIR& pair : pairs) {
-            bool known;
-            result.replaced += ApplyPair(method, pair, text, scratch, false, known);
-        }
-        out.WCtoMB(pieceOut, text);
-        append(pieceOut.data(), pieceOut.size());
+        flush();
     }
     return result;
 }
 
 PIECES_RESULT ReplaceByPieces(const stringEx& bytes, int32_t method, const ReplacePairs& pairs, TTextConv& in,
-                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes)
+                              TTextConv& out, stringEx& encoded, PIECES_OPTIONS options)
 {
     uint64_t at = 0;
     const PieceReader read = [&](char* room, uint64_t n) {
@@ -221,7 +302,8 @@ PIECES_RESULT ReplaceByPieces(const stringEx& bytes, int32_t method, const Repla
         at += take;
         return take;
     };
-    return ReplaceByPieces(read, method, pairs, in, out, encoded, pieceBytes, bytes.size());
+    options.sizeHint = bytes.size();
+    return ReplaceByPieces(read, method, pairs, in, out, encoded, options);
 }
 
 }  // namespace Karu

@@ -1,4 +1,4 @@
-// Large files a few lines at a time.
+// Large texts a few lines at a time.
 //
 // Decoding a whole file into wide text costs four bytes of fresh memory per
 // character, and the copying replace takes a second buffer as large: on a
@@ -11,30 +11,41 @@
 // start from a place after a line feed, nor read past a match) and never
 // match empty, since an empty match could fall on a cut and be found at the
 // end of one piece and at the start of the next. And when both encodings
-// convert line by line, a file cut just after line feeds gives, piece by
-// piece, exactly the bytes the whole would give.
-// Each piece is then decoded, replaced and encoded in buffers that stay warm
-// from piece to piece, and only the encoded result grows with the file: the
-// file itself is read a piece at a time too.
+// convert line by line, a text cut just after line feeds gives, piece by
+// piece, exactly the bytes the whole would give. Each piece is then decoded,
+// replaced and encoded in buffers that stay warm from piece to piece: a file
+// is read a piece at a time and only its result grows, a stream is written
+// as it is read and nothing grows.
 //
-// When both sides are plain UTF-8 (TTextConv::IsPlainUtf8), a well-formed
-// piece is not converted at all if the pairs find in its bytes what they find
-// in its text: the UTF-8 forms of the pairs replaced in the bytes then give
-// exactly the bytes the conversions would. So it is for case-sensitive
-// literals, since a well-formed find can only match where a character begins
-// and text and bytes correspond character for character; and for patterns
-// whose matches are ASCII and that tell no context apart but the line feed
-// and the ends (RX_MATCHES_ASCII: see CompilePairPatterns), as long as the
-// piece has no character beyond U+FFFF, which the wide matcher reads by its
-// low 16 bits. Any other piece takes the conversions.
+// A line feed is only the commonest such cut. For a literal, any character
+// that no find holds will do, for the same reason, and a text without line
+// feeds (minified data, a one-line log) is cut after one of those instead
+// (CutBytes), so that no piece grows with the text. Patterns keep to line
+// feeds: a line is all they promise not to cross.
+//
+// When both sides are plain UTF-8 (TTextConv::IsPlainUtf8), a piece is not
+// converted at all if the pairs find in its bytes what they find in its
+// text: the UTF-8 forms of the pairs replaced in the bytes then give exactly
+// the bytes the conversions would. So it is for case-sensitive literals,
+// since a well-formed find can only match where a character begins, and a
+// broken byte, carried as an escape unit, is never part of one: text and
+// bytes correspond character for character. And for patterns whose matches
+// are ASCII and that tell no context apart but the line feed and the ends
+// (RX_MATCHES_ASCII: see CompilePairPatterns), as long as the piece has no
+// character beyond U+FFFF, which the wide matcher reads by its low 16 bits.
+// A broken piece goes this way only when its escape units are to be written
+// back as bytes (EscapeWriting::kCarry). Any other piece takes the
+// conversions.
 #pragma once
 
+#include <array>
 #include <functional>
 
 #include <karu/TextConv/TextConv.h>
 
 #include "methods.h"
 #include "pairs.h"
+#include "textio.h"
 
 namespace Karu {
 
@@ -42,28 +53,53 @@ namespace Karu {
 // match a line feed, or match empty, under the method.
 bool PairsAllowPieces(int32_t method, const ReplacePairs& pairs);
 
-// The result of running the pairs over a file by pieces.
+// The bytes after which a piece may also end when a line is long: for the
+// literal methods each byte that `in` reads as a character alone, never part
+// of another (TTextConv::CutsAfter), and that no find holds (folded, for the
+// case-blind method); no pair can match across a character it cannot match.
+// For the patterns, only the line feed.
+std::array<bool, 256> CutBytes(int32_t method, const ReplacePairs& pairs, TTextConv& in);
+
+struct PIECES_OPTIONS {
+    // A piece ends just after the first line feed at or past this size; when
+    // no line feed comes before twice this size, after the first of the
+    // CutBytes at or past it.
+    uint64_t pieceBytes = uint64_t(1) << 16;
+    // The input's expected size in bytes (0: unknown): the output's room is
+    // then taken once or twice instead of growing step by step.
+    uint64_t sizeHint = 0;
+    bool inPlace = false;  // -noexp: each piece is replaced in place
+    EscapeWriting escapes = EscapeWriting::kCarry;
+    // When set, called after each piece with the output so far, which it
+    // takes (the output is then emptied): this is how a stream is written as
+    // it is read. Otherwise the output stays in `encoded`.
+    std::function<void(stringEx& encoded)> flush;
+};
+
+// The result of running the pairs over a text by pieces.
 struct PIECES_RESULT {
     uint32_t replaced = 0;
-    bool empty = true;  // the file decoded to no text at all
+    bool empty = true;  // the input decoded to no text at all
+    // Under EscapeWriting::kRefuse: an escape unit was to be written, and
+    // the output ends in front of it. `unwritableAt` is the input offset of
+    // the first undecodable byte of that piece (of the piece itself when the
+    // escape came from a replacement).
+    bool unwritable = false;
+    uint64_t unwritableAt = 0;
 };
 
 // Where the bytes come from: fills up to `n` bytes at `room` and returns how
 // many, 0 at the end.
 using PieceReader = std::function<uint64_t(char* room, uint64_t n)>;
 
-// Decodes what `read` gives with `in` piece by piece (a leading U+FEFF of the
-// text dropped), applies every pair to each piece with the copying form, and
-// appends each piece's encoding by `out` to `encoded`. A piece ends just
-// after the first line feed at or past `pieceBytes`, or at the end.
-// `sizeHint`, the input's expected size in bytes (0: unknown), lets the
-// output's room be taken once or twice instead of growing step by step.
+// Decodes what `read` gives with `in` piece by piece in the carrying form (a
+// leading U+FEFF of the text dropped), applies every pair to each piece, and
+// appends each piece's encoding by `out` to `encoded` (see EscapeWriting).
 PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const ReplacePairs& pairs, TTextConv& in,
-                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes = uint64_t(1) << 16,
-                              uint64_t sizeHint = 0);
+                              TTextConv& out, stringEx& encoded, const PIECES_OPTIONS& options = {});
 
 // The same over bytes in memory.
 PIECES_RESULT ReplaceByPieces(const stringEx& bytes, int32_t method, const ReplacePairs& pairs, TTextConv& in,
-                              TTextConv& out, stringEx& encoded, uint64_t pieceBytes = uint64_t(1) << 16);
+                              TTextConv& out, stringEx& encoded, PIECES_OPTIONS options = {});
 
 }  // namespace Karu

@@ -1,27 +1,24 @@
 // Text in and out: files through the whole-file reader, standard input and
 // output as raw bytes.
 //
-// Standard input is read to its end, and then the end-of-input value is
-// appended once as if it had been read: the replace step sees it like any
-// other character, and it reaches the output. An empty input therefore
-// still gives a text of one unit, and something is written.
+// Standard input is read to its end in steps that grow with it, so that a
+// large input costs no more than its size to take in: the output is then
+// exactly the replaced input, with nothing added at the end.
 #include "textio.h"
 
 #include <cstdio>
 #include <cstring>
 
 #include <karu/file/dir.h>
+#include <karu/file/sysfile.h>
 
 namespace Karu {
 
 namespace {
 
-// How much of standard input one read takes.
+// The first read of standard input; later ones take half as much again as
+// has come so far.
 constexpr size_t kStdinChunk = 1 << 16;
-
-// What the end of input reads as: EOF as a byte, WEOF as a wide unit.
-constexpr char kByteEndMark = static_cast<char>(0xFF);
-constexpr wchar_t kUnitEndMark = static_cast<wchar_t>(0xFFFFFFFF);
 
 void WriteAll(const void* data, size_t bytes)
 {
@@ -29,23 +26,62 @@ void WriteAll(const void* data, size_t bytes)
         std::fwrite(data, 1, bytes, stdout);
 }
 
+// Units of `bytes` as they stand, and what is left behind the last one.
+wstringEx UnitsOf(const byteEx& bytes, stringEx* tail)
+{
+    const uint64_t whole = bytes.size() / sizeof(wchar_t) * sizeof(wchar_t);
+    if (tail)
+        tail->assign(reinterpret_cast<const char*>(bytes.data()) + whole, bytes.size() - whole);
+    return bytes.Reinterpret<wchar_t>();
+}
+
 }  // namespace
 
-void ReadTextFile(wstringEx& text, const stringEx& path, const ConvPtr& conv, bool wide, bool swapped)
+void ReadTextFile(wstringEx& text, const stringEx& path, const ConvPtr& conv, bool wide, bool swapped,
+                  stringEx* tail)
 {
     text.clear();
+    if (tail)
+        tail->clear();
     byteEx bytes;
     CDir::ReadFile(path, bytes);
     if (!wide) {
-        conv->MBtoWC(text, bytes.Reinterpret<char>());
+        conv->MBtoWCCarrying(text, bytes.Reinterpret<char>());
         return;
     }
-    text = bytes.Reinterpret<wchar_t>();
+    text = UnitsOf(bytes, tail);
     if (swapped) {
         // Our own reference goes first, so that the swap detaches nothing.
         bytes = byteEx();
         SwapUnits(text);
     }
+}
+
+uint64_t EncodeText(TTextConv& out, EscapeWriting escapes, const wstringEx& text, stringEx& bytes)
+{
+    switch (escapes) {
+    case EscapeWriting::kCarry: out.WCtoMBCarrying(bytes, text); return wstringEx::npos;
+    case EscapeWriting::kOrdinary: out.WCtoMB(bytes, text); return wstringEx::npos;
+    case EscapeWriting::kRefuse: break;
+    }
+    const uint64_t escape = FindEscapeUnit(text);
+    if (escape == wstringEx::npos)
+        out.WCtoMB(bytes, text);
+    else
+        out.WCtoMB(bytes, wstringEx::View(text.data(), escape));
+    return escape;
+}
+
+uint64_t FirstUndecodable(TTextConv& conv, const stringEx& bytes)
+{
+    wstringEx text;
+    conv.MBtoWCCarrying(text, bytes);
+    const uint64_t escape = FindEscapeUnit(text);
+    if (escape == wstringEx::npos)
+        return bytes.size();
+    stringEx before;
+    conv.WCtoMBCarrying(before, wstringEx::View(text.data(), escape));
+    return before.size();
 }
 
 void SwapUnits(wstringEx& text)
@@ -60,30 +96,25 @@ void SwapUnits(wstringEx& text)
 
 stringEx ReadStdinBytes()
 {
+    CSysFile in;
+    in.Open(0);
     stringEx text;
-    for (;;) {
-        char* room = text.GetBuffer(text.size() + kStdinChunk);
-        const size_t got = std::fread(room + text.size(), 1, kStdinChunk, stdin);
+    for (uint64_t step = kStdinChunk;; step = std::max<uint64_t>(kStdinChunk, text.size() / 2)) {
+        if (text.size() + step + 1 > text.capacity())
+            text.ReserveExact(text.size() + step + 1);
+        char* room = text.GetBuffer(text.size() + step);
+        const uint64_t got = in.Read(room + text.size(), step);
         text.SetSize(text.size() + got);
-        if (got < kStdinChunk)
+        if (got == 0)
             break;
     }
-    text.push_back(kByteEndMark);
     return text;
 }
 
-wstringEx ReadStdinUnits()
+wstringEx ReadStdinUnits(stringEx& tail)
 {
     const stringEx bytes = ReadStdinBytes();
-    // The byte mark is not part of the units: the input ends at the last
-    // whole unit, like a file, and the wide mark follows it.
-    const uint64_t units = (bytes.size() - 1) / sizeof(wchar_t);
-    wstringEx text;
-    wchar_t* room = text.GetBuffer(units + 1);
-    std::memcpy(room, bytes.data(), units * sizeof(wchar_t));
-    room[units] = kUnitEndMark;
-    text.SetSize(units + 1);
-    return text;
+    return UnitsOf(bytes.Reinterpret<unsigned char, byte_traits>(), &tail);
 }
 
 void WriteStdout(const stringEx& bytes)

@@ -12,6 +12,8 @@
 #include <random>
 #include <string>
 
+#include <karu/string/unicode.h>
+
 using namespace Karu;
 
 namespace {
@@ -36,18 +38,30 @@ ReplacePairs Patterns(std::initializer_list<std::pair<const wchar_t*, const wcha
 
 // What the tool does with the text held whole.
 std::string Whole(const std::string& bytes, int32_t method, const ReplacePairs& pairs, TTextConv& in,
-                  TTextConv& out, uint32_t& replaced)
+                  TTextConv& out, uint32_t& replaced, EscapeWriting escapes = EscapeWriting::kCarry,
+                  bool inPlace = false)
 {
-    wstringEx text = in.MBtoWC(stringEx(bytes.data(), bytes.size())), scratch;
+    wstringEx text, scratch;
+    in.MBtoWCCarrying(text, stringEx(bytes.data(), bytes.size()));
     replaced = 0;
     if (!text.empty() && text[0] == L'\uFEFF')
         text.erase(0, 1);
     for (const REPLACE_PAIR& pair : pairs) {
         bool known;
-        replaced += ApplyPair(method, pair, text, scratch, false, known);
+        replaced += ApplyPair(method, pair, text, scratch, inPlace, known);
     }
-    const stringEx encoded = out.WCtoMB(text);
+    stringEx encoded;
+    EncodeText(out, escapes, text, encoded);
     return std::string(encoded.data(), encoded.size());
+}
+
+PIECES_OPTIONS Sized(uint64_t pieceBytes, EscapeWriting escapes = EscapeWriting::kCarry, bool inPlace = false)
+{
+    PIECES_OPTIONS options;
+    options.pieceBytes = pieceBytes;
+    options.escapes = escapes;
+    options.inPlace = inPlace;
+    return options;
 }
 
 TEST(Pieces, GiveTheBytesOfTheWholeText)
@@ -93,6 +107,16 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
          Patterns({{L"order-[0-9]+", L"ID"}}, false, true), "order-1\norder-22 \x80 order-\norder-3"},
         {"double-byte with bad bytes before line feeds", "GBK", "GBK", kMethodLiteral,
          Pairs({{L"\u4e2d", L"\u6587"}, {L"?", L"Q"}}), "\xD6\xD0\n\xD6\n\xD6\xD0\xD6\xD0\n\x81\n\xD6"},
+        {"no line feed: cut after characters no find holds", "UTF-8", "UTF-8", kMethodLiteral,
+         Pairs({{L"ab", L"<\u00e9>"}, {L"b <", L"-"}, {L"\u00e9", L"e"}}), "ab ab, ab <ab>\xC3\xA9 ab \xFF ab ab"},
+        {"no line feed, case-blind: a folded find holds the cut", "UTF-8", "UTF-8", kMethodLiteralNoCase,
+         Pairs({{L"A b", L"X"}, {L"x", L"yy"}}), "a ba Ba B a b a, a B x"},
+        {"no line feed, double-byte: trail bytes never cut", "GBK", "GBK", kMethodLiteral,
+         Pairs({{L"\u4e2d", L"Z"}, {L"@", L"A"}}), "\xD6\xD0@\xD6\xD0 A\xD6\xD0@\x81@ \xD6\xD0"},
+        {"broken bytes carried by a pair", "UTF-8", "UTF-8", kMethodLiteral,
+         Pairs({{std::wstring(1, EscapeUnit(0xE9)).c_str(), L"\u00e9"}}), "caf\xE9 caf\xC3\xA9\ncaf\xE9"},
+        {"the C locale's ASCII carries every other byte", "ANSI_X3.4-1968", "ANSI_X3.4-1968", kMethodLiteral,
+         Pairs({{L"cat", L"dog"}}), "caf\xC3\xA9 cat \xE4\xB8\xAD\xE6\x96\x87 cat\n\x80\xFF"},
     };
     for (const Row& row : rows) {
         const TextConvPtr in = TTextConv::CreateConv(0, stringEx(row.in));
@@ -102,7 +126,8 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
         uint32_t wholeCount;
         const std::string whole = Whole(row.text, row.method, row.pairs, *in, *out, wholeCount);
         for (const uint64_t pieceBytes : {1, 2, 3, 7, 4096}) {
-            // The input given whole, and trickling in a few bytes a read.
+            // The input given whole, and trickling in a few bytes a read;
+            // the output kept, and taken piece by piece as a stream's is.
             for (const uint64_t trickle : {uint64_t(0), uint64_t(1), uint64_t(5)}) {
                 uint64_t at = 0;
                 const PieceReader read = [&](char* room, uint64_t n) {
@@ -111,17 +136,27 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
                     at += take;
                     return take;
                 };
-                stringEx encoded("head:");
-                const stringEx bytes(row.text.data(), row.text.size());
-                const PIECES_RESULT result =
-                    trickle ? ReplaceByPieces(read, row.method, row.pairs, *in, *out, encoded, pieceBytes)
-                            : ReplaceByPieces(bytes, row.method, row.pairs, *in, *out, encoded, pieceBytes);
-                const std::string where =
-                    std::string(row.name) + ", pieces of " + std::to_string(pieceBytes) + ", reads of " +
-                    std::to_string(trickle);
-                EXPECT_EQ(std::string(encoded.data(), encoded.size()), "head:" + whole) << where;
-                EXPECT_EQ(result.replaced, wholeCount) << where;
-                EXPECT_FALSE(result.empty) << where;
+                for (const bool inPlace : {false, true}) {
+                    at = 0;
+                    stringEx encoded("head:");
+                    std::string streamed;
+                    PIECES_OPTIONS options = Sized(pieceBytes, EscapeWriting::kCarry, inPlace);
+                    if (trickle == 5)
+                        options.flush = [&streamed](stringEx& out) {
+                            streamed.append(out.data(), out.size());
+                            out.clear();
+                        };
+                    const stringEx bytes(row.text.data(), row.text.size());
+                    const PIECES_RESULT result =
+                        trickle ? ReplaceByPieces(read, row.method, row.pairs, *in, *out, encoded, options)
+                                : ReplaceByPieces(bytes, row.method, row.pairs, *in, *out, encoded, options);
+                    const std::string where = std::string(row.name) + ", pieces of " + std::to_string(pieceBytes) +
+                                              ", reads of " + std::to_string(trickle) +
+                                              (inPlace ? ", in place" : "");
+                    EXPECT_EQ(streamed + std::string(encoded.data(), encoded.size()), "head:" + whole) << where;
+                    EXPECT_EQ(result.replaced, wholeCount) << where;
+                    EXPECT_FALSE(result.empty) << where;
+                }
             }
         }
     }
@@ -163,7 +198,7 @@ TEST(Pieces, AnEmptyFileIsNoText)
     const TextConvPtr conv = TTextConv::CreateConv(0, stringEx("UTF-8"));
     stringEx encoded;
     const PIECES_RESULT result =
-        ReplaceByPieces(stringEx(), kMethodLiteral, Pairs({{L"a", L"b"}}), *conv, *conv, encoded);
+        ReplaceByPieces(stringEx(), kMethodLiteral, Pairs({{L"a", L"b"}}), *conv, *conv, encoded, Sized(16));
     EXPECT_TRUE(result.empty);
     EXPECT_EQ(result.replaced, 0u);
     EXPECT_TRUE(encoded.empty());
@@ -206,7 +241,7 @@ TEST(Pieces, RandomPatternsGiveTheWholeTextsBytes)
         const std::string whole = Whole(text, kMethodRegex, pairs, *conv, *conv, wholeCount);
         stringEx encoded;
         const PIECES_RESULT result =
-            ReplaceByPieces(stringEx(text.data(), text.size()), kMethodRegex, pairs, *conv, *conv, encoded, 1);
+            ReplaceByPieces(stringEx(text.data(), text.size()), kMethodRegex, pairs, *conv, *conv, encoded, Sized(1));
         const std::string where = "pattern " + std::string(pattern.begin(), pattern.end()) + " on \"" + text + "\"";
         ASSERT_EQ(std::string(encoded.data(), encoded.size()), whole) << where;
         ASSERT_EQ(result.replaced, wholeCount) << where;
