@@ -265,8 +265,11 @@ int Run(int argc, char** argv)
             CSysFile in;
             in.Open(0);
             PIECES_OPTIONS options = pieceOptions;
+            // Each piece goes out as it is done, not when a buffer fills:
+            // a reader of the stream sees the output as the input comes.
             options.flush = [](stringEx& encoded) {
                 WriteStdout(encoded);
+                std::fflush(stdout);
                 encoded.clear();
             };
             stringEx encoded;

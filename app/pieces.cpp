@@ -159,8 +159,11 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
     const uint64_t sizeHint = options.flush ? 0 : options.sizeHint;
     uint64_t startSize = encoded.size();
     uint64_t consumed = 0;  // input bytes taken into pieces so far
+    // An eighth more than the input: a result that grows a little does not
+    // have to move (a move holds the old and the new result at once), and
+    // room that is never written costs no memory.
     if (sizeHint > 0)
-        encoded.ReserveExact(startSize + sizeHint + 1);
+        encoded.ReserveExact(startSize + sizeHint + sizeHint / 8 + 4096);
     // Appends a piece's result. When the output is about to outgrow its
     // room, the room is made for what the rest of the input would give at
     // the rate seen so far: growing by halves instead would copy the output

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,16 +22,22 @@ struct RunResult {
     int status = -1;  // as the shell sees it: -1 from main is 255
     std::string out;
     std::string err;
+    long peakKb = 0;  // the program's largest resident size
 };
 
 struct RunOptions {
     std::string input;              // standard input
     std::string locale = "C";       // LC_ALL of the run
     bool unprivileged = false;      // as an ordinary user, so that file modes bite
+    std::string inputFile = "";     // this file as standard input instead of `input`
 };
 
 // Exit status of a child that could not start the program.
 constexpr int kCouldNotStart = 127;
+// A run that takes longer than this is ended by SIGALRM: a hang fails its
+// test instead of the whole suite. Far above what any run here needs, also
+// under the sanitizers.
+constexpr unsigned kRunDeadlineSeconds = 120;
 
 class Sandbox {
 public:
@@ -91,7 +98,7 @@ public:
         if (child == 0) {
             if (chdir(work.c_str()) != 0)
                 _exit(kCouldNotStart);
-            const int fdIn = open(in.c_str(), O_RDONLY);
+            const int fdIn = open(options.inputFile.empty() ? in.c_str() : options.inputFile.c_str(), O_RDONLY);
             const int fdOut = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
             const int fdErr = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
             if (fdIn < 0 || fdOut < 0 || fdErr < 0)
@@ -100,6 +107,7 @@ public:
             dup2(fdOut, 1);
             dup2(fdErr, 2);
             setenv("LC_ALL", options.locale.c_str(), 1);
+            alarm(kRunDeadlineSeconds);
             if (options.unprivileged && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0))
                 _exit(kCouldNotStart);
             std::vector<char*> argv{const_cast<char*>(OSTREL_PROGRAM)};
@@ -110,8 +118,10 @@ public:
             _exit(kCouldNotStart);
         }
         int status = 0;
-        waitpid(child, &status, 0);
+        struct rusage usage {};
+        wait4(child, &status, 0, &usage);
         RunResult result;
+        result.peakKb = usage.ru_maxrss;
         result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         result.out = Slurp(out);
         result.err = Slurp(err);
