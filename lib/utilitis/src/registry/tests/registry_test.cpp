@@ -8,12 +8,18 @@
 #include <gtest/gtest.h>
 
 #include "registry/regbody.h"
+#include "file/tests/deadline.h"
 #include "regtest.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <random>
 #include <set>
@@ -232,6 +238,100 @@ try {
     std::system(("rm -rf '" + dir + "'").c_str());
 } catch (const karuExp& e) {
     FAIL() << e.message.c_str();
+}
+
+// A sink that takes at most `step` bytes a call, and nothing once it holds
+// `limit` bytes: what a pipe or a full device does.
+class CTrickleSink : public TDataSink {
+public:
+    CTrickleSink(size_t step, size_t limit) : _step(step), _limit(limit) {}
+    bool IsOpen() const override { return true; }
+    size_t Write(const void* data, size_t size) override
+    {
+        const size_t room = bytes.size() < _limit ? _limit - bytes.size() : 0;
+        const size_t taken = std::min({size, _step, room});
+        bytes.append(static_cast<const unsigned char*>(data), taken);
+        return taken;
+    }
+    void Flush() override {}
+    byteEx bytes;
+
+private:
+    size_t _step, _limit;
+};
+
+// A save that fails leaves everything as it was: the file (its old content,
+// no transaction file), the key's dirty flag and its file; and every failure
+// is the store's own exception.
+TEST(RegistryFile, FailedSavesChangeNothing)
+{
+    const KaruTest::Deadline deadline(std::chrono::seconds(30), "saves and opens of things that are no store");
+    const std::string dir = TempDir();
+    const stringEx path((dir + "/store.reg").c_str());
+    const CFakeRegistry old = RichTree(2);
+    CFakeRegistry(old).Save(path);
+    const std::string oldDump = Dump(old);
+
+    // A sink that takes a few bytes at a time gets them all.
+    CFakeRegistry tree = RichTree(3);
+    CTrickleSink trickle(3, SIZE_MAX);
+    tree.Save(trickle);
+    EXPECT_TRUE(trickle.bytes == Compiled(tree));
+    EXPECT_FALSE(tree.IsDirty());
+
+    ASSERT_EQ(mkdir((dir + "/a directory").c_str(), 0700), 0);
+    ASSERT_EQ(mkfifo((dir + "/a pipe").c_str(), 0600), 0);
+    struct Row {
+        const char* why;
+        std::function<void(CFakeRegistry&)> op;
+        int32_t code;
+        const char* head;
+    } rows[] = {
+        {"a sink that takes no more", [](CFakeRegistry& key) {
+             CTrickleSink full(64, 20);
+             key.Save(full);
+         },
+         5, "RegCompile - io failed when trying compile fake registry\n@ TDataSink::Write - the sink accepted no more"},
+        {"the bound is passed", [&](CFakeRegistry& key) {
+             key.SetMaxSize(40);
+             key.Save(path);
+         },
+         5, "RegCompile - io failed when trying compile fake registry\n@ CISXFBasic::_CheckBound - buffer overflow"},
+        {"a directory at the path", [&](CFakeRegistry& key) { key.Save(stringEx((dir + "/a directory").c_str())); },
+         6, "CFakeRegistry::Save - failed open file\n"},
+        {"a pipe at the path", [&](CFakeRegistry& key) { key.Save(stringEx((dir + "/a pipe").c_str())); }, 6,
+         "CFakeRegistry::Save - failed open file\n"},
+        {"a device at the path", [](CFakeRegistry& key) { key.Save("/dev/full"); }, 6,
+         "CFakeRegistry::Save - failed open file\n"},
+        {"opening a directory", [&](CFakeRegistry& key) { key.Open(stringEx((dir + "/a directory").c_str())); }, 7,
+         "CFakeRegistry::Open - failed open file\n"},
+        {"opening a pipe", [&](CFakeRegistry& key) { key.Open(stringEx((dir + "/a pipe").c_str())); }, 7,
+         "CFakeRegistry::Open - failed open file\n"},
+    };
+    for (const Row& r : rows) {
+        CFakeRegistry key = RichTree(3);
+        key.SetValue("changed", true);
+        int32_t code = 0;
+        try {
+            r.op(key);
+            ADD_FAILURE() << r.why << ": nothing raised";
+        } catch (const regExp& e) {
+            code = e.code;
+            EXPECT_EQ(std::string(e.message.c_str()).substr(0, std::strlen(r.head)), r.head) << r.why;
+        } catch (const karuExp& e) {
+            ADD_FAILURE() << r.why << ": not the store's exception: " << e.message.c_str();
+        }
+        EXPECT_EQ(code, r.code) << r.why;
+        if (r.code != 7) {
+            EXPECT_TRUE(key.IsDirty()) << r.why;
+            EXPECT_EQ(key.GetFilePath(), stringEx()) << r.why;
+        }
+        CFakeRegistry reread;
+        reread.Open(path);
+        EXPECT_EQ(Dump(reread), oldDump) << r.why;
+        EXPECT_FALSE(CDir::Exists(CDir::TransactionFileName(path))) << r.why;
+    }
+    std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 // Nested keys written by hand: a chain of `levels` subkeys named "".
