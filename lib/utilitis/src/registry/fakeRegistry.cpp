@@ -43,6 +43,28 @@ void RegKeyBody::Touch()
 {
     writeTime = CTime::Now().Microseconds();
     dirty = true;
+    ++generation;
+}
+
+// A tree freed by its destructors alone would take one nested call a level,
+// and a deep one would end the stack. So the subtrees of which this body is
+// the last owner are taken apart here, a level at a time; a subtree that a
+// handle elsewhere still holds is left to that handle.
+RegKeyBody::~RegKeyBody()
+{
+    std::vector<CFakeRegistry> pending;
+    for (auto& entry : subkeys)
+        pending.push_back(std::move(entry.second));
+    subkeys.clear();
+    while (!pending.empty()) {
+        const std::shared_ptr<RegKeyBody> body = RegAccess::Share(pending.back());
+        pending.pop_back();
+        if (body && body.use_count() == 1) {
+            for (auto& entry : body->subkeys)
+                pending.push_back(std::move(entry.second));
+            body->subkeys.clear();
+        }
+    }
 }
 
 StringVector SplitRegPath(const stringEx& path)
@@ -227,7 +249,7 @@ stringEx CFakeRegistry::EnumSubkey(uint64_t index) const
     CFastLockHolder hold(_body->lock);
     if (index >= _body->subkeys.size())
         OutOfIndex("CFakeRegistry::EnumSubkey - out of index\n", _body->subkeys.size(), index);
-    return std::next(_body->subkeys.begin(), static_cast<ptrdiff_t>(index))->first;
+    return _body->subkeyCursor.At(_body->subkeys, index, _body->generation)->first;
 }
 
 uint64_t CFakeRegistry::GetSubkeyCount() const
@@ -288,7 +310,7 @@ stringEx CFakeRegistry::EnumValue(uint64_t index) const
     CFastLockHolder hold(_body->lock);
     if (index >= _body->values.size())
         OutOfIndex("CFakeRegistry::stValueName - out of index\n", _body->values.size(), index);
-    return std::next(_body->values.begin(), static_cast<ptrdiff_t>(index))->first;
+    return _body->valueCursor.At(_body->values, index, _body->generation)->first;
 }
 
 uint64_t CFakeRegistry::GetValueCount() const

@@ -25,10 +25,36 @@ struct RegNameLess {
 using RegValueMap = std::map<stringEx, REG_VALUE, RegNameLess>;
 using RegSubkeyMap = std::map<stringEx, CFakeRegistry, RegNameLess>;
 
-// Files and text nest keys at most this deep. Parsing, compiling and
-// destroying a tree all recurse once per level, and a hostile file could
-// otherwise nest deep enough to exhaust the stack with a few bytes a level.
+// Files and text nest keys at most this deep. Parsing, compiling and the
+// text exchange recurse once per level (a subtree is a nested blob of its
+// parent), and a hostile file could otherwise nest deep enough to end the
+// stack of any thread with a few bytes a level; a tree in memory may be
+// deeper, and is freed level by level.
 constexpr int kRegMaxDepth = 512;
+
+// Where the last enumeration of a map stopped, so that asking for the names
+// in turn costs one step each instead of a walk from the start. It holds
+// while the key's generation is what it was then.
+template <class Map>
+class RegCursor {
+public:
+    typename Map::const_iterator At(const Map& map, uint64_t index, uint64_t generation)
+    {
+        if (_generation != generation || _index > index) {
+            _at = map.begin();
+            _index = 0;
+            _generation = generation;
+        }
+        for (; _index < index; ++_index)
+            ++_at;
+        return _at;
+    }
+
+private:
+    uint64_t _generation = ~uint64_t(0);
+    uint64_t _index = 0;
+    typename Map::const_iterator _at;
+};
 
 struct RegKeyBody {
     RegValueMap values;
@@ -38,6 +64,15 @@ struct RegKeyBody {
     bool dirty = false;
     int64_t maxSize = CISXFBasic<TDataSink>::NoBound;
     FAST_PCLOCK lock;
+    // Counts the changes of the two maps; the cursors follow it.
+    uint64_t generation = 0;
+    RegCursor<RegValueMap> valueCursor;
+    RegCursor<RegSubkeyMap> subkeyCursor;
+
+    RegKeyBody() = default;
+    RegKeyBody(const RegKeyBody&) = delete;
+    RegKeyBody& operator=(const RegKeyBody&) = delete;
+    ~RegKeyBody();
 
     // A change: stamp the time and mark the key dirty. The caller holds `lock`.
     void Touch();

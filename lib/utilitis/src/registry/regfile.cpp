@@ -76,9 +76,11 @@ void WriteValues(CISXFWriter<Sink>& writer, const RegValueMap& values, int64_t w
     }
 }
 
-[[noreturn]] void TooDeep(const char* who)
+// Past the depth the file format allows here, the error of the Part of the
+// work that met it, with the depth as its cause.
+stringEx TooDeep(const char* who)
 {
-    Throw<regExp>(ExpMessage(stringEx(who) + " - key nesting too deep\n").Detail("max depth", kRegMaxDepth), 3);
+    return ExpMessage(stringEx(who) + " - key nesting too deep\n").Detail("max depth", kRegMaxDepth);
 }
 
 void ReadValues(CISXFReader<TDataSource>& reader, RegValueMap& values, int64_t& writeTime)
@@ -141,7 +143,8 @@ template <class Sink>
 int64_t RegCompile(Sink& sink, RegKeyBody& key, int64_t bound, int depth)
 {
     if (depth > kRegMaxDepth)
-        TooDeep("RegCompile");
+        Throw<regExp>(ExpMessage("RegCompile - io failed when trying compile fake registry").Cause(TooDeep("RegCompile")),
+                      5);
     try {
         sink.Write(kTag, sizeof kTag);
         CISXFWriter<Sink> writer(sink, bound);
@@ -173,7 +176,8 @@ template int64_t RegCompile<CByteIO>(CByteIO&, RegKeyBody&, int64_t, int);
 int64_t RegParse(TDataSource& source, int64_t size, RegKeyBody& key, int depth)
 {
     if (depth > kRegMaxDepth)
-        TooDeep("RegParse");
+        Throw<regExp>(ExpMessage("RegParse - io failed when trying parsing fake registry\n").Cause(TooDeep("RegParse")),
+                      4);
     if (size < 2)
         Throw<regExp>(ExpMessage("RegParse - invalid tag"), 3);
     try {
@@ -260,6 +264,7 @@ void Adopt(const CFakeRegistry& key, RegKeyBody& loaded, const stringEx& filePat
     body.writeTime = loaded.writeTime;
     body.filePath = filePath;
     body.dirty = false;
+    ++body.generation;
 }
 
 // Parses into `loaded`, which keeps what was read whole if the parse fails.

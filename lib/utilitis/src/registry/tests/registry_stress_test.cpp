@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -97,6 +98,64 @@ TEST(RegistryConcurrency, ThreadsReadAndWriteOneTree)
         root.ObtainSubkey(stringEx::Format("own\\t%d", id)).ReadValueEx("count", count);
         EXPECT_EQ(count, static_cast<uint32_t>(kRounds)) << id;
     }
+}
+
+// ---- deep trees -------------------------------------------------------------------------------
+
+// A chain of keys far deeper than any file may hold is freed without
+// running out of stack, on a thread with a modest one: the destructors do
+// not recurse a level at a time. A handle held to the middle keeps its part
+// alive. Saving and exporting it fail with the store's errors instead.
+TEST(RegistryDeep, AVeryDeepTreeIsFreedAndRefusedCleanly)
+{
+    constexpr int kLevels = 100000;
+    // Room for a compile of the deepest tree a file may hold (about half a
+    // kilobyte a level), and far less than freeing every level in turn
+    // by nested destructors would take.
+    constexpr size_t kSmallStack = 4 * 1024 * 1024;
+    struct Work {
+        CFakeRegistry middle;
+        std::string saved, exported;
+        uint64_t middleDepth = 0;
+    } work;
+    auto run = [](void* argument) -> void* {
+        Work& w = *static_cast<Work*>(argument);
+        {
+            CFakeRegistry root;
+            CFakeRegistry key = root;
+            for (int level = 0; level < kLevels; ++level) {
+                key = key.ObtainChild("x", true);
+                if (level == kLevels / 2)
+                    w.middle = key;
+            }
+            byteEx bytes;
+            CMemorySink sink(bytes);
+            try {
+                root.Save(sink);
+            } catch (const karuExp& e) {
+                w.saved = e.message.c_str();
+            }
+            try {
+                root.ExportIni(sink);
+            } catch (const karuExp& e) {
+                w.exported = e.message.c_str();
+            }
+        }
+        for (CFakeRegistry key = w.middle; key.GetSubkeyCount() > 0; key = key.ObtainChild("x"))
+            ++w.middleDepth;
+        w.middle = CFakeRegistry();
+        return nullptr;
+    };
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kSmallStack);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &attributes, run, &work), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    EXPECT_EQ(work.middleDepth, uint64_t(kLevels - kLevels / 2 - 1));
+    EXPECT_EQ(work.saved.substr(0, 60), "RegCompile - io failed when trying compile fake registry\n@ R");
+    EXPECT_EQ(work.exported.substr(0, 50), "CFakeRegistry::ExportIni - failed export to ini\n@ ");
 }
 
 // ---- saves racing opens ---------------------------------------------------------------------

@@ -133,6 +133,59 @@ TEST(Registry, KeysValuesAndTheirMessages)
     EXPECT_FALSE(root.RemoveValue("exp"));
 }
 
+// Enumeration walks on from where the last call stopped; every change of
+// the key must send it back to the start. Random changes and walks (forward,
+// backward, skipping) against a model of sorted names.
+TEST(Registry, EnumerationFollowsEveryChange)
+{
+    CFakeRegistry key;
+    std::set<std::string> subkeys, values;
+    std::mt19937 random(7);
+    auto name = [&random] { return "n" + std::to_string(random() % 60); };
+    auto nth = [](const std::set<std::string>& model, uint64_t i) { return *std::next(model.begin(), long(i)); };
+    for (int step = 0; step < 3000; ++step) {
+        const std::string n = name();
+        switch (random() % 8) {
+        case 0:
+            key.ObtainSubkey(n.c_str(), true);
+            subkeys.insert(n);
+            break;
+        case 1:
+            key.RemoveSubkey(n.c_str(), true);
+            subkeys.erase(n);
+            break;
+        case 2:
+            key.SetValue(n.c_str(), uint32_t(step));
+            values.insert(n);
+            break;
+        case 3:
+            key.RemoveValue(n.c_str());
+            values.erase(n);
+            break;
+        case 4:
+            if (random() % 50 == 0) {
+                key.Clear();
+                subkeys.clear();
+                values.clear();
+            }
+            break;
+        default: {
+            // A walk over part of the names: forward, backward or by leaps.
+            const uint64_t count = subkeys.size(), valueCount = values.size();
+            ASSERT_EQ(key.GetSubkeyCount(), count);
+            ASSERT_EQ(key.GetValueCount(), valueCount);
+            const int how = static_cast<int>(random() % 3);
+            for (uint64_t k = 0; k < count; k += how == 2 ? 1 + random() % 5 : 1) {
+                const uint64_t i = how == 1 ? count - 1 - k : k;
+                ASSERT_EQ(key.EnumSubkey(i).c_str(), nth(subkeys, i)) << "step " << step << ", subkey " << i;
+            }
+            for (uint64_t i = 0; i < valueCount; ++i)
+                ASSERT_EQ(key.EnumValue(i).c_str(), nth(values, i)) << "step " << step << ", value " << i;
+        }
+        }
+    }
+}
+
 TEST(RegistryFile, WireBytes)
 {
     auto with = [](const std::function<void(CFakeRegistry&)>& fill) {
@@ -217,11 +270,13 @@ try {
     again.Open(path);
     EXPECT_TRUE(again.IsValueExists("added"));
 
-    // Too deep a tree is refused, not written.
+    // Too deep a tree is refused, not written, with the error of a compile.
     CFakeRegistry deep = RichTree(600);
     int32_t code = 0;
-    EXPECT_EQ(Message([&] { Compiled(deep); }, &code), "RegCompile - key nesting too deep\n  max depth = 512\n");
-    EXPECT_EQ(code, 3);
+    EXPECT_EQ(Message([&] { Compiled(deep); }, &code),
+              "RegCompile - io failed when trying compile fake registry\n@ RegCompile - key nesting too deep\n"
+              "  max depth = 512\n");
+    EXPECT_EQ(code, 5);
 
     CFakeRegistry created;
     created.Open(stringEx((dir + "/new/one.reg").c_str()), true);
@@ -369,7 +424,9 @@ TEST(RegistryFile, DamagedFilesKeepWhatWasReadWhole)
          "  expected size = 4\n  check bound   = -2\n"},
         {"invalid type", byteEx(reinterpret_cast<const unsigned char*>("FR\x84\1\0\0\0\0\0\x8a\x09"), 11),
          "RegParseValues - invalid type : 9"},
-        {"nested too deep", Nested(600), "RegParse - key nesting too deep\n  max depth = 512\n"},
+        {"nested too deep", Nested(600),
+         "RegParse - io failed when trying parsing fake registry\n@ RegParse - key nesting too deep\n"
+         "  max depth = 512\n"},
     };
     for (const Row& r : rows) {
         CFakeRegistry key = RichTree(1);
