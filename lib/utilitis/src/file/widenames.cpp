@@ -13,16 +13,33 @@ namespace {
 
 // Runs a search that fills a narrow vector and appends its names, widened,
 // to the caller's; the count is the size of the caller's vector, as for the
-// narrow forms.
+// narrow forms. A search that fails keeps what it had found, as the narrow
+// forms do: the names are handed over before the failure goes on.
 template <class Search>
 uint32_t WidenResults(WStringVector& result, Search&& search)
 {
     StringVector narrow;
-    search(narrow);
-    result.reserve(result.size() + narrow.size());
-    for (const stringEx& name : narrow)
-        result.push_back(SysMBtoWC(name));
+    const auto widen = [&] {
+        result.reserve(result.size() + narrow.size());
+        for (const stringEx& name : narrow)
+            result.push_back(SysMBtoWC(name));
+    };
+    try {
+        search(narrow);
+    } catch (...) {
+        widen();
+        throw;
+    }
+    widen();
     return static_cast<uint32_t>(result.size());
+}
+
+// The caller's wide handler, told of each problem with the path widened.
+SearchProblemHandler NarrowHandler(const WSearchProblemHandler& onProblem)
+{
+    if (!onProblem)
+        return {};
+    return [&onProblem](const stringEx& path, const karuExp& problem) { return onProblem(SysMBtoWC(path), problem); };
 }
 
 }  // namespace
@@ -56,20 +73,40 @@ wstringEx CDir::GetPathFilename(const wstringEx& path)
 }
 
 uint32_t CDir::GetAllFiles(WStringVector& result, const wstringEx& pattern, bool recursive, bool includeHidden,
-                           uint32_t reserved) const
+                           uint32_t reserved, const WSearchProblemHandler& onProblem) const
 {
     const stringEx narrowPattern = SysWCtoMB(pattern);
     return WidenResults(result, [&](StringVector& narrow) {
-        GetAllFiles(narrow, narrowPattern, recursive, includeHidden, reserved);
+        GetAllFiles(narrow, narrowPattern, recursive, includeHidden, reserved, NarrowHandler(onProblem));
     });
 }
 
 uint32_t CDir::GetAllSubDirs(WStringVector& result, const wstringEx& pattern, bool recursive, bool includeHidden,
-                             bool includeDots, uint32_t reserved) const
+                             bool includeDots, uint32_t reserved, const WSearchProblemHandler& onProblem) const
 {
     const stringEx narrowPattern = SysWCtoMB(pattern);
     return WidenResults(result, [&](StringVector& narrow) {
-        GetAllSubDirs(narrow, narrowPattern, recursive, includeHidden, includeDots, reserved);
+        GetAllSubDirs(narrow, narrowPattern, recursive, includeHidden, includeDots, reserved,
+                      NarrowHandler(onProblem));
+    });
+}
+
+uint32_t CDir::GetAllFilesRegEx(WStringVector& result, const wstringEx& expression, bool recursive,
+                                bool includeHidden, const WSearchProblemHandler& onProblem) const
+{
+    const stringEx narrowExpression = SysWCtoMB(expression);
+    return WidenResults(result, [&](StringVector& narrow) {
+        GetAllFilesRegEx(narrow, narrowExpression, recursive, includeHidden, NarrowHandler(onProblem));
+    });
+}
+
+uint32_t CDir::_GetAllSubDirsRegEx(WStringVector& result, const wstringEx& expression, bool recursive,
+                                   bool includeHidden, bool includeDots, const WSearchProblemHandler& onProblem) const
+{
+    const stringEx narrowExpression = SysWCtoMB(expression);
+    return WidenResults(result, [&](StringVector& narrow) {
+        _GetAllSubDirsRegEx(narrow, narrowExpression, recursive, includeHidden, includeDots,
+                            NarrowHandler(onProblem));
     });
 }
 

@@ -1,11 +1,13 @@
 // CDir: one directory, held as an absolute path ending in "/", and the
-// library's path toolbox: normalisation, file search by wildcard, whole-file
-// read and write, and directory operations.
+// library's path toolbox: normalisation, file search by wildcard or regular
+// expression, whole-file read and write, and directory operations.
 //
 // Path work is pure text (no symbolic link is resolved), apart from the
-// current directory. Searches stat every entry, following links; a dangling
-// link ends a search with its message, while a directory that cannot be
-// opened simply yields nothing.
+// current directory. Searches follow links and enter every directory once,
+// however many links lead to it. An entry that cannot be followed (a dangling
+// link, a link loop) ends a search with its message, and a directory that
+// cannot be opened simply yields nothing, unless the caller passes a handler
+// that is told of each such entry and decides whether the search goes on.
 #pragma once
 
 #include <dirent.h>
@@ -19,6 +21,8 @@
 #include <karu/string/karuExp.h>
 
 namespace Karu {
+
+class RegexHandle;
 
 using StringVector = std::vector<stringEx>;
 using WStringVector = std::vector<wstringEx>;
@@ -64,6 +68,12 @@ using TransactionWriter = std::function<void(CSysFile& file)>;
 // owner of a transaction file tells a finished write from a broken one.
 using TransactionJudge = std::function<bool(CSysFile& file)>;
 
+// Told of an entry that a search cannot follow: a dangling link, a link loop,
+// a directory that cannot be read. True skips the entry and goes on; false
+// ends the search with the problem, wrapped as without a handler.
+using SearchProblemHandler = std::function<bool(const stringEx& path, const karuExp& problem)>;
+using WSearchProblemHandler = std::function<bool(const wstringEx& path, const karuExp& problem)>;
+
 class CDir {
 public:
     CDir() = default;
@@ -87,10 +97,22 @@ public:
     static bool WildcardMatch(const stringEx& name, const stringEx& pattern) noexcept;
 
     // ---- search -----------------------------------------------------------------
+    // A pattern's directory part ("sub/", "./", "../x/") moves the search
+    // there; its last component is the wildcard. Results are full paths,
+    // appended; the count is the vector's size.
     uint32_t GetAllFiles(StringVector& result, const stringEx& pattern, bool recursive = false,
-                         bool includeHidden = false, uint32_t reserved = 0) const;
+                         bool includeHidden = false, uint32_t reserved = 0,
+                         const SearchProblemHandler& onProblem = {}) const;
     uint32_t GetAllSubDirs(StringVector& result, const stringEx& pattern, bool recursive = false,
-                           bool includeHidden = false, bool includeDots = false, uint32_t reserved = 0) const;
+                           bool includeHidden = false, bool includeDots = false, uint32_t reserved = 0,
+                           const SearchProblemHandler& onProblem = {}) const;
+    // The last component of each name tested with a regular expression, from
+    // this directory down; each directory's matches come before those of its
+    // subdirectories. The text form compiles `expression` (extended syntax).
+    uint32_t GetAllFilesRegEx(StringVector& result, const stringEx& expression, bool recursive = false,
+                              bool includeHidden = false, const SearchProblemHandler& onProblem = {}) const;
+    uint32_t GetAllFilesRegEx(StringVector& result, const RegexHandle& expression, bool recursive = false,
+                              bool includeHidden = false, const SearchProblemHandler& onProblem = {}) const;
     bool NextFile(CDirHandle& handle, stringEx& name, bool includeHidden) const;
     bool NextSubDir(CDirHandle& handle, stringEx& name, bool includeHidden, bool includeDots) const;
 
@@ -103,9 +125,13 @@ public:
     static wstringEx GetPathDir(const wstringEx& path);
     static wstringEx GetPathFilename(const wstringEx& path);
     uint32_t GetAllFiles(WStringVector& result, const wstringEx& pattern, bool recursive = false,
-                         bool includeHidden = false, uint32_t reserved = 0) const;
+                         bool includeHidden = false, uint32_t reserved = 0,
+                         const WSearchProblemHandler& onProblem = {}) const;
     uint32_t GetAllSubDirs(WStringVector& result, const wstringEx& pattern, bool recursive = false,
-                           bool includeHidden = false, bool includeDots = false, uint32_t reserved = 0) const;
+                           bool includeHidden = false, bool includeDots = false, uint32_t reserved = 0,
+                           const WSearchProblemHandler& onProblem = {}) const;
+    uint32_t GetAllFilesRegEx(WStringVector& result, const wstringEx& expression, bool recursive = false,
+                              bool includeHidden = false, const WSearchProblemHandler& onProblem = {}) const;
     bool NextFile(CDirHandle& handle, wstringEx& name, bool includeHidden) const;
     bool NextSubDir(CDirHandle& handle, wstringEx& name, bool includeHidden, bool includeDots) const;
 
@@ -179,16 +205,30 @@ public:
     // closed file when neither the file nor a transaction file exists.
     static CSysFile TransactionRead(const stringEx& path, const TransactionJudge& isWhole);
 
+protected:
+    // The directory twin of GetAllFilesRegEx, with "." and ".." listed (never
+    // entered) when `includeDots` is set.
+    uint32_t _GetAllSubDirsRegEx(StringVector& result, const stringEx& expression, bool recursive = false,
+                                 bool includeHidden = false, bool includeDots = false,
+                                 const SearchProblemHandler& onProblem = {}) const;
+    uint32_t _GetAllSubDirsRegEx(StringVector& result, const RegexHandle& expression, bool recursive = false,
+                                 bool includeHidden = false, bool includeDots = false,
+                                 const SearchProblemHandler& onProblem = {}) const;
+    uint32_t _GetAllSubDirsRegEx(WStringVector& result, const wstringEx& expression, bool recursive = false,
+                                 bool includeHidden = false, bool includeDots = false,
+                                 const WSearchProblemHandler& onProblem = {}) const;
+
 private:
     stringEx __Resolve(const stringEx& name) const;
     bool __Next(CDirHandle& handle, stringEx& name, bool includeHidden, bool includeDots, bool files) const;
-    uint32_t __Search(StringVector& result, const stringEx& pattern, bool recursive, bool includeHidden,
-                      bool includeDots, bool files, uint32_t reserved) const;
 
     stringEx _path;
 };
 
 namespace IMPL {
+// The failure of stat() on `path` with the library's message.
+[[noreturn]] void ThrowStatFailure(const stringEx& path, int error);
+
 // Test seam: when set, called at each step boundary of the transaction write
 // and of a file transfer, so that a test can stop a process at each of them.
 using FileStepHook = void (*)(const char* step);

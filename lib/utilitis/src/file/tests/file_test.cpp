@@ -125,6 +125,8 @@ TEST(Paths, WildcardsAreCaseSensitiveWithOneSavedStar)
         {"ab", "?", false},         {"", "*", false},           {".profile", "*", true},
         {"aXbXc", "a*b*c", true},   {"abcabd", "*abd", true},   {"abc", "a*d", false},
         {"x.tar.gz", "*.gz", true}, {"mississippi", "m*iss*ppi", true},
+        // Wildcard characters in a name are plain characters there.
+        {"*note.txt", "*.txt", true}, {"x?y.txt", "*.txt", true}, {"**", "*x", false}, {"a*b", "a?b", true},
     };
     for (const Row& r : rows)
         EXPECT_EQ(CDir::WildcardMatch(r.name, r.pattern), r.match) << r.name << " ~ " << r.pattern;
