@@ -1,14 +1,27 @@
 // Whole-file read and write.
 //
-// WriteFile rewrites in place: open without truncation and take the
-// exclusive lock, so a second writer fails at once instead of interleaving,
-// and the file keeps its owner, mode and hard links. The new content is
-// written over the old from the start, and the file is cut at its end
-// afterwards: cutting first would make the file system give back every block
-// and allocate it again, which on a large file cost several times the write
-// itself. There is no temporary file: a process that dies during the write
-// leaves the file holding a prefix of the new content, followed by what was
-// left of the old.
+// WriteFile rewrites in place, under the exclusive lock, so that the file
+// keeps its inode, owner, mode and hard links, and a second writer fails at
+// once instead of interleaving. What a failed or killed write may leave:
+//
+// - A write that fails leaves the file as it was. Before the first byte
+//   changes, the room the new content needs is taken: the process's file-size
+//   limit is checked, and the blocks that the new content needs beyond those
+//   the file already holds are reserved past its end (fallocate, keeping the
+//   size, so that the reservation is invisible; where the file system cannot
+//   reserve, its free space is checked). A full disk, a quota or the limit so
+//   fails while the old content is still whole.
+// - A process killed during the write leaves the old content whole, the file
+//   empty, a prefix of the new content, or the new content whole: the file is
+//   cut to length 0 before the new content goes in, so no old byte ever
+//   follows new ones.
+//
+// Cutting the file gives its blocks back, and the new content needs the same
+// again: what was checked before the cut holds unless another process takes
+// the space in between, and only then can a write fail half way. The room is
+// reserved again right after the cut, which also spares the file system the
+// delayed allocation it would otherwise force when a file cut to nothing is
+// closed.
 //
 // Both directions keep going until the whole content has moved: the kernel
 // moves at most about 2 GiB in one call, and a short count taken as the end
@@ -17,24 +30,99 @@
 
 #include <karu/file/sysfile.h>
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
 #include <cerrno>
 
 namespace Karu {
 namespace {
+
+[[noreturn]] void RaiseNoRoom(const CSysFile& file, uint64_t size, int error)
+{
+    Throw<sysfileExp>(ExpMessage("CDir::WriteFile - no room for the new content\n")
+                          .Detail("file path", file.Path())
+                          .Detail("new size", static_cast<int64_t>(size))
+                          .Errno(error, {{ENOSPC, "there was no free space remaining on the device containing the file"},
+                                         {EDQUOT, "the disk quota of the user is exhausted"},
+                                         {EFBIG, "the new size is past the file size limit of the process"}}),
+                      9);
+}
+
+// Reserves `length` bytes of blocks from `from` on without changing the
+// file's size. 0, or the errno of a reservation that failed; `supported` is
+// cleared where the file system cannot reserve at all.
+int Reserve(int fd, int64_t from, int64_t length, bool& supported)
+{
+    supported = true;
+    int result;
+    do {
+        result = fallocate(fd, FALLOC_FL_KEEP_SIZE, from, length);
+    } while (result != 0 && errno == EINTR);
+    if (result == 0)
+        return 0;
+    if (errno == EOPNOTSUPP || errno == ENOSYS || errno == ENODEV) {
+        supported = false;
+        return 0;
+    }
+    return errno;
+}
+
+// Fails, with nothing changed, when the file could not take `size` new
+// bytes (written over it, or appended): see the head of this file.
+void TakeRoom(CSysFile& file, const struct stat& status, uint64_t size, bool append)
+{
+    const uint64_t end = static_cast<uint64_t>(status.st_size);
+    const uint64_t total = append ? end + size : size;
+    rlimit limit;
+    if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY && total > limit.rlim_cur)
+        RaiseNoRoom(file, total, EFBIG);
+    // Blocks the file holds now come back when it is cut (an append keeps them).
+    const uint64_t held = append ? 0 : static_cast<uint64_t>(status.st_blocks) * 512;
+    const uint64_t needed = append ? size : (total > held ? total - held : 0);
+    if (needed == 0)
+        return;
+    bool supported;
+    if (const int error = Reserve(file.Descriptor(), static_cast<int64_t>(end), static_cast<int64_t>(needed),
+                                  supported)) {
+        // What was reserved before the failure is given back, and the times
+        // the cut changes put back: the file stays as it was.
+        if (ftruncate(file.Descriptor(), static_cast<off_t>(end)) == 0) {
+            const timespec times[2] = {status.st_atim, status.st_mtim};
+            futimens(file.Descriptor(), times);
+        }
+        RaiseNoRoom(file, total, error);
+    }
+    struct statvfs space;
+    if (!supported && fstatvfs(file.Descriptor(), &space) == 0 &&
+        static_cast<uint64_t>(space.f_bavail) * space.f_frsize < needed)
+        RaiseNoRoom(file, total, ENOSPC);
+}
 
 void WriteBytes(const stringEx& path, const void* data, uint64_t size, bool flush, bool append) try {
     if (path.empty())
         Throw<dirExp>(ExpMessage("CDir::WriteFile - write what ?"), 2);
     CSysFile file;
     file.Open(path, O_WRONLY, O_CREAT, kShareExclusive, kDefaultFilePermissions);
+    struct stat status;
+    if (fstat(file.Descriptor(), &status) == 0 && S_ISREG(status.st_mode))
+        TakeRoom(file, status, size, append);
+    IMPL::FileStep("WriteFile.room-taken");
     if (append) {
         file.SeekEnd(0);
-        IMPL::WriteAll(file, data, size);
     } else {
         file.SeekBegin(0);
-        IMPL::WriteAll(file, data, size);
         file.ResizeToCurrentPos();
+        IMPL::FileStep("WriteFile.cut");
+        // Taken again, now that the cut has given the blocks back.
+        bool supported;
+        if (size > 0)
+            Reserve(file.Descriptor(), 0, static_cast<int64_t>(size), supported);
     }
+    IMPL::WriteAll(file, data, size);
+    IMPL::FileStep("WriteFile.written");
     if (flush)
         file.Flush();
     file.Close();

@@ -1,0 +1,181 @@
+// What a whole-file write leaves when it cannot finish: a write refused by
+// the file-size limit changes nothing, and a writer killed at any moment
+// leaves the old content, nothing, a prefix of the new content or the new
+// content, never new bytes followed by old ones.
+#include <karu/file/dir.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <utime.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <string>
+
+using namespace Karu;
+
+namespace {
+
+class Scratch {
+public:
+    Scratch()
+    {
+        char pattern[] = "/tmp/karu-write-XXXXXX";
+        path = mkdtemp(pattern);
+    }
+    ~Scratch() { std::system(("rm -rf '" + path + "'").c_str()); }
+    std::string operator/(const std::string& name) const { return path + "/" + name; }
+    void Put(const std::string& name, const std::string& content) const
+    {
+        std::ofstream(*this / name, std::ios::binary | std::ios::trunc) << content;
+    }
+    std::string Get(const std::string& name) const
+    {
+        std::ifstream in(*this / name, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+    std::string path;
+};
+
+// Whether `now` is a state a killed write may leave (see wholefile.cpp).
+bool Allowed(const std::string& now, const std::string& before, const std::string& after)
+{
+    return now == before || (now.size() <= after.size() && after.compare(0, now.size(), now) == 0);
+}
+
+// Ends a child at a named step of the write, as a kill there would.
+const char* g_stopAt = nullptr;
+void StopAt(const char* step)
+{
+    if (g_stopAt && std::strcmp(step, g_stopAt) == 0)
+        _exit(0);
+}
+
+TEST(WholeFileFailure, AKillAtEachStepLeavesAnAllowedState)
+{
+    const Scratch dir;
+    const std::string before(5000, 'o'), after(3000, 'n');
+    struct Row {
+        const char* step;
+        std::string expect;
+    } rows[] = {
+        {"WriteFile.room-taken", before},  // nothing changed yet
+        {"WriteFile.cut", ""},             // never old bytes behind new ones
+        {"WriteFile.written", after},
+    };
+    for (const Row& row : rows) {
+        dir.Put("f", before);
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(20);
+            g_stopAt = row.step;
+            IMPL::SetFileStepHook(StopAt);
+            CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(after.c_str()));
+            _exit(1);  // the step was never reached
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << row.step;
+        EXPECT_EQ(dir.Get("f"), row.expect) << row.step;
+    }
+}
+
+TEST(WholeFileFailure, AWriterKilledAtRandomLeavesAnAllowedState)
+{
+    // The old content is longer than the new one, so that a write that went
+    // over the old bytes in place would show old bytes behind new ones.
+    const Scratch dir;
+    const std::string before(8 << 20, 'o');
+    std::string after(6 << 20, 'n');
+    const stringEx content(after.c_str(), after.size());
+    std::mt19937 random(19);
+    int midway = 0;
+    for (int run = 0; run < 16; ++run) {
+        dir.Put("f", before);
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(20);
+            close(ready[0]);
+            (void)!write(ready[1], "go", 2);
+            CDir::WriteFile(stringEx((dir / "f").c_str()), content);
+            pause();  // killed here at the latest
+            _exit(0);
+        }
+        close(ready[1]);
+        char go[2];
+        ASSERT_EQ(read(ready[0], go, 2), 2);
+        close(ready[0]);
+        usleep(random() % 8000);
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        const std::string now = dir.Get("f");
+        midway += now != before && now != after;
+        EXPECT_TRUE(Allowed(now, before, after))
+            << "run " << run << ": " << now.size() << " bytes, starting " << now.substr(0, 8) << " and ending "
+            << now.substr(now.size() > 8 ? now.size() - 8 : 0);
+    }
+    // A kill that always came too early or too late would prove nothing; say so.
+    if (midway == 0)
+        GTEST_SKIP() << "no kill landed inside a write on this machine";
+}
+
+TEST(WholeFileFailure, TheFileSizeLimitFailsBeforeAnythingChanges)
+{
+    const Scratch dir;
+    const std::string old(3000, 'o');
+    struct Row {
+        const char* why;
+        size_t newSize;
+        bool append;
+        bool fails;
+    } rows[] = {
+        {"growing past the limit", 9000, false, true},
+        {"appending past the limit", 6000, true, true},
+        {"shrinking below it", 1000, false, false},
+        {"up to the limit exactly", 8192, false, false},
+    };
+    for (const Row& row : rows) {
+        dir.Put("f", old);
+        const utimbuf stamp{1000000000, 1000000000};
+        utime((dir / "f").c_str(), &stamp);
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(20);
+            signal(SIGXFSZ, SIG_DFL);  // a write past the limit would end the child: it must not come to that
+            const rlimit limit = {8192, 8192};
+            if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+                _exit(3);
+            try {
+                CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(std::string(row.newSize, 'n').c_str()),
+                                false, row.append);
+            } catch (const sysfileExp& e) {
+                const bool named = std::strstr(e.message.c_str(), "CDir::WriteFile - no room for the new content\n") &&
+                                   std::strstr(e.message.c_str(), "past the file size limit");
+                _exit(named ? 2 : 4);
+            }
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        ASSERT_TRUE(WIFEXITED(status)) << row.why << ": ended by signal " << WTERMSIG(status);
+        EXPECT_EQ(WEXITSTATUS(status), row.fails ? 2 : 0) << row.why;
+        struct stat after {};
+        stat((dir / "f").c_str(), &after);
+        if (row.fails) {
+            EXPECT_EQ(dir.Get("f"), old) << row.why;
+            EXPECT_EQ(after.st_mtime, 1000000000) << row.why << ": not even the time stamp moves";
+        } else {
+            EXPECT_EQ(dir.Get("f"), std::string(row.newSize, 'n')) << row.why;
+        }
+    }
+}
+
+}  // namespace
