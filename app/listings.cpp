@@ -8,6 +8,7 @@
 
 #include <karu/TextConv/TextConv.h>
 
+#include "textio.h"
 #include "usage.h"
 
 namespace Karu {
@@ -19,51 +20,46 @@ constexpr size_t kCodePageColumn = 11;  // "CP" and the number
 constexpr size_t kFromColumn = 40;      // the left side of a group
 const char kSeparator[] = "===============================================================================\n";
 
-void Put(const stringEx& text)
+void Pad(stringEx& out, size_t used, size_t width)
 {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-}
-
-void Pad(size_t used, size_t width)
-{
-    for (; used < width; ++used)
-        std::fputc(' ', stdout);
+    if (used < width)
+        out.append(width - used, ' ');
 }
 
 // One row of a group: the left name padded to its column, then the right.
-void GroupRow(const stringEx& left, const stringEx& right)
+void GroupRow(stringEx& out, const stringEx& left, const stringEx& right)
 {
-    Put(left);
-    Pad(left.size(), kFromColumn);
-    Put(right);
-    std::fputc('\n', stdout);
+    out += left;
+    Pad(out, left.size(), kFromColumn);
+    out += right;
+    out += '\n';
 }
 
 }  // namespace
 
 void ListEncodings()
 {
-    std::fputs("\nName                Codepage   Description\n", stdout);
-    std::fputs(kSeparator, stdout);
+    stringEx out("\nName                Codepage   Description\n");
+    out += kSeparator;
     EnumCookie cookie;
     stringEx name;
     EncInfo info;
     while (TTextConv::EnumEncoding(cookie, name, info)) {
-        Put(name);
+        out += name;
         if (name.size() < kNameColumn) {
-            Pad(name.size(), kNameColumn);
+            Pad(out, name.size(), kNameColumn);
         } else {
-            std::fputc('\n', stdout);
-            Pad(0, kNameColumn);
+            out += '\n';
+            Pad(out, 0, kNameColumn);
         }
         char codePage[32];
         const int length = std::snprintf(codePage, sizeof codePage, "CP%u", info.codepage);
-        std::fputs(codePage, stdout);
-        Pad(static_cast<size_t>(length), kCodePageColumn);
-        Put(info.description);
-        std::fputc('\n', stdout);
+        out += codePage;
+        Pad(out, static_cast<size_t>(length), kCodePageColumn);
+        out += info.description;
+        out += '\n';
     }
-    std::fflush(stdout);
+    WriteStdout(out);
 }
 
 void ListCompatible()
@@ -71,31 +67,32 @@ void ListCompatible()
     const stringEx any("<ANY>");
     EnumCookie cookie;
     CompatGroup group;
+    stringEx out;
     while (TTextConv::EnumCompatible(cookie, group)) {
-        std::fputs("\n-- ", stdout);
-        Put(group.name);
-        std::fputs(" --\nFrom                                    To\n", stdout);
-        std::fputs(kSeparator, stdout);
+        out += "\n-- ";
+        out += group.name;
+        out += " --\nFrom                                    To\n";
+        out += kSeparator;
         if (group.mutual) {
             for (const stringEx& name : group.from)
-                GroupRow(name, name);
+                GroupRow(out, name, name);
         } else if (group.from.empty()) {
             for (const stringEx& name : group.to)
-                GroupRow(any, name);
+                GroupRow(out, any, name);
         } else if (group.to.empty()) {
             for (const stringEx& name : group.from)
-                GroupRow(name, any);
+                GroupRow(out, name, any);
         } else {
             auto from = group.from.begin();
             auto to = group.to.begin();
             while (from != group.from.end() || to != group.to.end()) {
                 const stringEx left = from != group.from.end() ? *from++ : stringEx();
                 const stringEx right = to != group.to.end() ? *to++ : stringEx();
-                GroupRow(left, right);
+                GroupRow(out, left, right);
             }
         }
     }
-    std::fflush(stdout);
+    WriteStdout(out);
 }
 
 }  // namespace Karu

@@ -14,16 +14,25 @@
 // they cannot go, and such a file is not rewritten (unless -force), such a
 // stream ends there with status -1.
 //
+// Only regular files are read: a FIFO, socket or device that a pattern names
+// is skipped with a notice, never opened for reading, since reading one
+// could wait forever or never end.
+//
 // Failures: a file that cannot be read or written is reported and skipped
-// (or ends the run with -errstop); any other failure of the library ends the
-// run with status -1 through the outer handler. Other exceptions are
-// reported but end with status 0, so that only the tool's own failures fail
-// a calling script.
+// (or ends the run with -errstop), and so is an entry of the tree that the
+// search cannot follow (a dangling link, a link loop, an unreadable
+// directory); any other failure of the library ends the run with status -1
+// through the outer handler. Other exceptions are reported but end with
+// status 0, so that only the tool's own failures fail a calling script.
+// Standard output that refuses a write ends the run: quietly when its reader
+// went away, as in "| head", and with status -1 otherwise (a full disk, a
+// device error), since the output is then incomplete.
 #include <sys/stat.h>
 
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <set>
@@ -126,6 +135,19 @@ void ReportReadFailure(const stringEx& file, const stringEx& message)
     Print(stringEx("[ERROR] failed reading file: ") + file + "\n@ " + message + "\n", stderr);
 }
 
+// A FIFO, socket or device is skipped; a name that cannot be stat'ed is left
+// to the read, which reports why.
+bool IsRegularFile(const stringEx& path)
+{
+    struct stat status;
+    return stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
+}
+
+void ReportNotRegular(const stringEx& file)
+{
+    Print(stringEx("[NOTICE] skipped, not a regular file: ") + file + "\n", stderr);
+}
+
 int Run(int argc, char** argv)
 {
     const NameSet wideUnits = {"UTF-16", "CP1200", "UTF-16LE", "UCS-2", "UCS-2LE", "UTF-16BE", "UCS-2BE", "CP1201"};
@@ -206,8 +228,7 @@ int Run(int argc, char** argv)
 
     // The check compares names only, so it runs for wide-unit names too.
     if (!has("force") && !TTextConv::IsCompatible(input.name, output.name, nullptr)) {
-        Print(IncompatibleConversionMessage(input.name, output.name), stdout);
-        std::fflush(stdout);
+        WriteStdout(IncompatibleConversionMessage(input.name, output.name));
         return kIncompatibleConversionStatus;
     }
 
@@ -230,9 +251,24 @@ int Run(int argc, char** argv)
     StringVector files;
     uint32_t fileCount = 1;
     if (!streamMode) {
+        // An entry the search cannot follow is reported and left out; with
+        // -errstop the first one ends the run.
+        bool searchStopped = false;
+        const SearchProblemHandler onProblem = [&](const stringEx& path, const karuExp& problem) {
+            Print(stringEx("[ERROR] failed searching: ") + path + "\n@ " + problem.message + "\n", stderr);
+            searchStopped = errorStop;
+            return !errorStop;
+        };
         const CDir here(stringEx("."));
-        for (int64_t i = 0; i < cmdLine.PatternCount(); ++i)
-            here.GetAllFiles(files, cmdLine.GetFileArg(static_cast<uint32_t>(i)), recursive, !errorStop, 0);
+        try {
+            for (int64_t i = 0; i < cmdLine.PatternCount(); ++i)
+                here.GetAllFiles(files, cmdLine.GetFileArg(static_cast<uint32_t>(i)), recursive, !errorStop, 0,
+                                 onProblem);
+        } catch (const karuExp&) {
+            if (searchStopped)
+                return kExitFailure;
+            throw;
+        }
         if (files.empty()) {
             std::fputs("[FATAL ERROR] can't find the file(s)!\n", stderr);
             return kExitFailure;
@@ -269,13 +305,13 @@ int Run(int argc, char** argv)
             // a reader of the stream sees the output as the input comes.
             options.flush = [](stringEx& encoded) {
                 WriteStdout(encoded);
-                std::fflush(stdout);
                 encoded.clear();
             };
             stringEx encoded;
-            const PIECES_RESULT result =
-                ReplaceByPieces([&in](char* room, uint64_t n) { return in.Read(room, n); }, method.method, pairs,
-                                *input.conv, *output.conv, encoded, options);
+            // Output that is refused ends the input too.
+            const PIECES_RESULT result = ReplaceByPieces(
+                [&in](char* room, uint64_t n) { return StdoutError() ? 0 : in.Read(room, n); }, method.method,
+                pairs, *input.conv, *output.conv, encoded, options);
             total += result.replaced;
             unwritable = result.unwritable;
             unwritableAt = result.unwritableAt;
@@ -316,8 +352,9 @@ int Run(int argc, char** argv)
                 unwritableAt = bad < bytes.size() ? bad : 0;
             }
         }
+        if (StdoutError())
+            return 0;  // main tells what became of the output
         if (unwritable) {
-            std::fflush(stdout);
             Print(stringEx("[ERROR] can't write to standard output\n@ ") +
                       UnwritableMessage(unwritableAt, output.name) + "\n",
                   stderr);
@@ -328,14 +365,20 @@ int Run(int argc, char** argv)
     for (uint32_t i = 0; i < fileCount && !streamMode; ++i) {
         if (EqualsNoCase<char>(argumentsPath, files[i]))
             continue;  // the arguments file is never rewritten by its own pairs
+        if (!IsRegularFile(files[i])) {
+            ReportNotRegular(files[i]);
+            continue;
+        }
 
         text.clear();
         stringEx tail;    // wide units: the bytes behind the last whole unit
         CSysFile source;  // the file, when it is read by pieces
         try {
-            // The same open as the whole-file reader's, shared lock included.
+            // The same open as the whole-file reader's, shared lock included;
+            // one that became a FIFO since the check above must not hold the
+            // open up.
             if (byPieces)
-                source.Open(files[i], O_RDONLY, 0, kShareShared);
+                source.Open(files[i], O_RDONLY, O_NONBLOCK, kShareShared);
             else
                 ReadTextFile(text, files[i], input.conv, input.wide, input.swapped, &tail);
         } catch (const karuExp& e) {
@@ -355,7 +398,12 @@ int Run(int argc, char** argv)
             // The file's size lets the result take its room in one or two
             // steps instead of regrowing, a copy each time.
             struct stat status;
-            const bool sized = fstat(source.Descriptor(), &status) == 0 && status.st_size > 0;
+            const bool statted = fstat(source.Descriptor(), &status) == 0;
+            if (statted && !S_ISREG(status.st_mode)) {
+                ReportNotRegular(files[i]);
+                continue;
+            }
+            const bool sized = statted && status.st_size > 0;
             PIECES_OPTIONS options = pieceOptions;
             options.sizeHint = sized ? static_cast<uint64_t>(status.st_size) : 0;
             // A read that fails ends the pieces; what was made of them is dropped.
@@ -432,6 +480,8 @@ int Run(int argc, char** argv)
                 WriteStdoutUnits(text);
                 WriteStdout(tail);
             }
+            if (StdoutError())
+                return 0;
             total += replaced;
             continue;
         }
@@ -456,11 +506,8 @@ int Run(int argc, char** argv)
         }
         try {
             CDir::WriteFile(files[i], bytes, false, false);
-            if (fileCounts) {
-                std::printf("\n## %u replacements in file: ", replaced);
-                Print(files[i], stdout);
-                std::fputs("\n", stdout);
-            }
+            if (fileCounts)
+                WriteStdout(stringEx::Format("\n## %u replacements in file: ", replaced) + files[i] + "\n");
         } catch (const karuExp& e) {
             Print(stringEx("[ERROR] can't write to file: ") + files[i] + "\n@ " + e.message + "\n", stderr);
             if (errorStop)
@@ -468,13 +515,23 @@ int Run(int argc, char** argv)
             continue;
         }
         total += replaced;
+        if (StdoutError())
+            return 0;
     }
 
-    if (totalCount && total != 0) {
-        std::printf("\n## total replaced %u matchs\n", total);
-        std::fflush(stdout);
-    }
+    if (totalCount && total != 0)
+        WriteStdout(stringEx::Format("\n## total replaced %u matchs\n", total));
     return 0;
+}
+
+// A run whose output was refused fails, unless the reader merely went away.
+int WithOutputChecked(int status)
+{
+    const int error = StdoutError();
+    if (error == 0 || error == EPIPE)
+        return status;
+    Print(stringEx("[FATAL ERROR] can't write to standard output: ") + std::strerror(error) + "\n", stderr);
+    return kExitFailure;
 }
 
 }  // namespace
@@ -483,7 +540,7 @@ int main(int argc, char** argv)
 {
     std::setlocale(LC_ALL, "");
     try {
-        return Run(argc, argv);
+        return WithOutputChecked(Run(argc, argv));
     } catch (const karuExp& e) {
         Print(stringEx("[FATAL ERROR] Karu runtime lib error: ") + e.message + "\n", stderr);
         return kExitFailure;

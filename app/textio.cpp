@@ -4,8 +4,17 @@
 // Standard input is read to its end in steps that grow with it, so that a
 // large input costs no more than its size to take in: the output is then
 // exactly the replaced input, with nothing added at the end.
+//
+// Standard output is written with write(2), not through a stream: a stream
+// forgets why a write failed as soon as it has thrown the failed bytes away,
+// and the tool must tell a reader that went away (quietly done) from a full
+// disk or a broken device (a failure).
 #include "textio.h"
 
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -20,10 +29,26 @@ namespace {
 // has come so far.
 constexpr size_t kStdinChunk = 1 << 16;
 
+int g_stdoutError = 0;
+
 void WriteAll(const void* data, size_t bytes)
 {
-    if (bytes)
-        std::fwrite(data, 1, bytes, stdout);
+    const char* at = static_cast<const char*>(data);
+    while (bytes > 0 && g_stdoutError == 0) {
+        const ssize_t n = write(STDOUT_FILENO, at, bytes);
+        if (n > 0) {
+            at += n;
+            bytes -= static_cast<size_t>(n);
+        } else if (n < 0 && errno == EAGAIN) {
+            // A descriptor some caller left non-blocking: wait until it takes more.
+            pollfd out = {STDOUT_FILENO, POLLOUT, 0};
+            poll(&out, 1, -1);
+        } else if (n < 0 && errno != EINTR) {
+            g_stdoutError = errno;
+        } else if (n == 0) {
+            g_stdoutError = EIO;
+        }
+    }
 }
 
 // Units of `bytes` as they stand, and what is left behind the last one.
@@ -125,6 +150,11 @@ void WriteStdout(const stringEx& bytes)
 void WriteStdoutUnits(const wstringEx& text)
 {
     WriteAll(text.data(), text.size() * sizeof(wchar_t));
+}
+
+int StdoutError() noexcept
+{
+    return g_stdoutError;
 }
 
 }  // namespace Karu

@@ -49,8 +49,13 @@ void SwapUnits(wstringEx& text);
 stringEx ReadStdinBytes();
 wstringEx ReadStdinUnits(stringEx& tail);
 
-// Raw writes to standard output: bytes, or units four bytes each.
+// Raw writes to standard output: bytes, or units four bytes each, straight
+// to the descriptor with nothing held back. Once a write has been refused,
+// nothing more is written, and StdoutError() tells why.
 void WriteStdout(const stringEx& bytes);
 void WriteStdoutUnits(const wstringEx& text);
+// 0 while standard output takes what it is given; otherwise the errno of the
+// first write it refused (EPIPE: the reader has gone away).
+int StdoutError() noexcept;
 
 }  // namespace Karu

@@ -6,6 +6,8 @@
 // is still printed unchanged.
 #include "usage.h"
 
+#include "textio.h"
+
 #include <cstdio>
 
 namespace Karu {
@@ -168,8 +170,7 @@ const char kUsageText[] =
 
 void ShowUsage()
 {
-    std::fwrite(kUsageText, 1, sizeof kUsageText - 1, stdout);
-    std::fflush(stdout);
+    WriteStdout(stringEx(kUsageText, sizeof kUsageText - 1));
 }
 
 }  // namespace Karu

@@ -25,19 +25,38 @@ struct RunResult {
     long peakKb = 0;  // the program's largest resident size
 };
 
+// A run that takes longer than this is ended by SIGALRM: a hang fails its
+// test instead of the whole suite. Far above what any run here needs, also
+// under the sanitizers.
+constexpr unsigned kRunDeadlineSeconds = 120;
+
 struct RunOptions {
     std::string input;              // standard input
     std::string locale = "C";       // LC_ALL of the run
     bool unprivileged = false;      // as an ordinary user, so that file modes bite
     std::string inputFile = "";     // this file as standard input instead of `input`
+    std::string stdoutPath = "";    // standard output goes there ("/dev/full") instead of being kept
+    bool stdoutReaderGone = false;  // standard output is a pipe whose reader has gone away
+    rlim_t fileSizeLimit = RLIM_INFINITY;      // RLIMIT_FSIZE of the run
+    rlim_t addressSpaceLimit = RLIM_INFINITY;  // RLIMIT_AS, where no sanitizer needs the room
+    unsigned deadlineSeconds = kRunDeadlineSeconds;
 };
+
+// Sanitizers reserve far more address space than any limit a test would set.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
 
 // Exit status of a child that could not start the program.
 constexpr int kCouldNotStart = 127;
-// A run that takes longer than this is ended by SIGALRM: a hang fails its
-// test instead of the whole suite. Far above what any run here needs, also
-// under the sanitizers.
-constexpr unsigned kRunDeadlineSeconds = 120;
 
 class Sandbox {
 public:
@@ -94,12 +113,21 @@ public:
     {
         const std::string in = _root + "/stdin", out = _root + "/stdout", err = _root + "/stderr";
         std::ofstream(in, std::ios::binary | std::ios::trunc) << options.input;
+        int gone[2] = {-1, -1};
+        if (options.stdoutReaderGone) {
+            if (pipe(gone) != 0)
+                return RunResult{};
+            close(gone[0]);  // gone before the run starts, so every write meets it
+        }
         const pid_t child = fork();
         if (child == 0) {
             if (chdir(work.c_str()) != 0)
                 _exit(kCouldNotStart);
             const int fdIn = open(options.inputFile.empty() ? in.c_str() : options.inputFile.c_str(), O_RDONLY);
-            const int fdOut = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+            int fdOut = open(options.stdoutPath.empty() ? out.c_str() : options.stdoutPath.c_str(),
+                             O_WRONLY | O_CREAT | O_TRUNC, 0666);
+            if (options.stdoutReaderGone)
+                fdOut = gone[1];
             const int fdErr = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
             if (fdIn < 0 || fdOut < 0 || fdErr < 0)
                 _exit(kCouldNotStart);
@@ -107,7 +135,13 @@ public:
             dup2(fdOut, 1);
             dup2(fdErr, 2);
             setenv("LC_ALL", options.locale.c_str(), 1);
-            alarm(kRunDeadlineSeconds);
+            alarm(options.deadlineSeconds);
+            const rlimit fileSize = {options.fileSizeLimit, options.fileSizeLimit};
+            const rlimit addressSpace = {options.addressSpaceLimit, options.addressSpaceLimit};
+            if ((options.fileSizeLimit != RLIM_INFINITY && setrlimit(RLIMIT_FSIZE, &fileSize) != 0) ||
+                (options.addressSpaceLimit != RLIM_INFINITY && !kSanitized &&
+                 setrlimit(RLIMIT_AS, &addressSpace) != 0))
+                _exit(kCouldNotStart);
             if (options.unprivileged && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0))
                 _exit(kCouldNotStart);
             std::vector<char*> argv{const_cast<char*>(OSTREL_PROGRAM)};
@@ -117,6 +151,8 @@ public:
             execv(OSTREL_PROGRAM, argv.data());
             _exit(kCouldNotStart);
         }
+        if (options.stdoutReaderGone)
+            close(gone[1]);
         int status = 0;
         struct rusage usage {};
         wait4(child, &status, 0, &usage);
