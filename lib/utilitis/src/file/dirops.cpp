@@ -19,6 +19,8 @@
 #include <cstring>
 
 #include <karu/file/sysfile.h>
+#include <karu/process/pipe.h>
+#include <karu/process/process.h>
 #include <karu/time/time.h>
 
 namespace Karu {
@@ -202,6 +204,10 @@ stringEx Unescape(const stringEx& field)
     return out;
 }
 
+// The mount tables, in the order they are tried: the classic two, then (if
+// the mount program cannot be run either) the live table of this system.
+const char* g_mountTables[3] = {"/etc/mtab", "/etc/mnttab", "/proc/self/mounts"};
+
 // Reads a file to its end whatever its size claims: the mount tables of the
 // process file system report a size of 0.
 bool ReadToEnd(const char* path, stringEx& text)
@@ -219,9 +225,94 @@ bool ReadToEnd(const char* path, stringEx& text)
     return true;
 }
 
+// What the mount program prints; false when it cannot be run or fails.
+bool RunMount(stringEx& text)
+{
+    text.clear();
+    try {
+        CPipe reader, writer;
+        CPipe::CreatePair(reader, writer);
+        CHILD_STDIO stdio;
+        stdio.out = writer.Descriptor();
+        CProcess mount;
+        mount.Create(stringEx("mount"), {stringEx("mount")}, stdio);
+        writer.Close();
+        char block[4096];
+        for (uint64_t got; (got = reader.Read(block, sizeof block)) > 0;)
+            text.append(block, got);
+        mount.Wait();
+        return mount.GetExitCode() == 0;
+    } catch (const karuExp&) {
+        return false;
+    }
+}
+
+// The blank-separated fields of a line.
+std::vector<stringEx> Fields(const stringEx& line)
+{
+    std::vector<stringEx> fields;
+    for (uint64_t i = 0; i < line.size();) {
+        while (i < line.size() && (line[i] == ' ' || line[i] == '\t'))
+            ++i;
+        const uint64_t start = i;
+        while (i < line.size() && line[i] != ' ' && line[i] != '\t')
+            ++i;
+        if (i > start)
+            fields.push_back(stringEx(line.data() + start, i - start));
+    }
+    return fields;
+}
+
+// A line of a table: device, mount point, type, options, the rest.
+bool FromTable(const stringEx& line, STORAGE_INFO& info)
+{
+    const std::vector<stringEx> fields = Fields(line);
+    if (fields.size() < 3 || fields[0][0] == '#')
+        return false;
+    info.device = Unescape(fields[0]);
+    info.mountPoint = Unescape(fields[1]);
+    info.fileSystem = fields[2];
+    info.options = fields.size() > 3 ? fields[3] : stringEx();
+    return true;
+}
+
+// A line the mount program prints: "dev on point type fs (options)" here,
+// "dev on point (fs, options)" on the systems that print it so.
+bool FromMountOutput(const stringEx& line, STORAGE_INFO& info)
+{
+    const uint64_t on = line.Find(" on ");
+    const uint64_t open = line.ReverseFind('(');
+    if (on == stringEx::npos || open == stringEx::npos || open < on || line[line.size() - 1] != ')')
+        return false;
+    const stringEx inside = line.Mid(open + 1, line.size() - open - 2);
+    stringEx point = line.Mid(on + 4, open - on - 4);
+    point.TrimRight();
+    info.device = line.Left(on);
+    const uint64_t type = point.Find(" type ");
+    if (type != stringEx::npos) {
+        info.fileSystem = point.Mid(type + 6);
+        info.mountPoint = point.Left(type);
+        info.options = inside;
+    } else {
+        const uint64_t comma = inside.Find(',');
+        info.fileSystem = comma == stringEx::npos ? inside : inside.Left(comma);
+        info.options = comma == stringEx::npos ? stringEx() : inside.Mid(comma + 1);
+        info.options.TrimLeft();
+        info.mountPoint = point;
+    }
+    return !info.mountPoint.empty();
+}
+
 }  // namespace
 
 namespace IMPL {
+
+void SetMountTables(const char* mtab, const char* mnttab, const char* live) noexcept
+{
+    g_mountTables[0] = mtab;
+    g_mountTables[1] = mnttab;
+    g_mountTables[2] = live;
+}
 
 void WriteAll(CSysFile& file, const void* data, uint64_t size)
 {
@@ -250,6 +341,11 @@ void CopyAll(CSysFile& from, CSysFile& to)
 
 // ---- removing ----------------------------------------------------------------------------
 
+// Force: a file the system refuses to remove is made writable, and so is
+// its directory, since that is what this system asks for leave to unlink;
+// both get their modes back whether the removal then works or not. What
+// stands in the way of that is told as the removal's failure, with the
+// refusal that started it.
 void CDir::RemoveFile(const stringEx& path, bool force) try {
     if (path.empty())
         Throw<dirExp>(ExpMessage("CDir::RemoveFile - nothing to remove"), 2);
@@ -257,14 +353,34 @@ void CDir::RemoveFile(const stringEx& path, bool force) try {
     if (unlink(full.c_str()) == 0)
         return;
     int error = errno;
-    if (force && (error == EACCES || error == EPERM)) {
-        struct stat status;
-        if (lstat(full.c_str(), &status) == 0 && !S_ISLNK(status.st_mode) && !S_ISDIR(status.st_mode)) {
-            SetAttributes(full, GetAttributes(full) | S_IWUSR);
-            if (unlink(full.c_str()) == 0)
-                return;
-            error = errno;
+    struct stat status;
+    if (force && (error == EACCES || error == EPERM) && lstat(full.c_str(), &status) == 0 &&
+        !S_ISLNK(status.st_mode) && !S_ISDIR(status.st_mode)) {
+        const stringEx dir = GetPathDir(full);
+        uint32_t fileMode = 0, dirMode = 0;
+        bool fileChanged = false, dirChanged = false;
+        try {
+            fileMode = GetAttributes(full);
+            dirMode = GetAttributes(dir);
+            SetAttributes(full, fileMode | S_IWUSR);
+            fileChanged = true;
+            SetAttributes(dir, dirMode | S_IWUSR | S_IXUSR);
+            dirChanged = true;
+            IMPL::FileStep("RemoveFile.writable");
+            if (unlink(full.c_str()) == 0) {
+                fileChanged = false;
+                error = 0;
+            } else {
+                error = errno;
+            }
+        } catch (const karuExp&) {
         }
+        if (fileChanged)
+            chmod(full.c_str(), fileMode);
+        if (dirChanged)
+            chmod(dir.c_str(), dirMode);
+        if (error == 0)
+            return;
     }
     Throw<dirExp>(ExpMessage("CDir::RemoveFile - failed remove file\n")
                       .Detail("file path", full)
@@ -593,36 +709,24 @@ void CDir::GetSpaceInfo(const stringEx& path, SPACE_INFO& info)
 
 uint32_t CDir::GetStorageTopology(std::vector<STORAGE_INFO>& result)
 {
-    // The classic tables first; this system keeps the live one under /proc.
-    stringEx table;
-    if (!ReadToEnd("/etc/mtab", table) && !ReadToEnd("/etc/mnttab", table) && !ReadToEnd("/proc/self/mounts", table))
-        Throw<dirExp>(ExpMessage("CDir::GetStorageTopology - failed retrieve storage's topology info\n")
-                          .Detail("tables", "/etc/mtab, /etc/mnttab, /proc/self/mounts"),
-                      23);
+    stringEx text;
+    bool (*parse)(const stringEx&, STORAGE_INFO&) = FromTable;
+    if (!ReadToEnd(g_mountTables[0], text) && !ReadToEnd(g_mountTables[1], text)) {
+        if (RunMount(text))
+            parse = FromMountOutput;
+        else if (!ReadToEnd(g_mountTables[2], text))
+            Throw<dirExp>(ExpMessage("CDir::GetStorageTopology - failed retrieve storage's topology info\n")
+                              .Detail("tables", stringEx(g_mountTables[0]) + ", " + g_mountTables[1] + ", " +
+                                                    g_mountTables[2])
+                              .Detail("program", "mount"),
+                          23);
+    }
     PiecePositions lines;
-    SplitPositions(table, stringEx("\n"), lines);
+    SplitPositions(text, stringEx("\n"), lines);
     for (const auto& [pos, length] : lines) {
-        std::vector<stringEx> fields;
-        uint64_t i = pos;
-        const uint64_t end = pos + length;
-        while (i < end) {
-            while (i < end && (table[i] == ' ' || table[i] == '\t'))
-                ++i;
-            const uint64_t start = i;
-            while (i < end && table[i] != ' ' && table[i] != '\t')
-                ++i;
-            if (i > start)
-                fields.push_back(stringEx(table.data() + start, i - start));
-        }
-        if (fields.size() < 3 || fields[0][0] == '#')
-            continue;
         STORAGE_INFO info;
-        info.device = Unescape(fields[0]);
-        info.mountPoint = Unescape(fields[1]);
-        info.fileSystem = fields[2];
-        if (fields.size() > 3)
-            info.options = fields[3];
-        result.push_back(info);
+        if (length > 0 && parse(stringEx(text, pos, length), info))
+            result.push_back(info);
     }
     return static_cast<uint32_t>(result.size());
 }

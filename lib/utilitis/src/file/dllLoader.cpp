@@ -1,5 +1,6 @@
-// Loading shared libraries by a name built from parts, with one retry under
-// the conventional "lib" prefix, and finding their symbols.
+// Loading shared libraries and finding their symbols. A name built from
+// parts gets one retry under the conventional "lib" prefix; a name given
+// whole is used as it stands.
 #include <karu/file/dllLoader.h>
 
 #include <dlfcn.h>
@@ -27,12 +28,12 @@ bool HasPrefix(const stringEx& s, const char* prefix)
 
 CDllLoader::CDllLoader(const stringEx& name)
 {
-    __Load(name);
+    __Load(name, false);
 }
 
 CDllLoader::CDllLoader(const wstringEx& name)
 {
-    __Load(SysWCtoMB(name));
+    __Load(SysWCtoMB(name), false);
 }
 
 CDllLoader::CDllLoader(const stringEx& name, const stringEx& version, const stringEx& extension)
@@ -43,7 +44,7 @@ CDllLoader::CDllLoader(const stringEx& name, const stringEx& version, const stri
     if (!version.empty())
         fileName = fileName + "." + version;
     // The program itself: a bare extension or version names no file.
-    __Load(name.empty() ? stringEx() : fileName);
+    __Load(name.empty() ? stringEx() : fileName, true);
 }
 
 CDllLoader::CDllLoader(const wstringEx& name, const wstringEx& version, const wstringEx& extension)
@@ -51,14 +52,14 @@ CDllLoader::CDllLoader(const wstringEx& name, const wstringEx& version, const ws
 {
 }
 
-void CDllLoader::__Load(const stringEx& fileName)
+void CDllLoader::__Load(const stringEx& fileName, bool retryWithLib)
 {
     dlerror();
     _path = fileName;
     _handle = dlopen(fileName.empty() ? nullptr : std::string(fileName.data(), fileName.size()).c_str(), RTLD_LAZY);
     // Libraries are installed as lib<name>; callers may give the bare name.
     // A path is taken as it is: prefixing would point into another directory.
-    if (!_handle && !fileName.empty() && !HasPrefix(fileName, "/") && !HasPrefix(fileName, "lib")) {
+    if (!_handle && retryWithLib && !fileName.empty() && !HasPrefix(fileName, "/") && !HasPrefix(fileName, "lib")) {
         const stringEx retry = "lib" + fileName;
         if ((_handle = dlopen(std::string(retry.data(), retry.size()).c_str(), RTLD_LAZY)))
             _path = retry;

@@ -234,6 +234,9 @@ namespace IMPL {
 using FileStepHook = void (*)(const char* step);
 void SetFileStepHook(FileStepHook hook) noexcept;
 void FileStep(const char* step);
+// Test seam: the mount tables GetStorageTopology reads; the mount program
+// is asked between the second and the third.
+void SetMountTables(const char* mtab, const char* mnttab, const char* live) noexcept;
 }  // namespace IMPL
 
 }  // namespace Karu

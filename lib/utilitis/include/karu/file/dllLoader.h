@@ -37,7 +37,7 @@ public:
     const stringEx& Path() const noexcept { return _path; }
 
 private:
-    void __Load(const stringEx& fileName);
+    void __Load(const stringEx& fileName, bool retryWithLib);
 
     void* _handle = nullptr;
     stringEx _path;

@@ -6,12 +6,15 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <sstream>
 #include <functional>
 #include <set>
 #include <string>
@@ -211,6 +214,73 @@ TEST(DirOps, EnvironmentLookupsAndSystemInformation)
     EXPECT_TRUE(hasRoot);
 }
 
+// The mount table, and the mount program when there is no table: each
+// way lists what the system's live table lists. A table of our own shows the
+// parsing: escaped blanks, comments, a line without options.
+TEST(DirOps, MountTablesAndTheMountProgram)
+{
+    const KaruTest::Deadline deadline(std::chrono::seconds(30), "running mount");
+    const Tree t;
+    std::map<std::string, std::string> live;  // mount point -> file system, as the system lists them
+    {
+        std::ifstream in("/proc/self/mounts");
+        std::string device, point, type;
+        for (std::string line; std::getline(in, line);) {
+            std::istringstream fields(line);
+            if (fields >> device >> point >> type && point.find('\\') == std::string::npos)
+                live[point] = type;
+        }
+    }
+    ASSERT_TRUE(live.count("/"));
+    t.Put("mtab", "# a comment\n/dev/sda1 /mnt/with\\040blank ext4 rw,relatime 0 0\nnone /bare tmpfs\n");
+    const std::string none = t / "none";
+    const char* const path = std::getenv("PATH");
+    struct Row {
+        const char* why;
+        std::string mtab, mnttab, liveTable;
+        bool mountOnPath;
+        size_t atLeast;  // entries, or 0 for a failure
+    } rows[] = {
+        {"the first table", t / "mtab", none, none, true, 2},
+        {"the second table", none, t / "mtab", none, true, 2},
+        {"no table: the mount program", none, none, none, true, live.size()},
+        {"no program either: the live table", none, none, "/proc/self/mounts", false, live.size()},
+        {"nothing at all", none, none, none, false, 0},
+    };
+    for (const Row& r : rows) {
+        IMPL::SetMountTables(r.mtab.c_str(), r.mnttab.c_str(), r.liveTable.c_str());
+        setenv("PATH", r.mountOnPath ? path : "/nonexistent", 1);
+        std::vector<STORAGE_INFO> mounts;
+        const std::string raised = Failure([&] { CDir::GetStorageTopology(mounts); });
+        setenv("PATH", path, 1);
+        if (r.atLeast == 0) {
+            EXPECT_EQ(raised.rfind("CDir::GetStorageTopology - failed retrieve storage's topology info\n", 0), 0u)
+                << r.why;
+            continue;
+        }
+        EXPECT_EQ(raised, "(nothing raised)") << r.why;
+        EXPECT_GE(mounts.size(), r.atLeast) << r.why;
+        if (r.mtab == t / "mtab" || r.mnttab == t / "mtab") {
+            ASSERT_EQ(mounts.size(), 2u) << r.why;
+            EXPECT_EQ(std::string(mounts[0].mountPoint.c_str()), "/mnt/with blank") << r.why;
+            EXPECT_EQ(std::string(mounts[0].options.c_str()), "rw,relatime") << r.why;
+            EXPECT_EQ(std::string(mounts[1].fileSystem.c_str()), "tmpfs") << r.why;
+            continue;
+        }
+        for (const STORAGE_INFO& m : mounts) {
+            const std::string point = m.mountPoint.c_str();
+            if (live.count(point)) {
+                EXPECT_EQ(std::string(m.fileSystem.c_str()), live[point]) << r.why << ": " << point;
+            }
+        }
+        std::set<std::string> listed;
+        for (const STORAGE_INFO& m : mounts)
+            listed.insert(m.mountPoint.c_str());
+        EXPECT_TRUE(listed.count("/")) << r.why;
+    }
+    IMPL::SetMountTables("/etc/mtab", "/etc/mnttab", "/proc/self/mounts");
+}
+
 TEST(Backup, KeepsTheNewestAndRestoresThem)
 {
     const Tree t;
@@ -244,6 +314,101 @@ TEST(Backup, KeepsTheNewestAndRestoresThem)
     t.Put("report.txt", "v3");
     EXPECT_FALSE(dir.Restore(t.At("report.txt")));
     EXPECT_EQ(t.Get("report.txt"), "v3");
+}
+
+// The directory that the test's step hook makes read-only again.
+std::string g_relock;
+
+void RelockAtStep(const char* step)
+{
+    if (std::string(step) == "RemoveFile.writable")
+        chmod(g_relock.c_str(), 0500);
+}
+
+// Force removes a file that the system refuses to remove for want of leave:
+// the file and its directory are made writable, and get their modes back.
+// Where that cannot be done, the removal's own failure is told, and no mode
+// stays changed. A super-user is refused nothing, so when the test runs as
+// one the rows run in a child that has become "nobody", after the parent has
+// made what only a super-user can (a directory of its own holding a file of
+// nobody's).
+TEST(DirOps, ForceRemovesWhatLeaveRefuses)
+{
+    const KaruTest::Deadline deadline(std::chrono::seconds(30), "removals as another user");
+    const Tree t;
+    const bool root = geteuid() == 0;
+    constexpr uid_t kNobody = 65534;
+    chmod(t.root.c_str(), 0777);
+    if (root) {
+        t.Put("sealed/theirs.txt", "x");
+        chmod((t / "sealed").c_str(), 0755);
+        chmod((t / "sealed/theirs.txt").c_str(), 0400);
+        ASSERT_EQ(chown((t / "sealed/theirs.txt").c_str(), kNobody, kNobody), 0);
+    }
+    auto rows = [&t, root]() -> std::string {
+        auto mode = [](const std::string& path) {
+            struct stat status;
+            return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0u;
+        };
+        auto locked = [&t](const std::string& dir) {
+            CDir::MakeDir(t.At(dir));
+            t.Put(dir + "/file.txt", "x");
+            chmod((t / (dir + "/file.txt")).c_str(), 0400);
+            chmod((t / dir).c_str(), 0500);
+            return t / (dir + "/file.txt");
+        };
+        auto refusal = [](const std::string& file, bool force) {
+            const std::string raised = Failure([&] { CDir::RemoveFile(stringEx(file.c_str()), force); });
+            return raised.rfind("CDir::RemoveFile - failed remove file\n", 0) == 0 &&
+                   raised.find("permission denied") != std::string::npos;
+        };
+        // Without force the refusal stands, and nothing changes.
+        const std::string first = locked("locked");
+        if (!refusal(first, false) || !CDir::Exists(first.c_str()) || mode(first) != 0400 ||
+            mode(t / "locked") != 0500)
+            return "without force";
+        // With force the file goes, and its directory is as it was.
+        const std::string forced = Failure([&] { CDir::RemoveFile(stringEx(first.c_str()), true); });
+        if (forced != "(nothing raised)" || CDir::Exists(first.c_str()) || mode(t / "locked") != 0500)
+            return "with force";
+        // The directory is locked again after it was made writable: the
+        // removal's own failure, and both modes back.
+        const std::string second = locked("relocked");
+        g_relock = t / "relocked";
+        IMPL::SetFileStepHook(RelockAtStep);
+        const bool refused = refusal(second, true);
+        IMPL::SetFileStepHook(nullptr);
+        if (!refused || !CDir::Exists(second.c_str()) || mode(second) != 0400 || mode(t / "relocked") != 0500)
+            return "locked again";
+        // A directory that is not ours to change: the file's mode back.
+        if (root && (!refusal(t / "sealed/theirs.txt", true) || mode(t / "sealed/theirs.txt") != 0400))
+            return "a directory of another";
+        return "";
+    };
+    if (!root) {
+        EXPECT_EQ(rows(), "");
+        return;
+    }
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setgid(kNobody) != 0 || setuid(kNobody) != 0)
+            _exit(3);
+        std::string failed;
+        try {
+            failed = rows();
+        } catch (const karuExp& e) {
+            failed = e.message.c_str();
+        } catch (...) {
+            failed = "an exception";
+        }
+        if (!failed.empty())
+            std::fprintf(stderr, "row failed: %s\n", failed.c_str());
+        _exit(failed.empty() ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a row failed, see its name above";
 }
 
 // A backup is named by the local time of the moment it is made, to the

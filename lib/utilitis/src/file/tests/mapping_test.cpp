@@ -72,6 +72,21 @@ TEST(DllLoader, NameSearchAndFailureCodes)
         }
     }
 
+    // A name given whole is used as it stands: no "lib" in front of it.
+    for (const wstringEx& whole : {wstringEx(L"icuuc.so.72"), wstringEx(L"libicuuc.so.72")}) {
+        try {
+            CDllLoader loader(whole);
+            EXPECT_EQ(S(loader.Path()), "libicuuc.so.72");
+        } catch (const dlllExp& e) {
+            EXPECT_EQ(S(e.message).rfind("CDllLoader::CDllLoader - error loading dynamic library\n"
+                                         "  dll path       = icuuc.so.72\n",
+                                         0),
+                      0u)
+                << S(e.message);
+        }
+    }
+    EXPECT_THROW(CDllLoader(stringEx("icuuc.so.72")), dlllExp);
+
     CDllLoader self(stringEx(""));
     EXPECT_NE(self.GetProc(stringEx("iconv_open")), nullptr);
     EXPECT_NE(self.GetProc(wstringEx(L"iconv_close")), nullptr);
