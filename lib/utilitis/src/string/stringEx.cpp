@@ -177,6 +177,11 @@ bool SplitPositions(const basic_buffer<T>& text, const basic_buffer<T>& separato
 {
     out.clear();
     const uint64_t size = text.size();
+    // An empty separator is found everywhere and cuts nothing: one field.
+    if (separator.size() == 0) {
+        out.emplace_back(0, size);
+        return false;
+    }
     uint64_t pos = 0;
     for (;;) {
         const uint64_t hit = Find(text, separator, pos);
@@ -197,6 +202,10 @@ bool SplitPositions(const basic_buffer<T>& text, const basic_buffer<T>& separato
 template <class T>
 basic_string_ex<T> FieldAt(const basic_buffer<T>& line, const basic_buffer<T>& delimiter, uint64_t n)
 {
+    // An empty delimiter is found at the start again and again: every field
+    // is empty, without walking to the n-th.
+    if (delimiter.size() == 0)
+        return basic_string_ex<T>();
     uint64_t pos = 0;
     for (uint64_t field = 0;; ++field) {
         const uint64_t hit = Find(line, delimiter, pos);

@@ -127,6 +127,9 @@ TEST(Text, SplitAndFieldsCutFromTheLeft)
         {"a\nbb\n", "\n", {{0, 1}, {2, 2}, {5, 0}}},
         {"one", "\n", {{0, 3}}},
         {"a->b->", "->", {{0, 1}, {3, 1}, {6, 0}}},
+        // An empty separator cuts nothing: the whole text is one field.
+        {"abc", "", {{0, 3}}},
+        {"", "", {{0, 0}}},
     };
     for (const SplitRow& r : splits) {
         PiecePositions got;
@@ -142,12 +145,15 @@ TEST(Text, SplitAndFieldsCutFromTheLeft)
         {L"a->", L"->", L"a", L""},
         {L"->b", L"->", L"", L"b"},
         {L"a -> b", L"->", L"a ", L" b"},
+        // An empty delimiter is found at the start over and over: every
+        // field is empty, so a pairs file with it replaces nothing.
         {L"anything", L"", L"", L""},
     };
     for (const FieldRow& r : fields) {
         EXPECT_EQ(FieldAt(wstringEx(r.line), wstringEx(r.delim), 0), wstringEx(r.f0)) << r.line;
         EXPECT_EQ(FieldAt(wstringEx(r.line), wstringEx(r.delim), 1), wstringEx(r.f1)) << r.line;
     }
+    EXPECT_EQ(FieldAt(stringEx("anything"), stringEx(""), ~uint64_t(0)), stringEx(""));
 }
 
 const EscapeRow<wchar_t> kLineEscapes[] = {{L"\r", L"r"}, {L"\n", L"n"}, {L"[[:digit:]]", L"d"}, {L"", L""}};
