@@ -439,9 +439,34 @@ void ImportIniInto(const CFakeRegistry& root, TDataSource& source)
     }
 }
 
+// The whole text of a source with each CR LF line end made a line feed, as
+// the rows of the parser end. Export writes every carriage return of a name
+// or value as an escape, so one before a line feed belongs to the line end
+// that an editor elsewhere may have saved.
+byteEx WithLineFeeds(TDataSource& source)
+{
+    byteEx text;
+    unsigned char block[kCsvBlockSize];
+    bool carriageReturn = false;  // held back until the next byte is known
+    for (size_t got; (got = source.Read(block, sizeof block)) > 0;) {
+        for (size_t i = 0; i < got; ++i) {
+            if (carriageReturn && block[i] != '\n')
+                text.push_back('\r');
+            carriageReturn = block[i] == '\r';
+            if (!carriageReturn)
+                text.push_back(block[i]);
+        }
+    }
+    if (carriageReturn)
+        text.push_back('\r');
+    return text;
+}
+
 void ImportCsvInto(const CFakeRegistry& root, TDataSource& source)
 {
-    CCsvParser parser(std::shared_ptr<TDataSource>(std::shared_ptr<TDataSource>(), &source));
+    byteEx text = WithLineFeeds(source);
+    auto memory = std::make_shared<CMemorySource>(text);
+    CCsvParser parser(memory);
     CFakeRegistry current = root;
     StringVector row;
     while (parser.GetNextRow(row)) {

@@ -495,6 +495,13 @@ TEST(RegistryExchange, TreesRoundTripThroughIniAndCsv)
         CFakeRegistry back;
         EXPECT_EQ(Imported(back, Exported(tree, csv), csv), "(nothing raised)") << csv;
         EXPECT_EQ(FirstDifference(Dump(back), Dump(tree)), "") << (csv ? "csv" : "ini");
+        // The same text with CR LF line ends, as an editor elsewhere saves it.
+        std::string crlf;
+        for (char c : Exported(tree, csv))
+            crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
+        CFakeRegistry fromCrlf;
+        EXPECT_EQ(Imported(fromCrlf, crlf, csv), "(nothing raised)") << csv;
+        EXPECT_EQ(FirstDifference(Dump(fromCrlf), Dump(tree)), "") << (csv ? "csv, CR LF" : "ini, CR LF");
     }
 
     CFakeRegistry small;
