@@ -503,7 +503,13 @@ bool CTextLibIConv::CutsAfter(char byte) const
     if (kind != "double-byte")
         return false;
     // The byte must be a character alone and never the second byte of one,
-    // or a cut behind it could split one: ask the library about every lead.
+    // or a cut behind it could split one: ask the library about every lead,
+    // once for each byte.
+    CFastLockHolder hold(_lock);
+    int8_t& known = _cutsAfter[static_cast<unsigned char>(byte)];
+    if (known >= 0)
+        return known == 1;
+    known = 0;
     char pair[2] = {byte, byte};
     wstringEx read;
     LibMBtoWC(read, stringEx(pair, 1));
@@ -515,6 +521,7 @@ bool CTextLibIConv::CutsAfter(char byte) const
         if (read.empty() || read[read.size() - 1] != static_cast<wchar_t>(static_cast<unsigned char>(byte)))
             return false;
     }
+    known = 1;
     return true;
 }
 

@@ -9,6 +9,7 @@
 // text.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 
@@ -81,6 +82,15 @@ private:
     // Bytes of one code unit: what a broken spot is carried by (2 or 4
     // where every character takes whole units of that size).
     size_t _unitBytes = 1;
+    // CutsAfter of each byte of a double-byte code page, once asked: 1 or 0,
+    // -1 before.
+    mutable std::array<int8_t, 256> _cutsAfter = MakeUnknownCuts();
+    static constexpr std::array<int8_t, 256> MakeUnknownCuts()
+    {
+        std::array<int8_t, 256> cuts{};
+        cuts.fill(-1);
+        return cuts;
+    }
     stringEx _encoding;
     mutable FAST_PCLOCK _lock;  // one conversion at a time on the descriptors
     std::unique_ptr<IMPL::CFastCodec> _fast;

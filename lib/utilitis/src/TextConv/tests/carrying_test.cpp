@@ -75,8 +75,9 @@ TEST(TextConvCarrying, DecodesAsAnIndependentCodecTellsIt)
             // The C library reads UTF-8 past U+10FFFF; the shortcut, which
             // always takes UTF-8, keeps to the standard.
             conv.LibMBtoWCCarrying(library, B(row.bytes));
-            if (S(conv.Shortcut()) != "utf-8")
+            if (S(conv.Shortcut()) != "utf-8") {
                 EXPECT_EQ(Units(library), row.units) << row.encoding << ", the library itself";
+            }
             stringEx back;
             conv.WCtoMBCarrying(back, wide);
             EXPECT_EQ(S(back), row.bytes) << row.encoding;
@@ -114,8 +115,9 @@ TEST(TextConvCarrying, BrokenBytesComeBackAsTheyWere)
             wstringEx fast, library;
             conv.MBtoWCCarrying(fast, B(bytes));
             conv.LibMBtoWCCarrying(library, B(bytes));
-            if (S(conv.Shortcut()) != "utf-8")
+            if (S(conv.Shortcut()) != "utf-8") {
                 ASSERT_EQ(Units(fast), Units(library)) << encoding << " round " << round;
+            }
             stringEx back;
             conv.WCtoMBCarrying(back, fast);
             ASSERT_EQ(S(back), bytes) << encoding << " round " << round;
@@ -169,8 +171,9 @@ TEST(TextConvCarrying, FindEscapeUnitAtEveryOffset)
                 text.MutableData()[length - 1] = static_cast<wchar_t>(kEscapeUnitBase + 0x100);
             const uint64_t expected = at < length ? at : wstringEx::npos;
             EXPECT_EQ(FindEscapeUnit(text), expected) << "length " << length << " at " << at;
-            if (at < length)
+            if (at < length) {
                 EXPECT_EQ(FindEscapeUnit(text, at + 1), wstringEx::npos) << "length " << length << " at " << at;
+            }
         }
 }
 
