@@ -1,6 +1,10 @@
 // Fuzzes the literal replace: the copying and the in-place form must give
 // the same text and the same count for any text, find and replace, with and
-// without case, and the source of the copy must stay as it was. The first
+// without case, and the source of the copy must stay as it was. The
+// case-blind count must be what the one-off search (folding at every
+// position) counts, and for a find of ASCII the bytes' case-blind replace
+// must give the wide result's bytes (no byte here widens into a unit that
+// folds into ASCII). The first
 // byte chooses case-blindness; the rest is cut at the first two 0x00 bytes
 // into text, find and replace, each byte widened into one unit (bytes from
 // 0x80 on become units with the upper bits set, as the plain conversion
@@ -57,6 +61,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (copied != replaced || !(copy == inPlace) || !(text == before))
         std::abort();
     if (copy.c_str()[copy.size()] != 0 || inPlace.c_str()[inPlace.size()] != 0)
+        std::abort();
+    if (!noCase)
+        return 0;
+    uint32_t counted = 0;
+    for (uint64_t at = text.FindNoCase(find); at != wstringEx::npos; at = text.FindNoCase(find, at + find.size()))
+        ++counted;
+    if (counted != copied)
+        std::abort();
+    bool ascii = true;
+    for (size_t i = 0; i < lengths[1]; ++i)
+        ascii = ascii && parts[1][i] < 0x80;
+    if (!ascii)
+        return 0;
+    stringEx bytes(reinterpret_cast<const char*>(parts[0]), lengths[0]);
+    ReplaceInPlaceAsciiNoCase(bytes, stringEx(reinterpret_cast<const char*>(parts[1]), lengths[1]),
+                              stringEx(reinterpret_cast<const char*>(parts[2]), lengths[2]));
+    if (!(Units(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()) == copy))
         std::abort();
     return 0;
 }

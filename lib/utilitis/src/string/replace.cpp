@@ -25,20 +25,26 @@ namespace {
 // A match is assumed about once per this many units when sizing the copy.
 constexpr double kUnitsPerMatchGuess = 70.0;
 
-struct CaseSensitive {
-    template <class T>
-    static uint64_t Next(const basic_string_ex<T>& text, const basic_string_ex<T>& find, uint64_t from) noexcept
-    {
-        return Find<T>(text, find, from);
-    }
+// The searches, made once per call from the find: a case-blind search works
+// out once which units can begin a match.
+template <class T>
+class CaseSensitive {
+public:
+    explicit CaseSensitive(const basic_string_ex<T>& find) : _find(find) {}
+    uint64_t Next(const basic_string_ex<T>& text, uint64_t from) const noexcept { return Find<T>(text, _find, from); }
+
+private:
+    const basic_string_ex<T>& _find;
 };
 
-struct CaseBlind {
-    template <class T>
-    static uint64_t Next(const basic_string_ex<T>& text, const basic_string_ex<T>& find, uint64_t from) noexcept
-    {
-        return FindNoCase<T>(text, find, from);
-    }
+template <class T>
+class CaseBlind {
+public:
+    explicit CaseBlind(const basic_string_ex<T>& find, bool asciiOnly = false) : _finder(find, asciiOnly) {}
+    uint64_t Next(const basic_string_ex<T>& text, uint64_t from) const noexcept { return _finder.Next(text, from); }
+
+private:
+    NoCaseFinder<T> _finder;
 };
 
 template <class Search, class T>
@@ -50,6 +56,7 @@ uint32_t CopyReplacing(const basic_string_ex<T>& sourceArg, basic_string_ex<T>& 
     const uint64_t n = source.size(), f = find.size(), r = replace.size();
     if (n <= start || f == 0)
         return 0;
+    const Search search(find);
 
     uint64_t expected = n;
     if (f < r)
@@ -64,7 +71,7 @@ uint32_t CopyReplacing(const basic_string_ex<T>& sourceArg, basic_string_ex<T>& 
     uint32_t count = 0;
     uint64_t copied = 0;
     for (uint64_t pos = start;;) {
-        const uint64_t match = Search::Next(source, find, pos);
+        const uint64_t match = search.Next(source, pos);
         if (match == basic_string_ex<T>::npos)
             break;
         if (match > copied)
@@ -80,12 +87,12 @@ uint32_t CopyReplacing(const basic_string_ex<T>& sourceArg, basic_string_ex<T>& 
     return count;
 }
 
-template <class Search, class T>
+template <class T, class Search>
 uint32_t ReplaceInText(basic_string_ex<T>& text, const basic_string_ex<T>& findArg,
-                       const basic_string_ex<T>& replaceArg, uint64_t start, bool all)
+                       const basic_string_ex<T>& replaceArg, uint64_t start, bool all, const Search& search)
 {
-    const basic_string_ex<T> find = findArg, replace = replaceArg;
-    const uint64_t n = text.size(), f = find.size(), r = replace.size();
+    const basic_string_ex<T> replace = replaceArg;
+    const uint64_t n = text.size(), f = findArg.size(), r = replace.size();
     if (n <= start || f == 0)
         return 0;
     constexpr uint64_t npos = basic_string_ex<T>::npos;
@@ -97,7 +104,7 @@ uint32_t ReplaceInText(basic_string_ex<T>& text, const basic_string_ex<T>& findA
         uint64_t read = 0, write = 0;
         uint32_t count = 0;
         for (uint64_t pos = start; pos < n;) {
-            const uint64_t match = Search::Next(text, find, pos);
+            const uint64_t match = search.Next(text, pos);
             if (match == npos)
                 break;
             if (!units) {
@@ -128,7 +135,7 @@ uint32_t ReplaceInText(basic_string_ex<T>& text, const basic_string_ex<T>& findA
     // size once, and filled from the end, so that each unit moves once.
     std::vector<uint64_t> matches;
     for (uint64_t pos = start; pos < n;) {
-        const uint64_t match = Search::Next(text, find, pos);
+        const uint64_t match = search.Next(text, pos);
         if (match == npos)
             break;
         matches.push_back(match);
@@ -163,28 +170,35 @@ template <class T>
 uint32_t ReplaceCopy(const basic_string_ex<T>& source, basic_string_ex<T>& dest, const basic_string_ex<T>& find,
                      const basic_string_ex<T>& replace, uint64_t start)
 {
-    return CopyReplacing<CaseSensitive>(source, dest, find, replace, start);
+    return CopyReplacing<CaseSensitive<T>>(source, dest, find, replace, start);
 }
 
 template <class T>
 uint32_t ReplaceCopyNoCase(const basic_string_ex<T>& source, basic_string_ex<T>& dest,
                            const basic_string_ex<T>& find, const basic_string_ex<T>& replace, uint64_t start)
 {
-    return CopyReplacing<CaseBlind>(source, dest, find, replace, start);
+    return CopyReplacing<CaseBlind<T>>(source, dest, find, replace, start);
 }
 
 template <class T>
 uint32_t ReplaceInPlace(basic_string_ex<T>& text, const basic_string_ex<T>& find, const basic_string_ex<T>& replace,
                         uint64_t start, bool all)
 {
-    return ReplaceInText<CaseSensitive>(text, find, replace, start, all);
+    const basic_string_ex<T> held = find;  // the text may be the find itself
+    return ReplaceInText(text, held, replace, start, all, CaseSensitive<T>(held));
 }
 
 template <class T>
 uint32_t ReplaceInPlaceNoCase(basic_string_ex<T>& text, const basic_string_ex<T>& find,
                               const basic_string_ex<T>& replace, uint64_t start, bool all)
 {
-    return ReplaceInText<CaseBlind>(text, find, replace, start, all);
+    return ReplaceInText(text, find, replace, start, all, CaseBlind<T>(find));
+}
+
+uint32_t ReplaceInPlaceAsciiNoCase(stringEx& text, const stringEx& find, const stringEx& replace, uint64_t start,
+                                   bool all)
+{
+    return ReplaceInText(text, find, replace, start, all, CaseBlind<char>(find, true));
 }
 
 #define KARU_REPLACE_INSTANCES(T)                                                                                \

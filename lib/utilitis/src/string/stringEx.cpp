@@ -2,9 +2,11 @@
 // against text_traits<T> and instantiated for char and wchar_t at the end.
 //
 // The searches are first-unit filters (memchr/wmemchr, then a compare),
-// because the typical needle here is short. The case-insensitive search folds
-// both sides at every position and has no filter: folding makes the first
-// unit ambiguous. The substitution passes rewrite in place through replace(),
+// because the typical needle here is short. The one-off case-insensitive
+// search folds both sides at every position and has no filter: folding makes
+// the first unit ambiguous. A search run many times with one needle takes a
+// NoCaseFinder, which works out once which units or bytes can begin a match
+// and then looks for those many at a time. The substitution passes rewrite in place through replace(),
 // which detaches shared storage before it writes.
 #include <karu/string/stringEx.h>
 
@@ -127,12 +129,93 @@ uint64_t Find(const basic_buffer<T>& text, const basic_buffer<T>& needle, uint64
     return basic_buffer<T>::npos;
 }
 
+template <>
+NoCaseFinder<char>::NoCaseFinder(const basic_buffer<char>& needle, bool asciiOnly)
+{
+    // The fold of every byte, read once: the needle's sets are the bytes
+    // that fold like each of its own.
+    unsigned char fold[256];
+    for (unsigned b = 0; b < 256; ++b) {
+        const char c = static_cast<char>(b);
+        if (!asciiOnly)
+            fold[b] = static_cast<unsigned char>(Tr<char>::Fold(c));
+        else
+            fold[b] = b < 0x80 ? static_cast<unsigned char>(Tr<wchar_t>::Fold(static_cast<wchar_t>(b))) : b;
+    }
+    std::vector<ByteNeedle> needles(1);
+    for (const char k : needle) {
+        ByteSet set;
+        const unsigned char want = fold[static_cast<unsigned char>(k)];
+        for (unsigned b = 0; b < 256; ++b)
+            set[b] = fold[b] == want && (!asciiOnly || b < 0x80 || b == static_cast<unsigned char>(k));
+        needles[0].push_back(set);
+    }
+    if (!needle.empty())
+        _bytes = ByteNeedles(needles);
+}
+
+template <>
+NoCaseFinder<wchar_t>::NoCaseFinder(const basic_buffer<wchar_t>& needle, bool)
+{
+    _folded = needle;
+    _folded.MakeOwn();
+    wchar_t* units = _folded.GetBuffer(needle.size());
+    for (uint64_t i = 0; i < needle.size(); ++i)
+        units[i] = Tr<wchar_t>::Fold(units[i]);
+    if (needle.empty())
+        return;
+    const int n = UnitsLoweringTo(units[0], _first, 4);
+    _firstCount = n > 4 ? 0 : n;
+    if (n == 0) {
+        // Nothing in the basic plane folds to it, so only units beyond it can.
+        _first[0] = units[0];
+        _firstCount = 1;
+    }
+}
+
+template <>
+uint64_t NoCaseFinder<char>::Next(const basic_buffer<char>& text, uint64_t start) const noexcept
+{
+    if (_bytes.empty())
+        return start <= text.size() ? start : basic_buffer<char>::npos;
+    if (start >= text.size())
+        return basic_buffer<char>::npos;
+    const char* hit = _bytes.Find(text.data() + start, text.data() + text.size());
+    return hit ? static_cast<uint64_t>(hit - text.data()) : basic_buffer<char>::npos;
+}
+
+template <>
+uint64_t NoCaseFinder<wchar_t>::Next(const basic_buffer<wchar_t>& text, uint64_t start) const noexcept
+{
+    uint64_t early;
+    if (!NeedleFits(text, _folded, start, early))
+        return early;
+    const uint64_t n = _folded.size();
+    const wchar_t* base = text.data();
+    const wchar_t* key = _folded.data();
+    const wchar_t* end = base + (text.size() - n) + 1;  // past the last place a match fits
+    for (const wchar_t* p = base + start; p < end; ++p) {
+        if (_firstCount) {
+            p = FindUnitOrBeyond(p, end, _first, _firstCount);
+            if (!p)
+                break;
+        }
+        uint64_t i = 0;
+        while (i < n && Tr<wchar_t>::Fold(p[i]) == key[i])
+            ++i;
+        if (i == n)
+            return static_cast<uint64_t>(p - base);
+    }
+    return basic_buffer<wchar_t>::npos;
+}
+
 template <class T>
 uint64_t FindNoCase(const basic_buffer<T>& text, const basic_buffer<T>& needle, uint64_t start) noexcept
 {
     uint64_t early;
     if (!NeedleFits(text, needle, start, early))
         return early;
+    // One search: preparing a NoCaseFinder would cost more than it saves.
     const uint64_t n = needle.size(), size = text.size();
     const T* base = text.data();
     const T* key = needle.data();

@@ -72,6 +72,64 @@ wchar_t ToUpper(wchar_t u) noexcept
     return static_cast<wchar_t>(u - Delta(word));
 }
 
+namespace {
+
+struct Lowering {
+    wchar_t lower;
+    wchar_t unit;
+};
+
+// Every unit of the basic plane that ToLower changes, by its lower case: the
+// inverse of the folding, read once from the table.
+const std::vector<Lowering>& LoweringTable() noexcept
+{
+    static const std::vector<Lowering> table = [] {
+        std::vector<Lowering> rows;
+        for (uint32_t u = 0; u <= 0xFFFF; ++u) {
+            const wchar_t unit = static_cast<wchar_t>(u);
+            const wchar_t lower = ToLower(unit);
+            if (lower != unit)
+                rows.push_back({lower, unit});
+        }
+        std::stable_sort(rows.begin(), rows.end(), [](const Lowering& a, const Lowering& b) { return a.lower < b.lower; });
+        return rows;
+    }();
+    return table;
+}
+
+}  // namespace
+
+int UnitsLoweringTo(wchar_t lower, wchar_t* out, int room) noexcept
+{
+    int n = 0;
+    auto put = [&](wchar_t u) {
+        if (n < room)
+            out[n] = u;
+        ++n;
+    };
+    if (lower >= 0 && lower <= 0xFFFF && ToLower(lower) == lower)
+        put(lower);
+    const std::vector<Lowering>& table = LoweringTable();
+    auto it = std::lower_bound(table.begin(), table.end(), lower,
+                               [](const Lowering& row, wchar_t key) { return row.lower < key; });
+    for (; it != table.end() && it->lower == lower; ++it)
+        put(it->unit);
+    return n;
+}
+
+const std::vector<wchar_t>& UnitsLoweringIntoAscii() noexcept
+{
+    static const std::vector<wchar_t> units = [] {
+        std::vector<wchar_t> found;
+        for (const Lowering& row : LoweringTable())
+            if (row.lower >= 0 && row.lower < 0x80 && static_cast<uint32_t>(row.unit) >= 0x80)
+                found.push_back(row.unit);
+        std::sort(found.begin(), found.end());
+        return found;
+    }();
+    return units;
+}
+
 int CaseVariants(wchar_t u, wchar_t out[4]) noexcept
 {
     int n = 0;

@@ -11,7 +11,8 @@
 // is never scanned again, matches do not overlap and the leftmost one wins.
 // An empty find never matches. The case-insensitive forms fold both sides one
 // unit at a time (the Unicode table for wide text, tolower for bytes), so a
-// unit whose lower case would be several letters matches only itself.
+// unit whose lower case would be several letters matches only itself; they
+// look for the units that can begin a match many at a time (NoCaseFinder).
 #pragma once
 
 #include <cstdint>
@@ -38,5 +39,14 @@ uint32_t ReplaceInPlace(basic_string_ex<T>& text, const basic_string_ex<T>& find
 template <class T>
 uint32_t ReplaceInPlaceNoCase(basic_string_ex<T>& text, const basic_string_ex<T>& find,
                               const basic_string_ex<T>& replace, uint64_t start = 0, bool all = true);
+
+// The case-blind in-place form for the bytes of UTF-8 text: ASCII letters
+// fold as the wide text folds them, and every other byte matches only
+// itself. With a find of ASCII only, it finds in the bytes what the wide
+// form finds in the text, as long as the text holds none of the characters
+// that fold into ASCII (UnitsLoweringIntoAscii), or none that fold like a
+// character of the find.
+uint32_t ReplaceInPlaceAsciiNoCase(stringEx& text, const stringEx& find, const stringEx& replace, uint64_t start = 0,
+                                   bool all = true);
 
 }  // namespace Karu

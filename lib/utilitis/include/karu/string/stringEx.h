@@ -15,6 +15,7 @@
 #include <vector>
 
 #include <karu/string/buffer.h>
+#include <karu/string/needleSearch.h>
 #include <karu/string/unicode.h>
 
 namespace Karu {
@@ -160,6 +161,28 @@ template <class T>
 uint64_t Find(const basic_buffer<T>& text, const basic_buffer<T>& needle, uint64_t start) noexcept;
 template <class T>
 uint64_t FindNoCase(const basic_buffer<T>& text, const basic_buffer<T>& needle, uint64_t start) noexcept;
+
+// A case-blind search for one needle, prepared once and run often: Next
+// finds what FindNoCase finds, looking at many units at a time. Bytes match
+// by the sets of bytes that fold alike; wide text by the few units that fold
+// like the needle's first (units beyond the basic plane are looked at one by
+// one).
+template <class T>
+class NoCaseFinder {
+public:
+    // `asciiOnly`, for the bytes of UTF-8 text: ASCII bytes fold as the wide
+    // text folds those characters, and any other byte matches only itself.
+    explicit NoCaseFinder(const basic_buffer<T>& needle, bool asciiOnly = false);
+    // The first match at or after start, or npos.
+    uint64_t Next(const basic_buffer<T>& text, uint64_t start) const noexcept;
+
+private:
+    basic_buffer<T> _folded;  // the needle, folded (wide text)
+    ByteNeedles _bytes;       // the needle's byte sets (bytes)
+    wchar_t _first[4] = {};   // the units that fold like the needle's first
+    int _firstCount = 0;      // 0: too many of them, every position is looked at
+};
+
 template <class T>
 basic_buffer<T>& TrimRight(basic_buffer<T>& s);
 template <class T>

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 namespace Karu {
 
@@ -67,6 +68,19 @@ wchar_t ToUpper(wchar_t u) noexcept;
 // The distinct case forms of u (lower, upper, title, u itself first), for
 // case-insensitive matching; returns how many were written (1 to 4).
 int CaseVariants(wchar_t u, wchar_t out[4]) noexcept;
+
+// The units of the basic plane whose lower case (ToLower) is `lower`: the
+// first `room` of them go to out, and the count of all is returned. A unit
+// beyond the basic plane has no place in the answer: callers that meet one
+// look at it themselves.
+int UnitsLoweringTo(wchar_t lower, wchar_t* out, int room) noexcept;
+
+// The units beyond ASCII whose lower case is an ASCII character (such as
+// U+212A KELVIN SIGN, whose lower case is "k"), in order. UTF-8 text that
+// holds none of them is searched without case, for ASCII, by folding its
+// ASCII bytes alone: no other character can fold into ASCII (units beyond
+// the basic plane keep their high bits when folded).
+const std::vector<wchar_t>& UnitsLoweringIntoAscii() noexcept;
 
 // Blank for the wide string layer: categories Mc, Zs, Zl, Zp and Cc.
 inline bool IsUniBlank(wchar_t u) noexcept

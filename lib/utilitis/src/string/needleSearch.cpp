@@ -1,0 +1,201 @@
+// See needleSearch.h for the idea. The vector form of ByteNeedles needs
+// byte shuffles of 32 lanes, which only some processors of this family have:
+// it is chosen at run time, and any other machine reads the same tables a
+// position at a time. The wide search is written with the compiler's generic
+// vectors, which every target lowers to what it has.
+#include <karu/string/needleSearch.h>
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define KARU_NEEDLES_X86 1
+#else
+#define KARU_NEEDLES_X86 0
+#endif
+
+namespace Karu {
+
+namespace {
+
+#if KARU_NEEDLES_X86
+bool HaveWideShuffles() noexcept
+{
+    static const bool have = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx2") != 0;
+    }();
+    return have;
+}
+#endif
+
+unsigned char LowestByte(const ByteSet& set) noexcept
+{
+    for (unsigned b = 0; b < 256; ++b)
+        if (set[b])
+            return static_cast<unsigned char>(b);
+    return 0;
+}
+
+}  // namespace
+
+ByteNeedles::ByteNeedles(const std::vector<ByteNeedle>& needles)
+{
+    size_t shortest = SIZE_MAX;
+    for (const ByteNeedle& n : needles)
+        shortest = std::min(shortest, n.size());
+    if (needles.empty() || shortest == 0)
+        return;
+    _filterBytes = static_cast<int>(std::min<size_t>(shortest, kFilterBytes));
+    // Needles that begin alike share a bucket: their nibbles then combine
+    // into few positions that match none of them.
+    std::vector<uint32_t> order(needles.size());
+    std::iota(order.begin(), order.end(), 0u);
+    std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+        return LowestByte(needles[a][0]) < LowestByte(needles[b][0]);
+    });
+    const size_t perBucket = (needles.size() + kBuckets - 1) / kBuckets;
+    for (size_t rank = 0; rank < order.size(); ++rank) {
+        const ByteNeedle& n = needles[order[rank]];
+        const int bucket = static_cast<int>(rank / perBucket);
+        _bucketNeedles[bucket].push_back(static_cast<uint32_t>(_needles.size()));
+        _needles.push_back({static_cast<uint32_t>(_bits.size()), static_cast<uint32_t>(n.size())});
+        for (size_t j = 0; j < n.size(); ++j) {
+            Bits bits{};
+            for (unsigned b = 0; b < 256; ++b) {
+                if (!n[j][b])
+                    continue;
+                bits.w[b >> 6] |= uint64_t(1) << (b & 63);
+                if (j < static_cast<size_t>(_filterBytes)) {
+                    _lo[j][b & 15] |= static_cast<uint8_t>(1u << bucket);
+                    _hi[j][b >> 4] |= static_cast<uint8_t>(1u << bucket);
+                }
+            }
+            _bits.push_back(bits);
+        }
+    }
+}
+
+bool ByteNeedles::matches(const Needle& n, const unsigned char* p, const unsigned char* to) const noexcept
+{
+    if (static_cast<size_t>(to - p) < n.length)
+        return false;
+    const Bits* bits = _bits.data() + n.first;
+    for (uint32_t i = 0; i < n.length; ++i)
+        if (!bits[i].has(p[i]))
+            return false;
+    return true;
+}
+
+bool ByteNeedles::confirm(uint8_t buckets, const unsigned char* p, const unsigned char* to) const noexcept
+{
+    for (; buckets; buckets &= static_cast<uint8_t>(buckets - 1)) {
+        const int bucket = __builtin_ctz(buckets);
+        for (const uint32_t i : _bucketNeedles[bucket])
+            if (matches(_needles[i], p, to))
+                return true;
+    }
+    return false;
+}
+
+const char* ByteNeedles::FindPortable(const char* from, const char* to) const noexcept
+{
+    if (_needles.empty() || from >= to)
+        return nullptr;
+    const auto* p = reinterpret_cast<const unsigned char*>(from);
+    const auto* end = reinterpret_cast<const unsigned char*>(to);
+    for (; end - p >= _filterBytes; ++p) {
+        const uint8_t buckets = bucketsAt(p);
+        if (buckets && confirm(buckets, p, end))
+            return reinterpret_cast<const char*>(p);
+    }
+    return nullptr;
+}
+
+#if KARU_NEEDLES_X86
+__attribute__((target("avx2"))) const char* ByteNeedles::findWide(const char* from, const char* to) const noexcept
+{
+    const __m256i nibble = _mm256_set1_epi8(0x0F);
+    const __m256i zero = _mm256_setzero_si256();
+    __m256i lo[kFilterBytes], hi[kFilterBytes];
+    for (int j = 0; j < kFilterBytes; ++j) {
+        lo[j] = _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(_lo[j])));
+        hi[j] = _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(_hi[j])));
+    }
+    const auto* p = reinterpret_cast<const unsigned char*>(from);
+    const auto* end = reinterpret_cast<const unsigned char*>(to);
+    // A block reads 32 positions and the filter's bytes behind the last.
+    const ptrdiff_t span = 32 + _filterBytes - 1;
+    for (; end - p >= span; p += 32) {
+        __m256i acc = _mm256_set1_epi8(-1);
+        for (int j = 0; j < _filterBytes; ++j) {
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + j));
+            const __m256i low = _mm256_and_si256(v, nibble);
+            const __m256i high = _mm256_and_si256(_mm256_srli_epi16(v, 4), nibble);
+            acc = _mm256_and_si256(
+                acc, _mm256_and_si256(_mm256_shuffle_epi8(lo[j], low), _mm256_shuffle_epi8(hi[j], high)));
+        }
+        uint32_t candidates = ~static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(acc, zero)));
+        for (; candidates; candidates &= candidates - 1) {
+            const unsigned char* at = p + __builtin_ctz(candidates);
+            if (confirm(bucketsAt(at), at, end))
+                return reinterpret_cast<const char*>(at);
+        }
+    }
+    return FindPortable(reinterpret_cast<const char*>(p), to);
+}
+#else
+const char* ByteNeedles::findWide(const char* from, const char* to) const noexcept
+{
+    return FindPortable(from, to);
+}
+#endif
+
+const char* ByteNeedles::Find(const char* from, const char* to) const noexcept
+{
+    if (_needles.empty() || from >= to)
+        return nullptr;
+#if KARU_NEEDLES_X86
+    if (HaveWideShuffles())
+        return findWide(from, to);
+#endif
+    return FindPortable(from, to);
+}
+
+const wchar_t* FindUnitOrBeyond(const wchar_t* from, const wchar_t* to, const wchar_t* units, int count) noexcept
+{
+    const uint32_t u0 = static_cast<uint32_t>(units[0]);
+    const uint32_t u1 = count > 1 ? static_cast<uint32_t>(units[1]) : u0;
+    const uint32_t u2 = count > 2 ? static_cast<uint32_t>(units[2]) : u0;
+    const uint32_t u3 = count > 3 ? static_cast<uint32_t>(units[3]) : u0;
+    constexpr uint32_t kBeyond = 0xFFFF0000u;
+    // Eight units a step, in vectors of four (what every target of this
+    // family has); a step only tells that one of them is wanted, and the
+    // loop below finds which.
+    using Lanes = uint32_t __attribute__((vector_size(16)));
+    constexpr ptrdiff_t kStep = 8;
+    const Lanes s0 = Lanes{} + u0, s1 = Lanes{} + u1, s2 = Lanes{} + u2, s3 = Lanes{} + u3;
+    auto wanted = [&](const wchar_t* at) {
+        Lanes x;
+        std::memcpy(&x, at, sizeof x);
+        return (x == s0) | (x == s1) | (x == s2) | (x == s3) | ((x & kBeyond) != 0);
+    };
+    const wchar_t* p = from;
+    for (; to - p >= kStep; p += kStep) {
+        const auto hit = wanted(p) | wanted(p + 4);
+        uint64_t words[2];
+        std::memcpy(words, &hit, sizeof words);
+        if (words[0] | words[1])
+            break;
+    }
+    for (; p < to; ++p) {
+        const uint32_t u = static_cast<uint32_t>(*p);
+        if (u == u0 || u == u1 || u == u2 || u == u3 || (u & kBeyond))
+            return p;
+    }
+    return nullptr;
+}
+
+}  // namespace Karu
