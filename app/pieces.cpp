@@ -43,7 +43,15 @@ struct BYTE_PAIR {
     stringEx replace;
     PairPattern regex;
 };
-using BytePairs = std::vector<BYTE_PAIR>;
+
+// The pairs in UTF-8 as `out` writes them, when a piece may be worked as
+// bytes (see pieces.h), and what a piece must not hold for it.
+struct BYTE_PAIRS {
+    std::vector<BYTE_PAIR> pairs;  // empty: no piece is worked as bytes
+    // Case-blind finds: the characters that fold into ASCII like a letter of
+    // a find, in UTF-8. A piece holding one is converted.
+    std::vector<stringEx> foldingIntoFinds;
+};
 
 bool AllScalars(const wstringEx& text) noexcept
 {
@@ -55,22 +63,68 @@ bool AllScalars(const wstringEx& text) noexcept
     return true;
 }
 
-// The pairs in UTF-8 as `out` writes them, when a piece may be worked as
-// bytes: see pieces.h. Empty otherwise (a run always has a pair).
-BytePairs PairsForBytes(int32_t method, const ReplacePairs& pairs, const TTextConv& in, TTextConv& out)
+bool AllAscii(const wstringEx& text) noexcept
 {
-    BytePairs encoded;
-    if ((method != kMethodLiteral && method != kMethodRegex) || !in.IsPlainUtf8() || !out.IsPlainUtf8())
+    for (const wchar_t unit : text)
+        if (static_cast<uint32_t>(unit) >= 0x80)
+            return false;
+    return true;
+}
+
+// For case-blind finds of ASCII only: the characters beyond ASCII that fold
+// like one of their letters. Such a character in the text would match in
+// the text and not in the bytes; none of them may come from a replace text
+// either, where the bytes of a later pair would meet it unchecked. (An
+// escape unit has no case, and the byte it carries matches only itself.)
+bool NoteFoldingIntoFinds(const ReplacePairs& pairs, TTextConv& out, std::vector<stringEx>& found)
+{
+    using Tr = text_traits<wchar_t>;
+    for (const wchar_t unit : UnitsLoweringIntoAscii()) {
+        const wchar_t folded = Tr::Fold(unit);
+        bool relevant = false;
+        for (const REPLACE_PAIR& pair : pairs)
+            for (const wchar_t c : pair.find)
+                relevant = relevant || Tr::Fold(c) == folded;
+        if (!relevant)
+            continue;
+        for (const REPLACE_PAIR& pair : pairs)
+            for (const wchar_t c : pair.replace)
+                if (c == unit)
+                    return false;
+        found.push_back(out.WCtoMB(wstringEx(1, unit)));
+    }
+    return true;
+}
+
+BYTE_PAIRS PairsForBytes(int32_t method, const ReplacePairs& pairs, const TTextConv& in, TTextConv& out)
+{
+    BYTE_PAIRS encoded;
+    if ((method != kMethodLiteral && method != kMethodLiteralNoCase && method != kMethodRegex) || !in.IsPlainUtf8() ||
+        !out.IsPlainUtf8())
         return encoded;
     for (const REPLACE_PAIR& pair : pairs) {
         if (!AllScalars(pair.find) || !AllScalars(pair.replace))
-            return BytePairs();
+            return BYTE_PAIRS();
         // A pattern that did not compile replaces nothing, in bytes as well.
         if (method == kMethodRegex && pair.regex && !pair.bytesRegex)
-            return BytePairs();
-        encoded.push_back({out.WCtoMB(pair.find), out.WCtoMB(pair.replace), pair.bytesRegex});
+            return BYTE_PAIRS();
+        if (method == kMethodLiteralNoCase && !AllAscii(pair.find))
+            return BYTE_PAIRS();
+        encoded.pairs.push_back({out.WCtoMB(pair.find), out.WCtoMB(pair.replace), pair.bytesRegex});
     }
+    if (method == kMethodLiteralNoCase && !NoteFoldingIntoFinds(pairs, out, encoded.foldingIntoFinds))
+        return BYTE_PAIRS();
     return encoded;
+}
+
+// Whether the piece holds one of the characters that keep it from being
+// worked as bytes.
+bool HoldsAny(const char* bytes, uint64_t n, const std::vector<stringEx>& characters) noexcept
+{
+    for (const stringEx& c : characters)
+        if (memmem(bytes, n, c.data(), c.size()))
+            return true;
+    return false;
 }
 
 // Whether the bytes hold a character beyond U+FFFF (a four-byte form): the
@@ -184,7 +238,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
         }
     };
     PIECES_RESULT result;
-    const BytePairs bytePairs = PairsForBytes(method, pairs, in, out);
+    const BYTE_PAIRS bytePairs = PairsForBytes(method, pairs, in, out);
     // The cuts of long lines, worked out when the first one comes.
     std::array<bool, 256> cuts{};
     bool cutsKnown = false, moreCuts = false;
@@ -231,23 +285,26 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
         }
         if (cut == 0)
             break;
-        const bool byteWay = !bytePairs.empty() &&
+        const bool byteWay = !bytePairs.pairs.empty() &&
                              (options.escapes == EscapeWriting::kCarry || IsWellFormedUtf8(pending.data(), cut)) &&
-                             (method != kMethodRegex || !BeyondBmp(pending.data(), cut));
+                             (method != kMethodRegex || !BeyondBmp(pending.data(), cut)) &&
+                             !HoldsAny(pending.data(), cut, bytePairs.foldingIntoFinds);
         if (byteWay) {
             uint64_t skip = 0;
             if (result.empty && cut >= 3 && std::memcmp(pending.data(), kUtf8Signature, 3) == 0)
                 skip = 3;
             consumed += cut;
             result.empty = false;
-            if (method == kMethodLiteral) {
+            if (method != kMethodRegex) {
                 // Literals are replaced in place in the result itself,
                 // which spares the piece a copy.
                 const uint64_t start = encoded.size();
                 append(pending.data() + skip, cut - skip);
                 pending.erase(0, cut);
-                for (const BYTE_PAIR& pair : bytePairs)
-                    result.replaced += ReplaceInPlace(encoded, pair.find, pair.replace, start);
+                for (const BYTE_PAIR& pair : bytePairs.pairs)
+                    result.replaced += method == kMethodLiteral
+                                           ? ReplaceInPlace(encoded, pair.find, pair.replace, start)
+                                           : ReplaceInPlaceAsciiNoCase(encoded, pair.find, pair.replace, start);
                 flush();
                 continue;
             }
@@ -258,7 +315,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
             bytes.SetSize(cut);
             if (skip)
                 bytes.erase(0, skip);
-            for (const BYTE_PAIR& pair : bytePairs) {
+            for (const BYTE_PAIR& pair : bytePairs.pairs) {
                 bool known;
                 result.replaced += ApplyPair<char>(method, pair.find, pair.replace, pair.regex, bytes, byteScratch,
                                                    options.inPlace, known);

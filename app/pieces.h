@@ -29,10 +29,14 @@
 // the bytes the conversions would. So it is for case-sensitive literals,
 // since a well-formed find can only match where a character begins, and a
 // broken byte, carried as an escape unit, is never part of one: text and
-// bytes correspond character for character. And for patterns whose matches
-// are ASCII and that tell no context apart but the line feed and the ends
-// (RX_MATCHES_ASCII: see CompilePairPatterns), as long as the piece has no
-// character beyond U+FFFF, which the wide matcher reads by its low 16 bits.
+// bytes correspond character for character. So it is too for case-blind
+// finds of ASCII, folding ASCII bytes alone, in a piece that holds none of
+// the few characters beyond ASCII that fold like a letter of a find (U+212A
+// KELVIN SIGN folds to "k"; an escape unit has no case). And for patterns
+// whose matches are ASCII and that tell no context apart but the line feed
+// and the ends (RX_MATCHES_ASCII: see CompilePairPatterns), as long as the
+// piece has no character beyond U+FFFF, which the wide matcher reads by its
+// low 16 bits.
 // A broken piece goes this way only when its escape units are to be written
 // back as bytes (EscapeWriting::kCarry). Any other piece takes the
 // conversions.

@@ -86,6 +86,23 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
          Pairs({{L"\u4e2d", L"zh"}, {L"?", L"Q"}}), "\xE4\xB8\xAD\n\xE4\xB8\n\xE4\n\xFF\xFE\n\xE4\xB8\xAD\xE4"},
         {"case-blind", "UTF-8", "UTF-8", kMethodLiteralNoCase, Pairs({{L"stra\u00dfe", L"road"}}),
          "STRA\xC3\x9F" "E\nStra\xC3\x9F" "e\nstrasse\n"},
+        // Case-blind finds of ASCII are replaced in the bytes, unless a piece
+        // holds a character beyond ASCII that folds like one of their letters.
+        {"case-blind ASCII among characters beyond ASCII", "UTF-8", "UTF-8", kMethodLiteralNoCase,
+         Pairs({{L"buffer", L"BUF"}, {L"b@", L"at"}}),
+         "Buffer \xC3\xA9t\xC3\xA9 BUFFER\nbUfFeRbuffer b` B@ \xE4\xB8\xAD" "buffer\n"},
+        {"a Kelvin sign folds to k", "UTF-8", "UTF-8", kMethodLiteralNoCase, Pairs({{L"kilo", L"K"}}),
+         "\xE2\x84\xAAILO kilo\nKILO\n\xE2\x84\xAAilo"},
+        {"a dotted capital I folds to i", "UTF-8", "UTF-8", kMethodLiteralNoCase, Pairs({{L"in", L"-"}}),
+         "\xC4\xB0N in\nIN\n"},
+        {"a Kelvin sign next to a find without k", "UTF-8", "UTF-8", kMethodLiteralNoCase, Pairs({{L"ilo", L"-"}}),
+         "\xE2\x84\xAAILO kilo\n"},
+        {"a replace text makes a Kelvin sign for a later pair", "UTF-8", "UTF-8", kMethodLiteralNoCase,
+         Pairs({{L"x", L"\u212A"}, {L"k", L"[k]"}}), "x k\nK\n"},
+        {"a unit beyond the plane whose low bits are a letter", "UTF-8", "UTF-8", kMethodLiteralNoCase,
+         Pairs({{L"k", L"-"}}), "\xF0\x90\x81\x8B k\n"},
+        {"broken bytes around case-blind finds", "UTF-8", "UTF-8", kMethodLiteralNoCase, Pairs({{L"ok", L"-"}}),
+         "\xE2\x84OK\xFFok\n\xE2\x84\xAAo\xE2\x84\xAA\n"},
         {"single-byte in, UTF-8 out", "CP1252", "UTF-8", kMethodLiteral, Pairs({{L"\u20ac", L"EUR"}}),
          "5 \x80\n\x80\x80\n\x81\n"},
         {"UTF-8 in, single-byte out with unmappable text", "UTF-8", "CP1252", kMethodLiteral,
@@ -248,4 +265,35 @@ TEST(Pieces, RandomPatternsGiveTheWholeTextsBytes)
     }
     EXPECT_GT(worked, 300) << "too few patterns qualified to test anything";
     EXPECT_GT(inBytes, 100) << "too few patterns were worked in bytes";
+}
+
+// Case-blind finds over random lines of characters that fold across
+// scripts: the pieces, in bytes or converted, must give the whole text's
+// bytes whatever the pieces hold.
+TEST(Pieces, RandomCaseBlindFindsGiveTheWholeTextsBytes)
+{
+    const TextConvPtr conv = TTextConv::CreateConv(0, stringEx("UTF-8"));
+    std::mt19937 rng(20261128);
+    const char* const letters[] = {"k", "K", "i", "I", " ", "\n", "\xE2\x84\xAA", "\xC4\xB0", "\xC5\xBF",
+                                   "\xC3\xA9", "\xF0\x90\x81\x8B", "s", "S", "\xE2\x84", "\xFF"};
+    const wchar_t* const finds[] = {L"k", L"ki", L"s", L"KIS", L"i k", L"\u212A", L"\u00e9k"};
+    const wchar_t* const replaces[] = {L"", L"x", L"\u212A", L"\u0130", L"KK"};
+    for (int round = 0; round < 1500; ++round) {
+        ReplacePairs pairs;
+        for (int n = 1 + static_cast<int>(rng() % 2); n > 0; --n)
+            pairs.push_back(REPLACE_PAIR{wstringEx(finds[rng() % std::size(finds)]),
+                                         wstringEx(replaces[rng() % std::size(replaces)]), {}, {}});
+        std::string text;
+        for (int n = static_cast<int>(rng() % 30); n > 0; --n)
+            text += letters[rng() % std::size(letters)];
+        uint32_t wholeCount;
+        const std::string whole = Whole(text, kMethodLiteralNoCase, pairs, *conv, *conv, wholeCount);
+        for (const uint64_t pieceBytes : {1, 4096}) {
+            stringEx encoded;
+            const PIECES_RESULT result = ReplaceByPieces(stringEx(text.data(), text.size()), kMethodLiteralNoCase,
+                                                         pairs, *conv, *conv, encoded, Sized(pieceBytes));
+            ASSERT_EQ(std::string(encoded.data(), encoded.size()), whole) << "round " << round << " on \"" << text << "\"";
+            ASSERT_EQ(result.replaced, wholeCount) << "round " << round;
+        }
+    }
 }
