@@ -8,7 +8,7 @@
 // sequence is unescaped like text typed in the file.
 #include "pairs.h"
 
-#include <karu/envMgr/envMgr.h>
+#include <karu/string/envMatch.h>
 #include <karu/string/replace.h>
 
 #include "methods.h"
@@ -29,47 +29,11 @@ const EscapeRow<wchar_t> lineEscapeTable[] = {
 // stops instead of expanding for ever.
 constexpr int kMaxEnvDepth = 63;
 
-bool IsNameUnit(wchar_t c)
-{
-    return (c >= L'0' && c <= L'9') || (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z') || c == L'_';
-}
-
-// The variable's value in wide text; empty when unset.
-wstringEx LookUp(const wstringEx& name)
-{
-    return name.empty() ? wstringEx() : GetEnv(name);
-}
-
-// $NAME: the longest run of name characters behind the mark.
-class CEnvAbbrMatch : public IStrMatchCmd<wstringEx> {
-public:
-    int Match(const wstringEx& behind, wstringEx& replacement) override
-    {
-        uint64_t n = 0;
-        while (n < behind.size() && IsNameUnit(behind[n]))
-            ++n;
-        if (n == 0)
-            return 0;
-        replacement = LookUp(wstringEx(behind.data(), n));
-        if (replacement.empty())
-            return 0;
-        _length = n;
-        matched = true;
-        return 1;
-    }
-    uint64_t MatchedLength() override { return _length; }
-
-    bool matched = false;
-
-private:
-    uint64_t _length = 0;
-};
-
 // ${NAME}: any characters up to the first "}". A "$" at the very end stays,
 // as it does in the $NAME pass.
 bool ExpandBraced(wstringEx& s)
 {
-    bool expanded = false;
+    CEnvStrRegularMatchCmd<wstringEx> regular;
     for (uint64_t pos = 0; (pos = s.Find(L'$', pos)) != wstringEx::npos;) {
         if (pos + 1 >= s.size())
             break;
@@ -84,16 +48,15 @@ bool ExpandBraced(wstringEx& s)
         const uint64_t close = s.Find(L'}', pos + 2);
         if (close == wstringEx::npos)
             break;
-        const wstringEx value = LookUp(s.Mid(pos + 2, close - pos - 2));
-        if (value.empty()) {
+        wstringEx value;
+        if (regular.Match(s.Mid(pos + 2, close - pos - 2), value) != 1) {
             pos = close + 1;
             continue;
         }
         s.replace(pos, close + 1 - pos, value);
         pos += value.size();
-        expanded = true;
     }
-    return expanded;
+    return regular.IsMatched();
 }
 
 }  // namespace
@@ -104,10 +67,10 @@ bool ExpandBraced(wstringEx& s)
 wstringEx ExpandEnvVars(const wstringEx& text, int depth)
 {
     wstringEx s = text;
-    CEnvAbbrMatch abbreviated;
+    CEnvStrAbbrMatchCmd<wstringEx> abbreviated;
     ExpandMatches<wchar_t>(s, L'$', abbreviated, false, true);
     const bool braced = ExpandBraced(s);
-    if ((abbreviated.matched || braced) && depth < kMaxEnvDepth)
+    if ((abbreviated.IsMatched() || braced) && depth < kMaxEnvDepth)
         return ExpandEnvVars(s, depth + 1);
     ReplaceInPlace(s, wstringEx(L"$$"), wstringEx(L"$"));
     return s;

@@ -10,6 +10,7 @@
 // which detaches shared storage before it writes.
 #include <karu/string/stringEx.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <ostream>
@@ -301,13 +302,40 @@ basic_string_ex<T> FieldAt(const basic_buffer<T>& line, const basic_buffer<T>& d
 }
 
 // ---- substitution passes ---------------------------------------------------
+//
+// One logic for the two widths of text and for bytes: the passes see a
+// string only through the three searches below and its own edits. They are
+// short passes over short texts (a line of pairs, a time format), where a
+// plain search serves.
+
+template <class S>
+uint64_t FindUnitIn(const S& s, typename S::value_type unit, uint64_t from) noexcept
+{
+    const auto* begin = s.data();
+    const auto* at = std::find(begin + from, begin + s.size(), unit);
+    return at == begin + s.size() ? S::npos : static_cast<uint64_t>(at - begin);
+}
+
+template <class S>
+uint64_t FindIn(const S& s, const S& needle, uint64_t from) noexcept
+{
+    const auto* begin = s.data();
+    const auto* at = std::search(begin + from, begin + s.size(), needle.data(), needle.data() + needle.size());
+    return at == begin + s.size() ? S::npos : static_cast<uint64_t>(at - begin);
+}
+
+template <class S>
+bool MatchesIn(const S& s, uint64_t pos, const S& key) noexcept
+{
+    return key.size() <= s.size() - pos && std::equal(key.data(), key.data() + key.size(), s.data() + pos);
+}
 
 enum class MarkStep { kStop, kNext, kExamine };
 
 // The rules every mark-driven pass shares: a mark as the last unit ends the
 // scan (removed if `dropAtEnd`); a doubled mark is kept whole or halved.
-template <class T>
-MarkStep LastOrDoubled(basic_string_ex<T>& s, uint64_t& pos, T mark, bool dropAtEnd, bool keepDoubled)
+template <class S>
+MarkStep LastOrDoubled(S& s, uint64_t& pos, typename S::value_type mark, bool dropAtEnd, bool keepDoubled)
 {
     if (pos + 1 == s.size()) {
         if (dropAtEnd)
@@ -352,20 +380,19 @@ basic_string_ex<T>& ExpandEscapes(basic_string_ex<T>& s, T esc, const EscapeRow<
     return s;
 }
 
-template <class T>
-basic_string_ex<T>& ExpandMatches(basic_string_ex<T>& s, T mark, IStrMatchCmd<basic_string_ex<T>>& cmd,
-                                  bool dropUnknown, bool keepDoubled)
+template <class S>
+S& MatchesPass(S& s, typename S::value_type mark, IStrMatchCmd<S>& cmd, bool dropUnknown, bool keepDoubled)
 {
     uint64_t pos = 0;
-    basic_string_ex<T> replacement;
-    while ((pos = s.Find(mark, pos)) != basic_buffer<T>::npos) {
+    S replacement;
+    while ((pos = FindUnitIn(s, mark, pos)) != S::npos) {
         const MarkStep step = LastOrDoubled(s, pos, mark, dropUnknown, keepDoubled);
         if (step == MarkStep::kStop)
             break;
         if (step == MarkStep::kNext)
             continue;
         replacement.clear();
-        const basic_string_ex<T> behind = basic_buffer<T>::View(s.data() + pos + 1, s.size() - pos - 1);
+        const S behind(S::View(s.data() + pos + 1, s.size() - pos - 1));
         const int verdict = cmd.Match(behind, replacement);
         if (verdict == 1) {
             s.replace(pos, 1 + cmd.MatchedLength(), replacement);
@@ -379,36 +406,30 @@ basic_string_ex<T>& ExpandMatches(basic_string_ex<T>& s, T mark, IStrMatchCmd<ba
     return s;
 }
 
-template <class T>
-basic_string_ex<T>& ExpandDelimited(basic_string_ex<T>& s, const basic_string_ex<T>& open,
-                                    const basic_string_ex<T>& close, IStrMatchCmd<basic_string_ex<T>>& cmd,
-                                    bool keepDoubled)
+template <class S>
+S& DelimitedPass(S& s, const S& open, const S& close, IStrMatchCmd<S>& cmd, bool keepDoubled)
 {
     if (open.empty() || close.empty())
         return s;
-    const T first = open[0];
+    const auto first = open[0];
     uint64_t pos = 0;
-    basic_string_ex<T> replacement;
-    while ((pos = s.Find(first, pos)) != basic_buffer<T>::npos) {
+    S replacement;
+    while ((pos = FindUnitIn(s, first, pos)) != S::npos) {
         const MarkStep step = LastOrDoubled(s, pos, first, true, keepDoubled);
         if (step == MarkStep::kStop)
             break;
         if (step == MarkStep::kNext)
             continue;
-        if (s.size() - pos < open.size() + close.size()) {
-            pos += 1;
-            continue;
-        }
-        if (!MatchesAt<T>(s, pos, open)) {
+        if (s.size() - pos < open.size() + close.size() || !MatchesIn(s, pos, open)) {
             pos += 1;
             continue;
         }
         const uint64_t inner = pos + open.size();
-        const uint64_t closing = Find<T>(s, close, inner);
-        if (closing == basic_buffer<T>::npos)
+        const uint64_t closing = FindIn(s, close, inner);
+        if (closing == S::npos)
             break;
         replacement.clear();
-        const basic_string_ex<T> between = basic_buffer<T>::View(s.data() + inner, closing - inner);
+        const S between(S::View(s.data() + inner, closing - inner));
         const int verdict = cmd.Match(between, replacement);
         if (verdict == 1) {
             s.replace(pos, closing + close.size() - pos, replacement);
@@ -420,6 +441,32 @@ basic_string_ex<T>& ExpandDelimited(basic_string_ex<T>& s, const basic_string_ex
         }
     }
     return s;
+}
+
+template <class T>
+basic_string_ex<T>& ExpandMatches(basic_string_ex<T>& s, T mark, IStrMatchCmd<basic_string_ex<T>>& cmd,
+                                  bool dropUnknown, bool keepDoubled)
+{
+    return MatchesPass(s, mark, cmd, dropUnknown, keepDoubled);
+}
+
+template <class T>
+basic_string_ex<T>& ExpandDelimited(basic_string_ex<T>& s, const basic_string_ex<T>& open,
+                                    const basic_string_ex<T>& close, IStrMatchCmd<basic_string_ex<T>>& cmd,
+                                    bool keepDoubled)
+{
+    return DelimitedPass(s, open, close, cmd, keepDoubled);
+}
+
+byteEx& ExpandMatches(byteEx& s, unsigned char mark, IStrMatchCmd<byteEx>& cmd, bool dropUnknown, bool keepDoubled)
+{
+    return MatchesPass(s, mark, cmd, dropUnknown, keepDoubled);
+}
+
+byteEx& ExpandDelimited(byteEx& s, const byteEx& open, const byteEx& close, IStrMatchCmd<byteEx>& cmd,
+                        bool keepDoubled)
+{
+    return DelimitedPass(s, open, close, cmd, keepDoubled);
 }
 
 // ---- members ---------------------------------------------------------------------

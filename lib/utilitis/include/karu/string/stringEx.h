@@ -245,4 +245,9 @@ basic_string_ex<T>& ExpandDelimited(basic_string_ex<T>& s, const basic_string_ex
                                     const basic_string_ex<T>& close, IStrMatchCmd<basic_string_ex<T>>& cmd,
                                     bool keepDoubled);
 
+// The two passes over bytes, by the same rules.
+byteEx& ExpandMatches(byteEx& s, unsigned char mark, IStrMatchCmd<byteEx>& cmd, bool dropUnknown, bool keepDoubled);
+byteEx& ExpandDelimited(byteEx& s, const byteEx& open, const byteEx& close, IStrMatchCmd<byteEx>& cmd,
+                        bool keepDoubled);
+
 }  // namespace Karu

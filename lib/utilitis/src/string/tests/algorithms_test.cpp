@@ -1,10 +1,12 @@
 // Text operations in both widths: comparison, trimming, searching, cutting,
 // the substitution passes, and the Unicode case table.
+#include <karu/string/envMatch.h>
 #include <karu/string/stringEx.h>
 
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <cstdlib>
 #include <cwctype>
 #include <map>
 #include <random>
@@ -243,6 +245,71 @@ TEST(Text, MarkPassesReplaceAndStop)
             ExpandMatches(s, L'$', cmd, false, r.keepDoubled);
         }
         EXPECT_EQ(s, wstringEx(r.out)) << r.in;
+    }
+}
+
+// The environment's own commands, in the two passes, for both widths of
+// text and for bytes alike: a value replaces a reference only where the
+// variable is set and not empty, and each command says whether it did.
+template <class S>
+S Made(const std::string& ascii)
+{
+    S out;
+    for (char c : ascii)
+        out.push_back(static_cast<typename S::value_type>(static_cast<unsigned char>(c)));
+    return out;
+}
+
+template <class S>
+std::string Expanded(const std::string& text, bool delimited, bool keepDoubled, bool& matched)
+{
+    S s = Made<S>(text);
+    if (delimited) {
+        CEnvStrRegularMatchCmd<S> cmd;
+        ExpandDelimited(s, Made<S>("${"), Made<S>("}"), cmd, keepDoubled);
+        matched = cmd.IsMatched();
+    } else {
+        CEnvStrAbbrMatchCmd<S> cmd;
+        ExpandMatches(s, static_cast<typename S::value_type>('$'), cmd, false, keepDoubled);
+        matched = cmd.IsMatched();
+    }
+    std::string out;
+    for (auto unit : s)
+        out += static_cast<char>(unit);
+    return out;
+}
+
+TEST(Text, EnvironmentCommandsInEveryForm)
+{
+    setenv("KARU_T_HOME", "/home/u", 1);
+    setenv("KARU_T_SELF", "$KARU_T_SELF", 1);
+    setenv("KARU_T_EMPTY", "", 1);
+    unsetenv("KARU_T_UNSET");
+    struct Row {
+        bool delimited;
+        const char* in;
+        bool keepDoubled;
+        const char* out;
+        bool matched;
+    } rows[] = {
+        {false, "$KARU_T_HOME/x", false, "/home/u/x", true},
+        {false, "$KARU_T_SELF$KARU_T_HOME", false, "$KARU_T_SELF/home/u", true},  // not rescanned
+        {false, "$$KARU_T_HOME", true, "$$KARU_T_HOME", false},
+        {false, "$$KARU_T_HOME", false, "$KARU_T_HOME", false},
+        {false, "$KARU_T_EMPTY.$KARU_T_UNSET", false, "$KARU_T_EMPTY.$KARU_T_UNSET", false},
+        {false, "$-x a$", false, "$-x a$", false},
+        {true, "${KARU_T_HOME}/x", false, "/home/u/x", true},
+        {true, "${KARU_T_UNSET}${KARU_T_EMPTY}", false, "${KARU_T_UNSET}${KARU_T_EMPTY}", false},
+        {true, "${KARU_T_HOME", false, "${KARU_T_HOME", false},
+    };
+    for (const Row& r : rows) {
+        bool narrow = false, wide = false, bytes = false;
+        EXPECT_EQ(Expanded<stringEx>(r.in, r.delimited, r.keepDoubled, narrow), r.out) << r.in;
+        EXPECT_EQ(Expanded<wstringEx>(r.in, r.delimited, r.keepDoubled, wide), r.out) << r.in;
+        EXPECT_EQ(Expanded<byteEx>(r.in, r.delimited, r.keepDoubled, bytes), r.out) << r.in;
+        EXPECT_EQ(narrow, r.matched) << r.in;
+        EXPECT_EQ(wide, r.matched) << r.in;
+        EXPECT_EQ(bytes, r.matched) << r.in;
     }
 }
 
