@@ -35,6 +35,10 @@ for line in "$@"; do
   }'
   zpty -w shell 'finish-list() { print -r -- "<""end>"; }; comppostfuncs=(finish-list)'
   zpty -w shell "bindkey '^I' complete-word"
+  # The line is typed once the shell has done all the above, so that the Tab
+  # reaches its line editor and nothing else.
+  zpty -w shell 'print -r -- "<""ready>"'
+  zpty -r shell output '*<ready>*' || exit 1
   zpty -n -w shell "$line"$'\t'
   output=
   zpty -r shell output '*<end>*' || exit 1
