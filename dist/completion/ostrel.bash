@@ -23,7 +23,7 @@ _ostrel()
     _init_completion -n := || return
 
     local switches=(-f -fic -r -ric -rnnl -rnnlic -argfile: -dlm: -encin: -encout: -encarg:
-        -unisign -listenc -listcmp -force -s -exp -noexp -stdio -stdout -frc -trc -errstop -h -?)
+        -unisign -listenc -listcmp -force -s -exp -noexp -stdio -stdout -frc -trc -errstop -h '-?')
 
     # The switch as typed with its ":" or "=", when the word has one.
     local lower=${cur,,} switch=${cur%%[:=]*} candidate

@@ -104,6 +104,8 @@ EOF
     chmod +x fake/ostrel
     mkdir pdir
     touch pairs.txt notes.txt
+    # A name that "-?" would match as a file pattern.
+    touch ./-q
 }
 
 case $check in
