@@ -97,21 +97,98 @@ stringEx CDir::GetPathFilename(const stringEx& path)
     return slash == stringEx::npos ? path : path.Mid(slash + 1);
 }
 
+// The room for the path starts at what the system gives as the longest path
+// and doubles while the path does not fit: the system's figure is no bound
+// here, since the C library reads longer paths itself. Past this much, the
+// length is taken as one that cannot be had.
+constexpr size_t kMaxPwdRoom = size_t(1) << 20;
+
 stringEx CDir::GetPwd()
 {
-    for (size_t room = 256;; room *= 2) {
+    errno = 0;
+    const long longest = pathconf(".", _PC_PATH_MAX);
+    if (longest < 0 && errno != 0)
+        Throw<dirExp>(ExpMessage("CDir::GetPwd - error get the path length of current working dir\n")
+                          .Errno(errno, {{EACCES, "permission to search a component of the path denied"},
+                                         {ENOENT, "the current working directory has been unlinked"}}),
+                      12);
+    for (size_t room = longest > 0 ? static_cast<size_t>(longest) + 1 : 256;; room *= 2) {
         stringEx path;
         char* units = path.GetBuffer(room);
         if (getcwd(units, room)) {
             path.SetSize(std::strlen(units));
             return WithSlash(path);
         }
-        if (errno != ERANGE || room > (1u << 20))
+        if ((errno == ERANGE && room > kMaxPwdRoom) || errno == ENAMETOOLONG)
+            Throw<dirExp>(ExpMessage("CDir::GetPwd - error get the path length of current working dir\n")
+                              .Errno(errno, {{ERANGE, "the path is longer than any room it may be given"},
+                                             {ENAMETOOLONG, "the path is longer than any room it may be given"}}),
+                          12);
+        if (errno != ERANGE)
             Throw<dirExp>(ExpMessage("CDir::GetPwd - failed getting current working dir\n")
                               .Errno(errno, {{EACCES, "permission to read or search a component of the path denied"},
                                              {ENOENT, "the current working directory has been unlinked"}}),
                           12);
     }
+}
+
+// ---- directory handles ----------------------------------------------------------------
+
+CDirHandle::CDirHandle(const CDirHandle& other) noexcept : _dir(other._dir), _count(other._count)
+{
+    if (_count)
+        _count->fetch_add(1, std::memory_order_relaxed);
+}
+
+CDirHandle& CDirHandle::operator=(const CDirHandle& other)
+{
+    if (_count == other._count)
+        return *this;
+    if (other._count)
+        other._count->fetch_add(1, std::memory_order_relaxed);
+    CDirHandle old;
+    old._dir = _dir;
+    old._count = _count;
+    _dir = other._dir;
+    _count = other._count;
+    old.Reset();
+    return *this;
+}
+
+CDirHandle::~CDirHandle() noexcept(false)
+{
+    if (MayThrowFromDestructor()) {
+        Reset();
+        return;
+    }
+    try {
+        Reset();
+    } catch (...) {
+        // Another exception is passing: it says more than a failed close.
+    }
+}
+
+void CDirHandle::Reset()
+{
+    DIR* dir = _dir;
+    std::atomic<int64_t>* count = _count;
+    _dir = nullptr;
+    _count = nullptr;
+    if (!count || count->fetch_sub(1, std::memory_order_acq_rel) != 1)
+        return;
+    delete count;
+    if (closedir(dir) != 0)
+        Throw<dirExp>(ExpMessage("CDirHandle::Reset - failed close the directory stream\n")
+                          .Errno(errno, {{EBADF, "invalid dir descriptor"}}),
+                      19);
+}
+
+void CDirHandle::__Adopt(DIR* dir)
+{
+    std::atomic<int64_t>* count = new std::atomic<int64_t>(1);
+    Reset();
+    _dir = dir;
+    _count = count;
 }
 
 bool CDir::IsDir(const stringEx& path) noexcept

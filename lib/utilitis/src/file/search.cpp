@@ -404,11 +404,11 @@ bool CDir::__Next(CDirHandle& handle, stringEx& name, bool includeHidden, bool i
         DIR* dir = opendir(base.c_str());
         if (!dir)
             return false;  // an unreadable directory is just empty
-        handle._dir.reset(dir, [](DIR* d) { closedir(d); });
+        handle.__Adopt(dir);
     }
     for (;;) {
         errno = 0;
-        const dirent* entry = readdir(handle._dir.get());
+        const dirent* entry = readdir(handle._dir);
         if (!entry) {
             const int error = errno;
             handle.Reset();
@@ -419,7 +419,7 @@ bool CDir::__Next(CDirHandle& handle, stringEx& name, bool includeHidden, bool i
         // Every entry is stat'ed before any filter, hidden ones included.
         const stringEx full = base + stringEx(entry->d_name);
         struct stat status;
-        if (fstatat(dirfd(handle._dir.get()), entry->d_name, &status, 0) != 0)
+        if (fstatat(dirfd(handle._dir), entry->d_name, &status, 0) != 0)
             IMPL::ThrowStatFailure(full, errno);
         if (S_ISDIR(status.st_mode) == files)
             continue;

@@ -196,7 +196,27 @@ void CDir::WriteFileIn(const stringEx& name, const byteEx& data, bool flush, boo
     WriteFile(__Resolve(name), data, flush, append);
 }
 
+void CDir::WriteFileIn(const stringEx& name, const stringEx& data, bool flush, bool append) const
+{
+    WriteFile(__Resolve(name), data, flush, append);
+}
+
+void CDir::WriteFileIn(const stringEx& name, const wstringEx& data, bool flush, bool append) const
+{
+    WriteFile(__Resolve(name), data, flush, append);
+}
+
 void CDir::ReadFileIn(const stringEx& name, byteEx& data) const
+{
+    ReadFile(__Resolve(name), data);
+}
+
+void CDir::ReadFileIn(const stringEx& name, stringEx& data) const
+{
+    ReadFile(__Resolve(name), data);
+}
+
+void CDir::ReadFileIn(const stringEx& name, wstringEx& data) const
 {
     ReadFile(__Resolve(name), data);
 }

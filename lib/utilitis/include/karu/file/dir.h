@@ -13,6 +13,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -30,15 +31,25 @@ using WStringVector = std::vector<wstringEx>;
 // stat() with the library's messages; follows links.
 void PosixStat(const stringEx& path, struct stat& status);
 
-// A shared directory stream; the last owner closes it.
+// A shared directory stream; the last owner closes it. A close that fails
+// raises, as the close of a file does, but never while another exception
+// is passing.
 class CDirHandle {
 public:
-    bool IsOpen() const noexcept { return static_cast<bool>(_dir); }
-    void Reset() { _dir.reset(); }
+    CDirHandle() noexcept = default;
+    CDirHandle(const CDirHandle& other) noexcept;
+    CDirHandle& operator=(const CDirHandle& other);
+    ~CDirHandle() noexcept(false);
+
+    bool IsOpen() const noexcept { return _dir != nullptr; }
+    void Reset();
 
 private:
     friend class CDir;
-    std::shared_ptr<DIR> _dir;
+    void __Adopt(DIR* dir);
+
+    DIR* _dir = nullptr;
+    std::atomic<int64_t>* _count = nullptr;  // shared by the copies; null when closed
 };
 
 // What statvfs tells about the file system that holds a path, in bytes.
@@ -144,9 +155,14 @@ public:
     static void ReadFile(const stringEx& path, byteEx& data);
     static void ReadFile(const stringEx& path, stringEx& data);
     static void ReadFile(const stringEx& path, wstringEx& data);
-    // The same with a name relative to this directory.
+    // The same with a name relative to this directory. A member may not share
+    // the name and the arguments of a static function, hence "In".
     void WriteFileIn(const stringEx& name, const byteEx& data, bool flush = false, bool append = false) const;
+    void WriteFileIn(const stringEx& name, const stringEx& data, bool flush = false, bool append = false) const;
+    void WriteFileIn(const stringEx& name, const wstringEx& data, bool flush = false, bool append = false) const;
     void ReadFileIn(const stringEx& name, byteEx& data) const;
+    void ReadFileIn(const stringEx& name, stringEx& data) const;
+    void ReadFileIn(const stringEx& name, wstringEx& data) const;
 
     // ---- directories ------------------------------------------------------------------
     static void MakeDir(const stringEx& path, bool recursive = false);

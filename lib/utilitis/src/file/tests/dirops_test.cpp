@@ -316,6 +316,82 @@ TEST(Backup, KeepsTheNewestAndRestoresThem)
     EXPECT_EQ(t.Get("report.txt"), "v3");
 }
 
+// A directory stream is closed by the last of the handles that share it, and
+// a close that fails (its descriptor closed behind its back) says so; the
+// working directory's two failures are told apart.
+TEST(DirOps, HandlesAndTheWorkingDirectoryReportTheirFailures)
+{
+    const Tree t;
+    t.Put("d/a.txt", "a");
+    const CDir dir(t.At("d"));
+    auto descriptors = [&t] {  // this process's descriptors that stand for the directory
+        std::vector<int> found;
+        for (int fd = 0; fd < 1024; ++fd) {
+            char target[4096];
+            const ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target - 1);
+            if (n > 0 && std::string(target, n) == t / "d")
+                found.push_back(fd);
+        }
+        return found;
+    };
+    CDirHandle handle;
+    stringEx name;
+    ASSERT_TRUE(dir.NextFile(handle, name, false));
+    CDirHandle copy = handle;
+    handle.Reset();
+    EXPECT_EQ(descriptors().size(), 1u);  // the copy keeps the stream open
+    ASSERT_EQ(close(descriptors().at(0)), 0);
+    EXPECT_EQ(Failure([&] { copy.Reset(); }),
+              "CDirHandle::Reset - failed close the directory stream\n  error code = 9\n"
+              "  error desc = invalid dir descriptor\n");
+    EXPECT_FALSE(copy.IsOpen());
+
+    // The working directory gone: run in a child, which may lose its own.
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        const std::string gone = t / "gone";
+        mkdir(gone.c_str(), 0700);
+        const bool ready = chdir(gone.c_str()) == 0 && rmdir(gone.c_str()) == 0;
+        const std::string raised = Failure([] { CDir::GetPwd(); });
+        _exit(ready && raised == "CDir::GetPwd - failed getting current working dir\n  error code = 2\n"
+                                 "  error desc = the current working directory has been unlinked\n"
+                  ? 0
+                  : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+// The whole-file forms relative to a directory, for each kind of content,
+// with the names a user writes.
+TEST(DirOps, WholeFilesByNamesRelativeToADirectory)
+{
+    const Tree t;
+    const CDir dir(t.At("d"), true);
+    CDir::MakeDir(t.At("e"));
+    struct Row {
+        const char* name;
+        const char* file;
+    } rows[] = {{"plain.txt", "d/plain.txt"}, {"./dot.txt", "d/dot.txt"}, {"../e/up.txt", "e/up.txt"}};
+    for (const Row& r : rows) {
+        dir.WriteFileIn(r.name, stringEx("narrow"));
+        EXPECT_EQ(t.Get(r.file), "narrow") << r.name;
+        stringEx narrow;
+        dir.ReadFileIn(r.name, narrow);
+        EXPECT_EQ(narrow, stringEx("narrow")) << r.name;
+        dir.WriteFileIn(r.name, wstringEx(L"w"));
+        wstringEx wide;
+        dir.ReadFileIn(r.name, wide);
+        EXPECT_EQ(wide, wstringEx(L"w")) << r.name;
+        dir.WriteFileIn(r.name, byteEx(reinterpret_cast<const unsigned char*>("\xFF\0"), 2), false, true);
+        byteEx bytes;
+        dir.ReadFileIn(r.name, bytes);
+        EXPECT_EQ(bytes.size(), sizeof(wchar_t) + 2) << r.name;
+    }
+}
+
 // The directory that the test's step hook makes read-only again.
 std::string g_relock;
 
