@@ -224,22 +224,31 @@ std::string SaveAndOpenInTurn(const stringEx& path, const std::vector<std::strin
     return "";
 }
 
-std::vector<std::string> VersionDumps()
-{
-    std::vector<std::string> dumps;
-    for (uint32_t n = 0; n < kVersions; ++n)
-        dumps.push_back(Dump(Version(n)));
-    return dumps;
-}
+// A store in a scratch directory, holding version 0, with the dump of each
+// version to check opens against.
+struct RaceStore {
+    RaceStore()
+    {
+        char pattern[] = "/tmp/karu-race-XXXXXX";
+        dir = mkdtemp(pattern);
+        path = stringEx((dir + "/store.reg").c_str());
+        for (uint32_t n = 0; n < kVersions; ++n)
+            versions.push_back(Dump(Version(n)));
+        Version(0).Save(path);
+    }
+    ~RaceStore() { std::system(("rm -rf '" + dir + "'").c_str()); }
+
+    std::string dir;
+    stringEx path;
+    std::vector<std::string> versions;
+};
 
 TEST(RegistryConcurrency, SavesAndOpensOfOneFileAlwaysSeeAWholeVersion)
 {
     const KaruTest::Deadline deadline(std::chrono::seconds(60), "threads saving and opening one store");
-    char pattern[] = "/tmp/karu-race-XXXXXX";
-    const std::string dir = mkdtemp(pattern);
-    const stringEx path((dir + "/store.reg").c_str());
-    const std::vector<std::string> versions = VersionDumps();
-    Version(0).Save(path);
+    const RaceStore store;
+    const stringEx& path = store.path;
+    const std::vector<std::string>& versions = store.versions;
     std::atomic<int> saves{0}, opens{0};
     constexpr int kWorkers = 3;
     std::vector<std::string> outcomes(kWorkers);
@@ -254,17 +263,14 @@ TEST(RegistryConcurrency, SavesAndOpensOfOneFileAlwaysSeeAWholeVersion)
     EXPECT_GE(opens.load(), kWorkers * 10);
     EXPECT_EQ(CheckOpen(path, versions), "");
     EXPECT_FALSE(CDir::Exists(CDir::TransactionFileName(path)));
-    std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 TEST(RegistryProcesses, SavesAndOpensOfOneFileAlwaysSeeAWholeVersion)
 {
     const KaruTest::Deadline deadline(std::chrono::seconds(60), "processes saving and opening one store");
-    char pattern[] = "/tmp/karu-race-XXXXXX";
-    const std::string dir = mkdtemp(pattern);
-    const stringEx path((dir + "/store.reg").c_str());
-    const std::vector<std::string> versions = VersionDumps();
-    Version(0).Save(path);
+    const RaceStore store;
+    const stringEx& path = store.path;
+    const std::vector<std::string>& versions = store.versions;
     constexpr int kWorkers = 2;
     std::vector<pid_t> children;
     for (int worker = 0; worker < kWorkers; ++worker) {
@@ -291,7 +297,6 @@ TEST(RegistryProcesses, SavesAndOpensOfOneFileAlwaysSeeAWholeVersion)
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a worker failed, see its message above";
     }
     EXPECT_EQ(CheckOpen(path, versions), "");
-    std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 // ---- crash -----------------------------------------------------------------------------------
