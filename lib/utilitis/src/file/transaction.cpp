@@ -283,14 +283,14 @@ CSysFile CDir::TransactionRead(const stringEx& path, const TransactionJudge& isW
         Locked held;
         if (!OpenLocked(target, false, false, held, head)) {
             // No file, but perhaps a parked copy whose file went away: it is
-            // the last whole version, and takes the name back.
+            // the last whole version, and takes the name back. The copy
+            // itself goes only under the file's lock, on the next round,
+            // where a writer that took the name meanwhile is waited for.
             const stringEx parked = TransactionFileName(target);
             if (!Exists(parked))
                 return CSysFile();
-            if (link(parked.c_str(), target.c_str()) == 0 || errno == EEXIST) {
-                unlink(parked.c_str());
+            if (link(parked.c_str(), target.c_str()) == 0 || errno == EEXIST)
                 continue;
-            }
             // The name cannot be given back here: the copy is read as it is.
             return CSysFile(parked, O_RDONLY, kShareShared);
         }

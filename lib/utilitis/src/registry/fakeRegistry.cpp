@@ -60,6 +60,9 @@ RegKeyBody::~RegKeyBody()
         const std::shared_ptr<RegKeyBody> body = RegAccess::Share(pending.back());
         pending.pop_back();
         if (body && body.use_count() == 1) {
+            // The lock orders this after the last change another thread
+            // made under it, before it let its handle go.
+            CFastLockHolder hold(body->lock);
             for (auto& entry : body->subkeys)
                 pending.push_back(std::move(entry.second));
             body->subkeys.clear();
