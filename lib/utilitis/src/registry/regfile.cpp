@@ -76,8 +76,8 @@ void WriteValues(CISXFWriter<Sink>& writer, const RegValueMap& values, int64_t w
     }
 }
 
-// Past the depth the file format allows here, the error of the Part of the
-// work that met it, with the depth as its cause.
+// Past the depth the file format allows here: the error of the compile or
+// the parse that met it, with the depth as its cause.
 stringEx TooDeep(const char* who)
 {
     return ExpMessage(stringEx(who) + " - key nesting too deep\n").Detail("max depth", kRegMaxDepth);
