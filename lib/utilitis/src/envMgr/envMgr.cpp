@@ -1,21 +1,29 @@
 // The environment manager; see envMgr.h.
 //
 // The manager is made on first use and keeps every "name=value" string it
-// gave to putenv: the environment points into them. Its exit handler takes
-// those variables out of the environment before it frees the strings, so
-// that a later getenv (from another exit handler) finds nothing rather than
-// freed memory.
+// gave to putenv, since the environment points into them. It never hands
+// them back: an exit handler registered before the first SetEnv runs after
+// any handler the manager could register, and must still find the variable.
+//
+// System starts the shell with posix_spawn, which returns once the child has
+// taken its copy of the environment (the system's implementation suspends
+// the caller until the exec); only that moment is under the manager's lock.
 #include <karu/envMgr/envMgr.h>
 
+#include <signal.h>
+#include <spawn.h>
 #include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
 
-#include <karu/misc/shmem.h>
+#include <karu/TextConv/TextConv.h>
 #include <karu/sync/fastlock.h>
 
 namespace Karu {
@@ -25,13 +33,8 @@ class EnvManager {
 public:
     static EnvManager& Instance()
     {
-        static EnvManager* manager = [] {
-            auto* made = new EnvManager();
-            std::atexit([] {
-                delete Instance().Release();
-            });
-            return made;
-        }();
+        // Never destroyed: its strings are the environment's until the end.
+        static EnvManager* const manager = new EnvManager();
         return *manager;
     }
 
@@ -70,24 +73,18 @@ public:
     FAST_PCLOCK& Lock() noexcept { return _lock; }
 
 private:
-    EnvManager* Release()
-    {
-        CFastLockHolder hold(_lock);
-        for (auto& [name, entry] : _kept) {
-            unsetenv(name.c_str());
-            std::free(entry);
-        }
-        _kept.clear();
-        return nullptr;  // the manager itself stays: a late call still finds its lock
-    }
-
     FAST_PCLOCK _lock;
     std::map<std::string, char*> _kept;
 };
 
+bool IsNameStart(wchar_t c)
+{
+    return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z') || c == L'_';
+}
+
 bool IsNameUnit(wchar_t c)
 {
-    return (c >= L'0' && c <= L'9') || (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z') || c == L'_';
+    return IsNameStart(c) || (c >= L'0' && c <= L'9');
 }
 
 stringEx Narrow(const stringEx& text)
@@ -96,7 +93,7 @@ stringEx Narrow(const stringEx& text)
 }
 stringEx Narrow(const wstringEx& text)
 {
-    return IMPL::ToSysBytes(text);
+    return SysWCtoMB(text);
 }
 
 template <class T>
@@ -109,19 +106,16 @@ stringEx ValueAs<char>(const stringEx& value)
 template <>
 wstringEx ValueAs<wchar_t>(const stringEx& value)
 {
-    return IMPL::FromSysBytes(value);
+    return SysMBtoWC(value);
 }
 
 template <class T>
 basic_string_ex<T> Expand(const basic_string_ex<T>& text)
 {
     basic_string_ex<T> out(text.data(), text.size());
-    CEnvStrMatchCmd<T> delimited(true), abbreviated(false);
-    const T open[] = {T('$'), T('{'), T(0)};
-    const T close[] = {T('}'), T(0)};
-    // "$$" survives the first pass and becomes "$" in the second.
-    ExpandDelimited(out, basic_string_ex<T>(open), basic_string_ex<T>(close), delimited, true);
-    return ExpandMatches(out, T('$'), abbreviated, false, false);
+    CEnvStrMatchCmd<T> reference;
+    // One pass: an inserted value is stepped over, and "$$" is kept whole.
+    return ExpandMatches(out, T('$'), reference, false, true);
 }
 
 }  // namespace
@@ -129,16 +123,22 @@ basic_string_ex<T> Expand(const basic_string_ex<T>& text)
 template <class T>
 int CEnvStrMatchCmd<T>::Match(const basic_string_ex<T>& view, basic_string_ex<T>& replacement)
 {
-    uint64_t length = view.size();
-    if (!_delimited) {
-        length = 0;
+    uint64_t begin = 0, length = 0;
+    if (!view.empty() && view[0] == T('{')) {
+        const uint64_t close = view.Find(T('}'), 1);
+        if (close == basic_buffer<T>::npos || close == 1)
+            return 0;  // no closing brace, or no name: no reference
+        begin = 1;
+        length = close - 1;
+        _matched = close + 1;
+    } else {
+        if (view.empty() || !IsNameStart(wchar_t(view[0])))
+            return 0;  // "$5", "$-", "$ ": no reference
         while (length < view.size() && IsNameUnit(wchar_t(view[length])))
             ++length;
-        if (length == 0)
-            return 0;  // "$" before anything else is no reference
+        _matched = length;
     }
-    _matched = length;
-    const basic_string_ex<T> name(view.data(), length);
+    const basic_string_ex<T> name(view.data() + begin, length);
     replacement = ValueAs<T>(EnvManager::Instance().Get(Narrow(name)));
     return 1;
 }
@@ -153,7 +153,7 @@ stringEx GetEnv(const stringEx& name)
 
 wstringEx GetEnv(const wstringEx& name)
 {
-    return IMPL::FromSysBytes(EnvManager::Instance().Get(IMPL::ToSysBytes(name)));
+    return SysMBtoWC(EnvManager::Instance().Get(SysWCtoMB(name)));
 }
 
 void SetEnv(const stringEx& name, const stringEx& value)
@@ -163,7 +163,7 @@ void SetEnv(const stringEx& name, const stringEx& value)
 
 void SetEnv(const wstringEx& name, const wstringEx& value)
 {
-    EnvManager::Instance().Set(IMPL::ToSysBytes(name), IMPL::ToSysBytes(value));
+    EnvManager::Instance().Set(SysWCtoMB(name), SysWCtoMB(value));
 }
 
 stringEx ExpandEnvStrings(const stringEx& text)
@@ -179,9 +179,30 @@ wstringEx ExpandEnvStrings(const wstringEx& text)
 int System(const stringEx& command)
 {
     const stringEx line(command.data(), command.size());
-    // The shell reads the environment as it starts; no putenv may run meanwhile.
-    CFastLockHolder hold(EnvManager::Instance().Lock());
-    return std::system(line.c_str());
+    char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(line.c_str()), nullptr};
+    // As under system(), the shell starts with interrupt and quit at their defaults.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGINT);
+    sigaddset(&defaults, SIGQUIT);
+    posix_spawnattr_setsigdefault(&attr, &defaults);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF);
+    pid_t pid = 0;
+    int error;
+    {
+        CFastLockHolder hold(EnvManager::Instance().Lock());
+        error = posix_spawn(&pid, "/bin/sh", nullptr, &attr, argv, environ);
+    }
+    posix_spawnattr_destroy(&attr);
+    if (error != 0)
+        return -1;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0)
+        if (errno != EINTR)
+            return -1;
+    return status;
 }
 
 stringEx GetOsName()
