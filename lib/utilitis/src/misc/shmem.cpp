@@ -3,6 +3,11 @@
 // Every call loops on EINTR. A failure after the object was created (sizing,
 // mapping) removes the name again, so that a failed set-up leaves nothing
 // behind for the next process to trip over.
+//
+// An object set up whole is made under a private name of its own and
+// published with link(2) in the directory that holds the names: a link is
+// atomic and refuses a name that exists, so exactly one of several racing
+// creators publishes, and the others drop their drafts and join it.
 #include <karu/misc/shmem.h>
 
 #include <fcntl.h>
@@ -10,14 +15,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cwchar>
+
+#include <karu/TextConv/TextConv.h>
 
 namespace Karu {
 namespace {
 
 constexpr mode_t kObjectPermissions = 0666;
+// Where shm_open keeps its names on Linux; a finished object is linked here.
+constexpr const char* kShmDirectory = "/dev/shm";
 
 const ErrnoTable kOpenErrors = {
     {EACCES, "access denied"},
@@ -86,14 +96,18 @@ int ShmOpen(const stringEx& name, int flags)
     return fd;
 }
 
+// Every message of this layer names the object, the flag it was asked for,
+// and the access mode that the flag gave.
+ExpMessage SmoMessage(const char* head, const stringEx& name, uint32_t flag)
+{
+    ExpMessage message(head);
+    message.Detail("smo name", name).Detail("flag", int64_t(flag)).Detail("access mode", int64_t(OpenFlags(flag)));
+    return message;
+}
+
 [[noreturn]] void RaiseOpen(const char* head, const stringEx& name, uint32_t flag, int error)
 {
-    Throw<shmemExp>(ExpMessage(head)
-                        .Detail("smo name", name)
-                        .Detail("flag", int64_t(flag))
-                        .Detail("access mode", int64_t(OpenFlags(flag)))
-                        .Errno(error, kOpenErrors),
-                    1);
+    Throw<shmemExp>(SmoMessage(head, name, flag).Errno(error, kOpenErrors), 1);
 }
 
 uint64_t DescriptorSize(int fd)
@@ -123,8 +137,7 @@ void Map(SMO_HANDLE& handle, uint32_t access, void* address)
         close(handle.fd);  // an opener leaves the name to its creator
         handle.fd = -1;
     }
-    Throw<shmemExp>(ExpMessage("SetupMapView - failed create memory view\n")
-                        .Detail("smo name", name)
+    Throw<shmemExp>(SmoMessage("SetupMapView - failed create memory view\n", name, access)
                         .Detail("size", int64_t(handle.size))
                         .Detail("address arg", stringEx::Format("%p", address))
                         .Detail("protection", int64_t(protection))
@@ -134,53 +147,6 @@ void Map(SMO_HANDLE& handle, uint32_t access, void* address)
 }
 
 }  // namespace
-
-namespace IMPL {
-
-stringEx ToSysBytes(const wchar_t* text)
-{
-    stringEx out;
-    if (!text)
-        return out;
-    mbstate_t state{};
-    char bytes[MB_LEN_MAX];
-    for (; *text; ++text) {
-        const size_t made = wcrtomb(bytes, *text, &state);
-        if (made == static_cast<size_t>(-1)) {
-            out += '?';  // no byte form in this locale
-            state = mbstate_t{};
-        } else {
-            out.append(bytes, made);
-        }
-    }
-    return out;
-}
-
-stringEx ToSysBytes(const wstringEx& text)
-{
-    return ToSysBytes(wstringEx(text.data(), text.size()).c_str());
-}
-
-wstringEx FromSysBytes(const stringEx& text)
-{
-    wstringEx out;
-    mbstate_t state{};
-    for (uint64_t at = 0; at < text.size();) {
-        wchar_t c;
-        const size_t used = mbrtowc(&c, text.data() + at, text.size() - at, &state);
-        if (used == static_cast<size_t>(-1) || used == static_cast<size_t>(-2)) {
-            out += wchar_t(static_cast<unsigned char>(text[at]));  // keep the byte's value
-            ++at;
-            state = mbstate_t{};
-            continue;
-        }
-        out += c;
-        at += used ? used : 1;
-    }
-    return out;
-}
-
-}  // namespace IMPL
 
 bool CreateSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t flag, uint64_t size)
 {
@@ -208,13 +174,11 @@ bool CreateSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t
             const int error = errno;
             close(fd);
             shm_unlink(path.c_str());
-            Throw<shmemExp>(ExpMessage("CreateSharedMemoryObject - failed set the size of shared memory object\n")
-                                .Detail("smo name", path)
-                                .Detail("smo size", int64_t(size))
-                                .Detail("flag", int64_t(flag))
-                                .Detail("access mode", int64_t(flags))
-                                .Errno(error, {}),
-                            1);
+            Throw<shmemExp>(
+                SmoMessage("CreateSharedMemoryObject - failed set the size of shared memory object\n", path, flag)
+                    .Detail("smo size", int64_t(size))
+                    .Errno(error, {}),
+                1);
         }
     }
     handle.fd = fd;
@@ -222,6 +186,7 @@ bool CreateSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t
     handle.size = created ? size : DescriptorSize(fd);
     handle.created = created ? path : stringEx();
     handle.name = path;
+    handle.flag = flag;
     return created;
 }
 
@@ -236,6 +201,7 @@ void OpenSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t f
     handle.size = DescriptorSize(fd);
     handle.created = stringEx();
     handle.name = path;
+    handle.flag = flag;
 }
 
 void CloseAndRemoveSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name)
@@ -246,16 +212,16 @@ void CloseAndRemoveSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name)
         handle.fd = -1;
         // Linux frees the descriptor even when close is interrupted.
         if (close(fd) != 0 && errno != EINTR)
-            Throw<shmemExp>(ExpMessage("CloseAndRemoveSharedMemoryObject - failed close shared memory object\n")
-                                .Detail("smo name", path)
-                                .Errno(errno, {{EBADF, "invalid smo descriptor"}, {EIO, "io error occurred"}}),
-                            2);
+            Throw<shmemExp>(
+                SmoMessage("CloseAndRemoveSharedMemoryObject - failed close shared memory object\n", path, handle.flag)
+                    .Errno(errno, {{EBADF, "invalid smo descriptor"}, {EIO, "io error occurred"}}),
+                2);
     }
     if (shm_unlink(path.c_str()) != 0 && errno != ENOENT)
-        Throw<shmemExp>(ExpMessage("CloseAndRemoveSharedMemoryObject - failed remove shared memory object\n")
-                            .Detail("smo name", path)
-                            .Errno(errno, {{EACCES, "access denied"}, {ENAMETOOLONG, "name is too long"}}),
-                        2);
+        Throw<shmemExp>(
+            SmoMessage("CloseAndRemoveSharedMemoryObject - failed remove shared memory object\n", path, handle.flag)
+                .Errno(errno, {{EACCES, "access denied"}, {ENAMETOOLONG, "name is too long"}}),
+            2);
 }
 
 bool SetupMapView(SMO_HANDLE& handle, const stringEx& name, uint64_t size, uint32_t access, void* address)
@@ -271,7 +237,7 @@ bool SetupMapView(SMO_HANDLE& handle, const stringEx& name, uint64_t size, uint3
 
 bool SetupMapView(SMO_HANDLE& handle, const wstringEx& name, uint64_t size, uint32_t access, void* address)
 {
-    return SetupMapView(handle, IMPL::ToSysBytes(name), size, access, address);
+    return SetupMapView(handle, SysWCtoMB(name), size, access, address);
 }
 
 bool SetupMapView(SMO_HANDLE& handle, const char* name, uint64_t size, uint32_t access, void* address)
@@ -281,7 +247,110 @@ bool SetupMapView(SMO_HANDLE& handle, const char* name, uint64_t size, uint32_t 
 
 bool SetupMapView(SMO_HANDLE& handle, const wchar_t* name, uint64_t size, uint32_t access, void* address)
 {
-    return SetupMapView(handle, IMPL::ToSysBytes(name), size, access, address);
+    return SetupMapView(handle, SysWCtoMB(wstringEx(name)), size, access, address);
+}
+
+namespace {
+
+// A private name for a draft: short, whatever the final name's length, and
+// never the same in two processes or two calls.
+stringEx DraftName()
+{
+    static std::atomic<uint64_t> counter{0};
+    return stringEx::Format("/.karu-draft-%d-%llu", int(getpid()),
+                            static_cast<unsigned long long>(counter.fetch_add(1)));
+}
+
+// Makes the object whole under a draft name and links it under `path`;
+// false when another process published `path` first.
+bool PublishWhole(SMO_HANDLE& handle, const stringEx& path, uint64_t size, uint32_t access, const SmoSetUp& setUp,
+                  const SmoSetUp& undo)
+{
+    const char* const head = "CreateSharedMemoryObject - failed create shared memory object\n";
+    const stringEx draft = DraftName();
+    const int fd = ShmOpen(draft, OpenFlags(access) | O_CREAT | O_EXCL);
+    if (fd < 0)
+        RaiseOpen(head, path, access, errno);
+    struct DropDraft {
+        const stringEx& name;
+        ~DropDraft() { shm_unlink(name.c_str()); }  // published or not, the draft's name goes
+    } dropDraft{draft};
+    if (size > 0) {
+        int result;
+        do {
+            result = ftruncate(fd, static_cast<off_t>(size));
+        } while (result != 0 && errno == EINTR);
+        if (result != 0) {
+            const int error = errno;
+            close(fd);
+            Throw<shmemExp>(
+                SmoMessage("CreateSharedMemoryObject - failed set the size of shared memory object\n", path, access)
+                    .Detail("smo size", int64_t(size))
+                    .Errno(error, {}),
+                1);
+        }
+    }
+    SMO_HANDLE made;
+    made.fd = fd;
+    made.size = size;
+    made.name = path;
+    made.flag = access;
+    Map(made, access, nullptr);  // closes the descriptor if it raises
+    auto discard = [&] {
+        munmap(made.address, made.size);
+        close(made.fd);
+    };
+    try {
+        setUp(made.address);
+    } catch (...) {
+        discard();
+        throw;
+    }
+    const stringEx from = stringEx(kShmDirectory) + draft, to = stringEx(kShmDirectory) + path;
+    if (link(from.c_str(), to.c_str()) == 0) {
+        made.created = path;
+        handle = made;
+        return true;
+    }
+    const int error = errno;
+    if (undo) {
+        try {
+            undo(made.address);
+        } catch (...) {
+            // the draft is dropped all the same; nobody else ever saw it
+        }
+    }
+    discard();
+    if (error == EEXIST)
+        return false;
+    RaiseOpen(head, path, access, error);
+}
+
+}  // namespace
+
+bool SetupInitialisedMapView(SMO_HANDLE& handle, const stringEx& name, uint64_t size, uint32_t access,
+                             const SmoSetUp& setUp, const SmoSetUp& undo)
+{
+    const stringEx path = SlashName(name);
+    // A name that appears is whole; one that vanishes again (its creator
+    // closed it meanwhile) is made afresh. Each turn ends one way or the other.
+    for (;;) {
+        const int fd = ShmOpen(path, OpenFlags(access));
+        if (fd >= 0) {
+            handle.fd = fd;
+            handle.address = nullptr;
+            handle.size = DescriptorSize(fd);
+            handle.created = stringEx();
+            handle.name = path;
+            handle.flag = access;
+            Map(handle, access, nullptr);
+            return false;
+        }
+        if (errno != ENOENT)
+            RaiseOpen("CreateSharedMemoryObject - failed create shared memory object\n", path, access, errno);
+        if (PublishWhole(handle, path, size, access, setUp, undo))
+            return true;
+    }
 }
 
 void OpenMapView(SMO_HANDLE& handle, const stringEx& name, uint32_t access, void* address)
@@ -290,8 +359,7 @@ void OpenMapView(SMO_HANDLE& handle, const stringEx& name, uint32_t access, void
     if (handle.size == 0) {
         close(handle.fd);
         handle.fd = -1;
-        Throw<shmemExp>(ExpMessage("SetupMapView - failed create memory view\n")
-                            .Detail("smo name", handle.name)
+        Throw<shmemExp>(SmoMessage("SetupMapView - failed create memory view\n", handle.name, access)
                             .Detail("size", int64_t(0))
                             .Errno(EINVAL, kMapErrors),
                         3);
@@ -301,7 +369,7 @@ void OpenMapView(SMO_HANDLE& handle, const stringEx& name, uint32_t access, void
 
 void OpenMapView(SMO_HANDLE& handle, const wstringEx& name, uint32_t access, void* address)
 {
-    OpenMapView(handle, IMPL::ToSysBytes(name), access, address);
+    OpenMapView(handle, SysWCtoMB(name), access, address);
 }
 
 void OpenMapView(SMO_HANDLE& handle, const char* name, uint32_t access, void* address)
@@ -311,7 +379,7 @@ void OpenMapView(SMO_HANDLE& handle, const char* name, uint32_t access, void* ad
 
 void OpenMapView(SMO_HANDLE& handle, const wchar_t* name, uint32_t access, void* address)
 {
-    OpenMapView(handle, IMPL::ToSysBytes(name), access, address);
+    OpenMapView(handle, SysWCtoMB(wstringEx(name)), access, address);
 }
 
 void ReleaseMapView(SMO_HANDLE& handle)

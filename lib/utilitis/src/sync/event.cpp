@@ -1,16 +1,26 @@
 // CEvent, CProcEvent and CProcSem; see event.h.
 //
-// The private and the named event run one wait logic over a condition, a
-// flag and a platform mutex; they differ only in where those live and how
-// they are made. The named event's mutex is robust (see mutex.cpp), so a
-// wait may come back owning the lock of a process that died: it is made
-// consistent and the wait goes on.
+// The private event waits on the platform's condition variable; the named
+// one sleeps on the generation word of its shared object with the system's
+// futex call, under its companion mutex, which is robust (see mutex.cpp): a
+// wait may come back owning the lock of a process that died, which is then
+// simply ours. A waiter reads the generation under the lock before it lets
+// go, and Raise moves it on under the same lock, so no wake-up falls between
+// a waiter's test of the flag and its sleep.
 #include <karu/sync/event.h>
 
 #include <fcntl.h>
+#include <linux/futex.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <new>
 
+#include <karu/TextConv/TextConv.h>
 #include <karu/sync/fastlock.h>
 
 namespace Karu {
@@ -28,6 +38,7 @@ const ErrnoTable kCloseErrors = {
     {EBUSY, "attempt to destroy a waiting event"},
     {EINVAL, "the value specified by event is invalid"},
 };
+const ErrnoTable kRaiseErrors = {{EINVAL, "the value specified by cond is invalid"}};
 
 [[noreturn]] void RaiseEvent(const char* head, int error, ErrnoTable table, int32_t code)
 {
@@ -70,13 +81,6 @@ bool TimedWaitSignaled(pthread_cond_t* cond, pthread_mutex_t* mutex, uint8_t* si
     return *signaled != 0;
 }
 
-void Broadcast(pthread_cond_t* cond)
-{
-    const int result = pthread_cond_broadcast(cond);
-    if (result != 0)
-        RaiseEvent("RaiseEvent - failed raise event\n", result, {{EINVAL, "the value specified by cond is invalid"}}, 7);
-}
-
 void DestroyCond(pthread_cond_t* cond, const char* head)
 {
     const int result = pthread_cond_destroy(cond);
@@ -105,6 +109,18 @@ private:
     M& _mutex;
 };
 
+// Counts a thread in for the length of a wait; changed under the event's lock.
+class Waiting {
+public:
+    explicit Waiting(uint32_t& count) : _count(count) { ++_count; }
+    ~Waiting() { --_count; }
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+private:
+    uint32_t& _count;
+};
+
 }  // namespace
 
 // ---- CEvent --------------------------------------------------------------------
@@ -114,21 +130,34 @@ CEvent::CEvent(bool initialState) : _signaled(initialState ? 1 : 0)
     const int result = pthread_cond_init(&_cond, nullptr);
     if (result != 0)
         RaiseEvent("CEvent::CEvent - failed create event\n", result,
-              {{EBUSY, "attempt to reinitialize the mutex"},
-               {ENOMEM, "insufficient memory"},
-               {EINVAL, "invalid attr object"},
-               {EAGAIN, "the system lacked the necessary resources"}},
-              1);
+                   {{EBUSY, "attempt to reinitialize the mutex"},
+                    {ENOMEM, "insufficient memory"},
+                    {EINVAL, "invalid attr object"},
+                    {EAGAIN, "the system lacked the necessary resources"}},
+                   1);
 }
 
 CEvent::~CEvent() noexcept(false)
 {
+    uint32_t waiters;
+    {
+        Locked<CMutex> hold(_mutex);
+        waiters = _waiters;
+    }
+    if (waiters != 0) {
+        // The platform's destroy would wait for the waiter for ever; the
+        // condition is left as it is.
+        if (MayThrowFromDestructor())
+            RaiseEvent("CEvent::~CEvent - failed close event\n", EBUSY, kCloseErrors, 3);
+        return;
+    }
     DestroyCond(&_cond, "CEvent::~CEvent - failed close event\n");
 }
 
 bool CEvent::Wait()
 {
     Locked<CMutex> hold(_mutex);
+    Waiting counted(_waiters);
     WaitSignaled(&_cond, _mutex.Native(), &_signaled);
     return true;
 }
@@ -136,6 +165,7 @@ bool CEvent::Wait()
 bool CEvent::TimedWait(uint32_t milliseconds)
 {
     Locked<CMutex> hold(_mutex);
+    Waiting counted(_waiters);
     return TimedWaitSignaled(&_cond, _mutex.Native(), &_signaled, milliseconds);
 }
 
@@ -143,7 +173,9 @@ void CEvent::Raise()
 {
     Locked<CMutex> hold(_mutex);
     _signaled = 1;
-    Broadcast(&_cond);
+    const int result = pthread_cond_broadcast(&_cond);
+    if (result != 0)
+        RaiseEvent("RaiseEvent - failed raise event\n", result, kRaiseErrors, 7);
 }
 
 void CEvent::Reset()
@@ -161,87 +193,130 @@ bool CEvent::IsSet()
 // ---- CProcEvent ----------------------------------------------------------------
 
 CProcEvent::CProcEvent(bool initialState, const stringEx& name) { __Create(initialState, name); }
-CProcEvent::CProcEvent(bool initialState, const wstringEx& name) { __Create(initialState, IMPL::ToSysBytes(name)); }
+CProcEvent::CProcEvent(bool initialState, const wstringEx& name) { __Create(initialState, SysWCtoMB(name)); }
 CProcEvent::CProcEvent(bool initialState, const char* name) { __Create(initialState, stringEx(name)); }
-CProcEvent::CProcEvent(bool initialState, const wchar_t* name) { __Create(initialState, IMPL::ToSysBytes(name)); }
+CProcEvent::CProcEvent(bool initialState, const wchar_t* name) { __Create(initialState, SysWCtoMB(wstringEx(name))); }
 CProcEvent::CProcEvent(const stringEx& name) { __Open(name); }
-CProcEvent::CProcEvent(const wstringEx& name) { __Open(IMPL::ToSysBytes(name)); }
+CProcEvent::CProcEvent(const wstringEx& name) { __Open(SysWCtoMB(name)); }
 CProcEvent::CProcEvent(const char* name) { __Open(stringEx(name)); }
-CProcEvent::CProcEvent(const wchar_t* name) { __Open(IMPL::ToSysBytes(name)); }
+CProcEvent::CProcEvent(const wchar_t* name) { __Open(SysWCtoMB(wstringEx(name))); }
 
 namespace {
+
+static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t) && std::atomic<uint32_t>::is_always_lock_free,
+              "the futex call works on the generation word itself");
+
+// Sleeps while `word` holds `seen`, until `deadline` on the monotonic clock
+// (none: no limit); 0, or the errno of the call.
+int FutexWait(std::atomic<uint32_t>& word, uint32_t seen, const timespec* deadline)
+{
+    const long result = syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAIT_BITSET, seen, deadline,
+                                nullptr, FUTEX_BITSET_MATCH_ANY);
+    return result == 0 ? 0 : errno;
+}
+
+int FutexWakeAll(std::atomic<uint32_t>& word)
+{
+    const long result = syscall(SYS_futex, reinterpret_cast<uint32_t*>(&word), FUTEX_WAKE, INT_MAX, nullptr,
+                                nullptr, 0);
+    return result >= 0 ? 0 : errno;
+}
+
+using SHARED = CProcEvent::SHARED;
+
+void Enlist(SHARED* shared, int32_t pid)
+{
+    SHARED::WAITER* free = nullptr;
+    for (SHARED::WAITER& waiter : shared->waiters) {
+        if (waiter.threads != 0 && waiter.pid == pid) {
+            ++waiter.threads;
+            return;
+        }
+        if (waiter.threads == 0 && !free)
+            free = &waiter;
+    }
+    if (free)
+        *free = {pid, 1};
+    else
+        ++shared->unlisted;
+}
+
+void Delist(SHARED* shared, int32_t pid)
+{
+    for (SHARED::WAITER& waiter : shared->waiters)
+        if (waiter.threads != 0 && waiter.pid == pid) {
+            --waiter.threads;
+            return;
+        }
+    if (shared->unlisted != 0)
+        --shared->unlisted;
+}
+
+// Forgets the waiters whose process has gone; true when a live one remains
+// (or one that the list could not hold, which cannot be told apart).
+bool LiveWaiters(SHARED* shared)
+{
+    bool live = shared->unlisted != 0;
+    for (SHARED::WAITER& waiter : shared->waiters) {
+        if (waiter.threads == 0)
+            continue;
+        if (waiter.pid == int32_t(getpid()) || kill(waiter.pid, 0) == 0 || errno == EPERM)
+            live = true;
+        else
+            waiter = {0, 0};  // killed inside a wait
+    }
+    return live;
+}
 
 ExpMessage NamedFailure(const char* head, const stringEx& name, const karuExp& cause)
 {
     return ExpMessage(head).Text(stringEx("  name = ") + name + stringEx("\n")).Cause(cause);
 }
 
-void InitSharedCond(pthread_cond_t* cond)
+stringEx CompanionName(const stringEx& name)
 {
-    pthread_condattr_t attr;
-    int result = pthread_condattr_init(&attr);
-    if (result != 0)
-        RaiseEvent("CreateNamedEvent - failed create event attribute\n", result,
-              {{result, "insufficient memory exists to initialize the attrs"}}, 1);
-    result = pthread_condattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-    if (result != 0) {
-        pthread_condattr_destroy(&attr);
-        RaiseEvent("CreateNamedEvent - failed create event (set shared)\n", result,
-              {{result, "the process-shared attribute is invalid"}}, 1);
-    }
-    result = pthread_cond_init(cond, &attr);
-    if (result != 0) {
-        pthread_condattr_destroy(&attr);
-        RaiseEvent("CEvent::CEvent - failed create named event\n", result,
-              {{EBUSY, "attempt to reinitialize the mutex"},
-               {ENOMEM, "insufficient memory"},
-               {EINVAL, "invalid attr object"},
-               {EAGAIN, "the system lacked the necessary resources"}},
-              1);
-    }
-    result = pthread_condattr_destroy(&attr);
-    if (result != 0) {
-        pthread_cond_destroy(cond);
-        RaiseEvent("CreateNamedEvent - failed release event attribute\n", result,
-              {{result, "the value specified by attr is invalid"}}, 1);
-    }
+    return name + stringEx(".lock");
 }
 
 }  // namespace
 
 void CProcEvent::__Create(bool initialState, const stringEx& name)
 {
-    bool created;
+    const char* const head = "CProcEvent::CProcEvent - failed create named event\n";
     try {
-        created = SetupMapView(_shm, name, sizeof(SHARED), kAccessReadWrite);
-        _lock = new CProcMutex(false, name + stringEx(".lock"));
+        // Born held by the process that makes it; a joiner waits here until
+        // that process has made the event too.
+        _lock = new CProcMutex(true, CompanionName(name));
+        if (!_lock->Created())
+            _lock->Lock();
     } catch (const karuExp& e) {
-        if (_shm.address)
-            ReleaseMapView(_shm);
-        Throw<eventExp>(NamedFailure("CProcEvent::CProcEvent - failed create named event\n", name, e), 1);
-    }
-    try {
-        Locked<CProcMutex> hold(*_lock);
-        if (!created)
-            return;  // the event already stands
-        InitSharedCond(&__Shared()->cond);
-        __Shared()->signaled = initialState ? 1 : 0;
-    } catch (...) {
         delete _lock;
         _lock = nullptr;
-        ReleaseMapView(_shm);
-        throw;
+        Throw<eventExp>(NamedFailure(head, name, e), 1);
     }
+    try {
+        SetupInitialisedMapView(_shm, name, sizeof(SHARED), kAccessReadWrite, [initialState](void* at) {
+            SHARED* shared = new (at) SHARED{};
+            shared->signaled = initialState ? 1 : 0;
+        });
+    } catch (const karuExp& e) {
+        _lock->UnLock();
+        delete _lock;
+        _lock = nullptr;
+        Throw<eventExp>(NamedFailure(head, name, e), 1);
+    }
+    _lock->UnLock();
 }
 
 void CProcEvent::__Open(const stringEx& name)
 {
     try {
+        _lock = new CProcMutex(CompanionName(name));
+        Locked<CProcMutex> hold(*_lock);  // a set-up in progress ends first
         OpenMapView(_shm, name, kAccessReadWrite);
-        _lock = new CProcMutex(name + stringEx(".lock"));
     } catch (const karuExp& e) {
-        if (_shm.address)
-            ReleaseMapView(_shm);
+        delete _lock;
+        _lock = nullptr;
         Throw<eventExp>(NamedFailure("CProcEvent::CProcEvent - failed open named event\n", name, e), 2);
     }
 }
@@ -252,38 +327,89 @@ CProcEvent::~CProcEvent() noexcept(false)
         CProcEvent& event;
         ~Release() noexcept(false)
         {
+            // The event's name goes before its companion's: whoever finds
+            // the event finds the companion too.
             try {
-                delete event._lock;
-                event._lock = nullptr;
                 ReleaseMapView(event._shm);
+                CProcMutex* lock = event._lock;
+                event._lock = nullptr;
+                delete lock;
             } catch (...) {
                 if (MayThrowFromDestructor())
                     throw;
             }
         }
     } release{*this};
-    if (_shm.Created() && _shm.address)
-        DestroyCond(&__Shared()->cond, "CProcEvent::~CProcEvent - failed close named event\n");
+    if (!_shm.Created() || !_shm.address || !_lock)
+        return;
+    bool live;
+    {
+        Locked<CProcMutex> hold(*_lock);
+        live = LiveWaiters(__Shared());
+    }
+    if (live) {
+        _lock->LeaveIntactOnClose();  // the waiters still sleep under it
+        if (MayThrowFromDestructor())
+            RaiseEvent("CProcEvent::~CProcEvent - failed close named event\n", EBUSY, kCloseErrors, 3);
+    }
+}
+
+bool CProcEvent::__Wait(uint32_t milliseconds, const char* head)
+{
+    Locked<CProcMutex> hold(*_lock);
+    SHARED* const shared = __Shared();
+    if (shared->signaled || milliseconds == 0)
+        return shared->signaled != 0;
+    timespec deadline{};
+    const bool limited = milliseconds != kWaitInfinite;
+    if (limited) {
+        clock_gettime(CLOCK_MONOTONIC, &deadline);
+        deadline.tv_sec += milliseconds / 1000;
+        deadline.tv_nsec += long(milliseconds % 1000) * 1000000;
+        if (deadline.tv_nsec >= 1000000000) {
+            deadline.tv_sec += 1;
+            deadline.tv_nsec -= 1000000000;
+        }
+    }
+    const int32_t self = int32_t(getpid());
+    Enlist(shared, self);
+    struct Leave {
+        SHARED* shared;
+        int32_t self;
+        ~Leave() { Delist(shared, self); }  // under the lock again, also when a wait raised
+    } leave{shared, self};
+    while (shared->signaled == 0) {
+        const uint32_t seen = shared->generation.load(std::memory_order_acquire);
+        _lock->UnLock();
+        const int error = FutexWait(shared->generation, seen, limited ? &deadline : nullptr);
+        _lock->Lock();
+        if (error == ETIMEDOUT)
+            break;
+        if (error != 0 && error != EAGAIN && error != EINTR)
+            RaiseEvent(head, error, limited ? kTimedWaitErrors : kWaitErrors, 4);
+    }
+    return shared->signaled != 0;
 }
 
 bool CProcEvent::Wait()
 {
-    Locked<CProcMutex> hold(*_lock);
-    WaitSignaled(&__Shared()->cond, _lock->Native(), &__Shared()->signaled);
-    return true;
+    return __Wait(kWaitInfinite, "WaitEvent - failed wait event\n");
 }
 
 bool CProcEvent::TimedWait(uint32_t milliseconds)
 {
-    Locked<CProcMutex> hold(*_lock);
-    return TimedWaitSignaled(&__Shared()->cond, _lock->Native(), &__Shared()->signaled, milliseconds);
+    return __Wait(milliseconds, milliseconds == kWaitInfinite ? "WaitEvent - failed wait event\n"
+                                                              : "TimedWaitEvent - failed wait event\n");
 }
 
 void CProcEvent::Raise()
 {
     Locked<CProcMutex> hold(*_lock);
-    __Shared()->signaled = 1;
-    Broadcast(&__Shared()->cond);
+    SHARED* const shared = __Shared();
+    shared->signaled = 1;
+    shared->generation.fetch_add(1, std::memory_order_release);
+    if (const int error = FutexWakeAll(shared->generation))
+        RaiseEvent("RaiseEvent - failed raise event\n", error, kRaiseErrors, 7);
 }
 
 void CProcEvent::Reset()

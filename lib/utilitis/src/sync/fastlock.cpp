@@ -14,6 +14,21 @@ namespace {
     Throw<semExp>(ExpMessage(head).Errno(error, table), code);
 }
 
+const ErrnoTable kDestroyErrors = {{EBUSY, "there are currently processes blocked on the semaphore"},
+                                   {EINVAL, "current object is not a valid semaphore"}};
+
+// Counts a thread in for the length of a wait.
+class Waiting {
+public:
+    explicit Waiting(std::atomic<uint32_t>& count) : _count(count) { ++_count; }
+    ~Waiting() { --_count; }
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+private:
+    std::atomic<uint32_t>& _count;
+};
+
 }  // namespace
 
 uint64_t CurrentThreadIdentity() noexcept
@@ -40,15 +55,19 @@ void CSem::__Init(unsigned value)
 
 CSem::~CSem() noexcept(false)
 {
+    if (_waiters.load() != 0) {
+        // The platform would let it go under the waiter's feet.
+        if (MayThrowFromDestructor())
+            RaiseSem("CSem::~CSem - failed destroy semaphore\n", EBUSY, kDestroyErrors, 3);
+        return;
+    }
     if (sem_destroy(&_sem) != 0 && MayThrowFromDestructor())
-        RaiseSem("CSem::~CSem - failed destroy semaphore\n", errno,
-                 {{EBUSY, "there are currently processes blocked on the semaphore"},
-                  {EINVAL, "current object is not a valid semaphore"}},
-                 3);
+        RaiseSem("CSem::~CSem - failed destroy semaphore\n", errno, kDestroyErrors, 3);
 }
 
 void CSem::P()
 {
+    Waiting counted(_waiters);
     IMPL::SemP(&_sem, "CSem::P - failed P a semaphore\n");
 }
 
@@ -59,6 +78,7 @@ bool CSem::TryP()
 
 bool CSem::TimedP(uint32_t milliseconds)
 {
+    Waiting counted(_waiters);
     return IMPL::SemTimedP(&_sem, milliseconds, "CSem::P - failed P a semaphore\n");
 }
 

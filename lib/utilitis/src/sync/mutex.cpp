@@ -10,6 +10,8 @@
 
 #include <cerrno>
 
+#include <karu/TextConv/TextConv.h>
+
 namespace Karu {
 namespace IMPL {
 
@@ -218,32 +220,36 @@ void CMutex::UnLock() { DoUnlock(&_mutex, kMutexHeads); }
 // ---- CProcMutex ----------------------------------------------------------------
 
 CProcMutex::CProcMutex(bool lockNow, const stringEx& name) { __Create(lockNow, name); }
-CProcMutex::CProcMutex(bool lockNow, const wstringEx& name) { __Create(lockNow, IMPL::ToSysBytes(name)); }
+CProcMutex::CProcMutex(bool lockNow, const wstringEx& name) { __Create(lockNow, SysWCtoMB(name)); }
 CProcMutex::CProcMutex(bool lockNow, const char* name) { __Create(lockNow, stringEx(name)); }
-CProcMutex::CProcMutex(bool lockNow, const wchar_t* name) { __Create(lockNow, IMPL::ToSysBytes(name)); }
+CProcMutex::CProcMutex(bool lockNow, const wchar_t* name) { __Create(lockNow, SysWCtoMB(wstringEx(name))); }
 CProcMutex::CProcMutex(const stringEx& name) { __Open(name); }
-CProcMutex::CProcMutex(const wstringEx& name) { __Open(IMPL::ToSysBytes(name)); }
+CProcMutex::CProcMutex(const wstringEx& name) { __Open(SysWCtoMB(name)); }
 CProcMutex::CProcMutex(const char* name) { __Open(stringEx(name)); }
-CProcMutex::CProcMutex(const wchar_t* name) { __Open(IMPL::ToSysBytes(name)); }
+CProcMutex::CProcMutex(const wchar_t* name) { __Open(SysWCtoMB(wstringEx(name))); }
 
 void CProcMutex::__Create(bool lockNow, const stringEx& name)
 {
     bool created;
     try {
-        created = SetupMapView(_shm, name, sizeof(pthread_mutex_t), kAccessReadWrite);
+        // Made, and taken when asked, before any other process can see it.
+        created = SetupInitialisedMapView(
+            _shm, name, sizeof(pthread_mutex_t), kAccessReadWrite,
+            [lockNow](void* at) {
+                auto* mutex = static_cast<pthread_mutex_t*>(at);
+                InitMutex(mutex, true, kNamedInit);
+                if (lockNow)
+                    DoLock(mutex, kProcHeads);
+            },
+            [lockNow](void* at) {
+                if (lockNow)
+                    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(at));
+            });
     } catch (const shmemExp& e) {
         Throw<mutexExp>(NamedHead("CProcMutex::CProcMutex - failed create shared memory\n", name, e), 1);
     }
-    if (!created)
-        return;  // the first process set it up; joining takes no lock
-    try {
-        InitMutex(Native(), true, kNamedInit);
-    } catch (...) {
-        ReleaseMapView(_shm);
-        throw;
-    }
-    if (lockNow)
-        Lock();
+    if (created && lockNow)
+        _holds = 1;  // a joiner takes no lock
 }
 
 void CProcMutex::__Open(const stringEx& name)
@@ -271,14 +277,51 @@ CProcMutex::~CProcMutex() noexcept(false)
             }
         }
     } unmap{_shm};
-    if (_shm.Created() && _shm.address)
-        DestroyMutex(Native(), kProcHeads.destroy);
+    if (!_shm.address)
+        return;
+    pthread_mutex_t* const mutex = Native();
+    const int64_t mine = _holds.load();
+    const bool destroy = _shm.Created() && !_leaveIntact;
+    if (mine == 0 && !destroy)
+        return;  // an opener that holds nothing leaves the lock as it is
+    // Anybody's hold shows as a failed try; this thread's own holds as a
+    // successful one, which are all given back with it.
+    bool locked = mine > 0;
+    int result = Settle(mutex, pthread_mutex_trylock(mutex));
+    if (result == 0) {
+        for (int64_t i = 0; i <= mine; ++i)
+            pthread_mutex_unlock(mutex);
+        _holds = 0;
+    } else if (result == EBUSY) {
+        locked = true;
+    } else if (destroy && MayThrowFromDestructor()) {
+        Raise(kProcHeads.destroy, result, kDestroyErrors, 3);
+    }
+    if (locked) {
+        if (MayThrowFromDestructor())
+            Raise(kProcHeads.destroy, EBUSY, kDestroyErrors, 3);
+        return;  // left working for whoever holds it
+    }
+    if (destroy)
+        DestroyMutex(mutex, kProcHeads.destroy);
 }
 
-bool CProcMutex::Lock() { return DoLock(Native(), kProcHeads); }
-bool CProcMutex::TryLock() { return DoTryLock(Native(), kProcHeads); }
-bool CProcMutex::TimedLock(const CTime& deadline) { return DoTimedLock(Native(), deadline); }
-bool CProcMutex::TimedLock(uint32_t milliseconds) { return DoTimedLock(Native(), milliseconds, kProcHeads); }
-void CProcMutex::UnLock() { DoUnlock(Native(), kProcHeads); }
+bool CProcMutex::__Taken(bool taken) noexcept
+{
+    if (taken)
+        ++_holds;
+    return taken;
+}
+
+bool CProcMutex::Lock() { return __Taken(DoLock(Native(), kProcHeads)); }
+bool CProcMutex::TryLock() { return __Taken(DoTryLock(Native(), kProcHeads)); }
+bool CProcMutex::TimedLock(const CTime& deadline) { return __Taken(DoTimedLock(Native(), deadline)); }
+bool CProcMutex::TimedLock(uint32_t milliseconds) { return __Taken(DoTimedLock(Native(), milliseconds, kProcHeads)); }
+
+void CProcMutex::UnLock()
+{
+    DoUnlock(Native(), kProcHeads);
+    --_holds;
+}
 
 }  // namespace Karu

@@ -8,11 +8,15 @@
 //
 // Two processes may race to create one name: exactly one creates, and the
 // other may map the object before the creator has initialised what it holds.
-// Callers that care (the named events) guard their set-up with a second,
-// companion object.
+// SetupInitialisedMapView closes that window for the callers that care (the
+// named locks and events): it makes a new object under a private name, sets
+// up its contents, and only then links it under its own name, so that every
+// process that opens the name finds it whole. A creator that dies half-way
+// leaves no half-made object under the name.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include <karu/string/karuExp.h>
 
@@ -35,6 +39,8 @@ struct SMO_HANDLE {
     // Holds the name's data when this process created the object; empty otherwise.
     stringEx created;
     stringEx name;
+    // The access mode it was opened with, for the messages of later failures.
+    uint32_t flag = 0;
 
     bool Created() const noexcept { return !created.empty(); }
 };
@@ -52,6 +58,18 @@ bool SetupMapView(SMO_HANDLE& handle, const stringEx& name, uint64_t size, uint3
 bool SetupMapView(SMO_HANDLE& handle, const wstringEx& name, uint64_t size, uint32_t access, void* address = nullptr);
 bool SetupMapView(SMO_HANDLE& handle, const char* name, uint64_t size, uint32_t access, void* address = nullptr);
 bool SetupMapView(SMO_HANDLE& handle, const wchar_t* name, uint64_t size, uint32_t access, void* address = nullptr);
+// What a new object holds before any other process may open it; and what
+// undoes it if another process published the name first (the new object is
+// then dropped and the other one joined). Both get the mapped address.
+using SmoSetUp = std::function<void(void* address)>;
+
+// Creates and sets up, or joins, `name`, mapped whole; true when this call
+// created it. A new object is made under a private name, sized to `size`,
+// mapped, handed to `setUp`, and then linked under `name`; an object found
+// under the name was made the same way and is mapped as it is.
+bool SetupInitialisedMapView(SMO_HANDLE& handle, const stringEx& name, uint64_t size, uint32_t access,
+                             const SmoSetUp& setUp, const SmoSetUp& undo = nullptr);
+
 // Opens an existing object only, then maps it whole.
 void OpenMapView(SMO_HANDLE& handle, const stringEx& name, uint32_t access, void* address = nullptr);
 void OpenMapView(SMO_HANDLE& handle, const wstringEx& name, uint32_t access, void* address = nullptr);
@@ -60,13 +78,5 @@ void OpenMapView(SMO_HANDLE& handle, const wchar_t* name, uint32_t access, void*
 
 // Unmaps and closes; removes the name when this process created the object.
 void ReleaseMapView(SMO_HANDLE& handle);
-
-namespace IMPL {
-// A name in the system's narrow encoding, as the platform's calls take it.
-stringEx ToSysBytes(const wstringEx& text);
-stringEx ToSysBytes(const wchar_t* text);
-// Bytes of the system's encoding as wide text.
-wstringEx FromSysBytes(const stringEx& text);
-}  // namespace IMPL
 
 }  // namespace Karu

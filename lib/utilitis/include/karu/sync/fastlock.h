@@ -31,6 +31,8 @@ public:
     // `maximum` is accepted for symmetry with the named semaphores; the
     // platform's own limit is what applies.
     CSem(unsigned value, unsigned maximum);
+    // Destroying a semaphore on which a thread waits raises "there are
+    // currently processes blocked on the semaphore" and leaves it as it is.
     ~CSem() noexcept(false);
     CSem(const CSem&) = delete;
     CSem& operator=(const CSem&) = delete;
@@ -46,6 +48,8 @@ public:
 private:
     void __Init(unsigned value);
     sem_t _sem;
+    // Threads inside P or TimedP; the platform does not tell.
+    std::atomic<uint32_t> _waiters{0};
 };
 
 namespace IMPL {

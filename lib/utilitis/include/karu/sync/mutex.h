@@ -6,10 +6,21 @@
 // shared-memory object, so unrelated processes that use one name share one
 // lock. Only the creator initialises and destroys the platform mutex; an
 // opener, and a creator that found the name taken, attach to it as it is.
+// The creator sets the mutex up before the name appears (and takes it there
+// when asked to), so a process that joins at the same moment never locks a
+// mutex that is not yet made.
 //
 // A process that dies while holding a CProcMutex does not leave it locked
 // for ever: the next process to acquire it takes it over, and whatever the
 // lock guarded must be treated as possibly half-updated by that process.
+// Closing an object that this thread still holds gives the holds back
+// before the mapping goes (and raises, as the caller's fault): the system
+// could no longer hand a lock on unmapped memory to the next process.
+//
+// The creator's close ends the lock for everybody, as the creator of a named
+// object does: it must close last. Closing it while any thread or process
+// holds it raises "attempt to destroy a locked mutex" and leaves the mutex
+// working for its holders.
 //
 // Every failure raises mutexExp: reason 1 creating or opening, 3 closing,
 // 4 locking, 5 unlocking. Destructors raise too, unless an exception is
@@ -18,6 +29,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include <karu/misc/shmem.h>
@@ -75,12 +87,19 @@ public:
 
     bool Created() const noexcept { return _shm.Created(); }
     pthread_mutex_t* Native() noexcept { return static_cast<pthread_mutex_t*>(_shm.address); }
+    // The creator's close then leaves the mutex as it is (for an owner that
+    // knows other processes still use it), and only removes the name.
+    void LeaveIntactOnClose() noexcept { _leaveIntact = true; }
 
 private:
     void __Create(bool lockNow, const stringEx& name);
     void __Open(const stringEx& name);
+    bool __Taken(bool taken) noexcept;
 
     SMO_HANDLE _shm;
+    // Acquisitions through this object not yet given back.
+    std::atomic<int64_t> _holds{0};
+    bool _leaveIntact = false;
 };
 
 namespace IMPL {

@@ -140,7 +140,11 @@ TEST(ProcMutex, SharedByProcessesAndTakenOverFromADeadHolder)
         CProcMutex second(true, name.c_str());
         if (second.Created())
             return 1;
-        return CProcMutex(name.c_str()).TryLock() ? 0 : 2;
+        CProcMutex opened(name.c_str());
+        if (!opened.TryLock())
+            return 2;
+        opened.UnLock();
+        return 0;
     });
     EXPECT_EQ(joined.status, 0);
 }
