@@ -5,7 +5,17 @@
 // destructor at any moment of the process's life, and must find a working
 // lock. The installed log is released by an exit handler instead, so that
 // a record queued before exit is always delivered.
+//
+// Fork. Before a fork the forking thread takes the process-wide lock, the
+// installed log's lock and its dispatch lock, in the lock order, so that no
+// other thread is half-way through the log when the child is made; the
+// child then finds them held by itself alone, and any count of waiters that
+// no longer exist is dropped. The logging thread itself takes none of them
+// (a producer may hold them while it waits for this thread): its child
+// frees whatever other threads held.
 #include <karu/log/log.h>
+
+#include <pthread.h>
 
 #include <cstdlib>
 
@@ -55,37 +65,133 @@ void ReleaseInstanceAtExit()
 
 const bool g_exitHandlerRegistered = (std::atexit(ReleaseInstanceAtExit), true);
 
-// The filter, then formatting, then delivery; all under the process-wide lock.
-void Filtered(int32_t level, const stringEx& channel, const char* format, va_list args)
+std::atomic<uint32_t> g_forkGeneration{0};
+
+bool Passes(int32_t level, int32_t threshold)
 {
+    return threshold < kLogDisabled && level != kLogDisabled && level >= threshold;
+}
+
+// The filter, then formatting (`make` gives the message, called once), then
+// delivery; under the process-wide lock, except on the logging thread.
+template <class Make>
+void Filtered(int32_t level, const stringEx& channel, Make make)
+{
+    if (IMPL::CLoggingThread* here = IMPL::CLoggingThread::Current()) {
+        if (!Passes(level, here->Log()->GetThreshold()))
+            return;
+        here->DeliverHere(level, channel, make());
+        if (level == kLogFatal)
+            here->FlushHere();
+        return;
+    }
     {
         CFastLockHolder hold(State().lock);
         CLog::Handle* log = State().instance;
-        if (!log || !*log || level < (*log)->GetThreshold())
+        if (!log || !*log || !Passes(level, (*log)->GetThreshold()))
             return;
-        (*log)->Write(level, channel, stringEx::FormatV(format, args));
+        (*log)->Write(level, channel, make());
     }
     if (level == kLogFatal)
         CLog::Flush();
 }
 
+void Filtered(int32_t level, const stringEx& channel, const char* format, va_list args)
+{
+    Filtered(level, channel, [&] { return stringEx::FormatV(format, args); });
+}
+
 void Filtered(int32_t level, const stringEx& channel, const stringEx& message)
 {
-    {
-        CFastLockHolder hold(State().lock);
-        CLog::Handle* log = State().instance;
-        if (!log || !*log || level < (*log)->GetThreshold())
-            return;
-        (*log)->Write(level, channel, message);
-    }
-    if (level == kLogFatal)
-        CLog::Flush();
+    Filtered(level, channel, [&] { return message; });
 }
 
 // A channel given as a pointer; null reads as the empty channel.
 stringEx Channel(const char* channel)
 {
     return stringEx(channel ? channel : "");
+}
+
+}  // namespace
+
+namespace IMPL {
+
+uint32_t ForkGeneration() noexcept
+{
+    return g_forkGeneration.load(std::memory_order_relaxed);
+}
+
+struct LogFork {
+    // Set by Prepare in the forking thread, read by Parent or Child in it.
+    static inline bool stateHeld = false;
+    static inline CLog* logHeld = nullptr;
+    static inline FAST_PCLOCK* dispatchHeld = nullptr;
+
+    static void Prepare()
+    {
+        stateHeld = false;
+        logHeld = nullptr;
+        dispatchHeld = nullptr;
+        if (CLoggingThread::Current())
+            return;
+        State().lock.Lock();
+        stateHeld = true;
+        CLog::Handle* instance = State().instance;
+        if (!instance || !*instance)
+            return;
+        logHeld = instance->get();
+        logHeld->lock.Lock();
+        if (logHeld->_thread && logHeld->_thread->BelongsToThisProcess()) {
+            dispatchHeld = &logHeld->_thread->DispatchLock();
+            dispatchHeld->Lock();
+        }
+    }
+
+    static void Parent()
+    {
+        if (dispatchHeld)
+            dispatchHeld->Unlock();
+        if (logHeld)
+            logHeld->lock.Unlock();
+        if (stateHeld)
+            State().lock.Unlock();
+    }
+
+    static void Child()
+    {
+        g_forkGeneration.fetch_add(1, std::memory_order_relaxed);
+        CLoggingThread::ForgetCurrentAfterFork();
+        // The dispatch lock belongs to the parent's thread, which is left
+        // alone here; the other two are ours or nobody's.
+        State().lock.ForgetOtherThreads();
+        CLog::Handle* instance = State().instance;
+        if (instance && *instance)
+            (*instance)->lock.ForgetOtherThreads();
+        if (logHeld)
+            logHeld->lock.Unlock();
+        if (stateHeld)
+            State().lock.Unlock();
+    }
+};
+
+}  // namespace IMPL
+
+namespace {
+
+const bool g_forkHandlersRegistered =
+    (pthread_atfork(IMPL::LogFork::Prepare, IMPL::LogFork::Parent, IMPL::LogFork::Child), true);
+
+// A forked child's log cannot stop its parent's thread, and must not free
+// it; it stays here, reachable, for the rest of the child's life.
+constexpr int kAbandonedThreads = 16;  // one per generation of forks while logging
+IMPL::CLoggingThread* g_abandoned[kAbandonedThreads];
+std::atomic<int> g_abandonedCount{0};
+
+void AbandonAfterFork(IMPL::CLoggingThread* thread) noexcept
+{
+    const int slot = g_abandonedCount.fetch_add(1);
+    if (slot < kAbandonedThreads)
+        g_abandoned[slot] = thread;
 }
 
 }  // namespace
@@ -112,6 +218,7 @@ void CLog::SetInstance(const Handle& log)
     {
         CFastLockHolder hold(State().lock);
         (void)g_exitHandlerRegistered;
+        (void)g_forkHandlersRegistered;
         if (!State().instance)
             State().instance = new Handle();
         old = std::move(*State().instance);
@@ -143,6 +250,10 @@ void CLog::EnableLogging()
 
 void CLog::Flush()
 {
+    if (IMPL::CLoggingThread* here = IMPL::CLoggingThread::Current()) {
+        here->FlushHere();
+        return;
+    }
     CFastLockHolder hold(State().lock);
     if (State().instance && *State().instance)
         (*State().instance)->FlushLoggers();
@@ -240,12 +351,36 @@ void CLog::SetThreshold(int32_t level)
     _threshold.store(level, std::memory_order_relaxed);
 }
 
-void CLog::__ReapDeadThread()
+void CLog::__SettleThread()
 {
-    if (_thread && _thread->IsDead() && !_thread->IsCurrentThread()) {
-        _thread->Wait();
-        delete _thread;
+    if (!_thread)
+        return;
+    if (!_thread->BelongsToThisProcess()) {
+        // Forked from a process whose logging thread this is: its queued
+        // records are the parent's to deliver.
+        AbandonAfterFork(_thread);
         _thread = nullptr;
+        return;
+    }
+    if (_thread->IsDead() && !_thread->IsCurrentThread())
+        __EndThread();
+}
+
+void CLog::__EndThread()
+{
+    IMPL::CLoggingThread* thread = _thread;
+    thread->Wait();
+    const std::deque<IMPL::LOG_RECORD> left = thread->TakeLeftovers();
+    _thread = nullptr;
+    delete thread;
+    for (const IMPL::LOG_RECORD& record : left) {
+        if (record.stop)
+            continue;
+        try {
+            __Deliver(CTime(record.time), record.level, record.channel, record.message);
+        } catch (...) {
+            // the main logger's failure has no caller left to reach
+        }
     }
 }
 
@@ -264,19 +399,32 @@ void CLog::__Deliver(const CTime& time, int32_t level, const stringEx& channel, 
     }
 }
 
+void CLog::__FlushStack()
+{
+    for (const LoggerHandle& logger : _loggers)
+        if (logger)
+            logger->Flush();
+}
+
 void CLog::Write(int32_t level, const stringEx& channel, const stringEx& message)
 {
+    IMPL::CLoggingThread* here = IMPL::CLoggingThread::Current();
+    if (here && here->Log() == this) {
+        here->DeliverHere(level, channel, message);
+        return;
+    }
     CFastLockHolder hold(lock);
     const CTime now = CTime::Now();
-    __ReapDeadThread();
-    if (_thread && !_thread->IsDead()) {
+    __SettleThread();
+    if (_thread) {
         IMPL::LOG_RECORD record;
         record.time = now.Microseconds();
         record.level = level;
         record.channel = channel;
         record.message = message;
-        _thread->Push(record);
-        return;
+        if (_thread->Push(record))
+            return;
+        __SettleThread();  // it died meanwhile: what it left goes first
     }
     __Deliver(now, level, channel, message);
 }
@@ -284,7 +432,7 @@ void CLog::Write(int32_t level, const stringEx& channel, const stringEx& message
 // Changes of the logger list wait for the record being delivered.
 #define KARU_LOGGERS_GUARD                                         \
     CFastLockHolder hold(lock);                                    \
-    __ReapDeadThread();                                            \
+    __SettleThread();                                              \
     FAST_PCLOCK* dispatch = _thread ? &_thread->DispatchLock() : nullptr; \
     if (dispatch)                                                  \
         dispatch->Lock();                                          \
@@ -356,19 +504,29 @@ size_t CLog::LoggerCount()
 
 void CLog::FlushLoggers()
 {
+    IMPL::CLoggingThread* here = IMPL::CLoggingThread::Current();
+    if (here && here->Log() == this) {
+        here->FlushHere();  // waiting for the queue would wait for this thread
+        return;
+    }
     CFastLockHolder hold(lock);
-    __ReapDeadThread();
-    if (_thread)
+    __SettleThread();
+    if (_thread) {
         _thread->WaitDrained();
-    for (const LoggerHandle& logger : _loggers)
-        if (logger)
-            logger->Flush();
+        __SettleThread();  // drained, or died: then what it left is delivered here
+    }
+    if (_thread) {
+        CFastLockHolder dispatch(_thread->DispatchLock());
+        __FlushStack();
+    } else {
+        __FlushStack();
+    }
 }
 
 bool CLog::StartLoggingThread(bool on, uint32_t capacity)
 {
     CFastLockHolder hold(lock);
-    __ReapDeadThread();
+    __SettleThread();
     if (on == (_thread != nullptr))
         return true;
     if (on) {
@@ -385,18 +543,15 @@ bool CLog::StartLoggingThread(bool on, uint32_t capacity)
         }
         return true;
     }
-    IMPL::CLoggingThread* thread = _thread;
-    thread->Stop();
-    thread->Wait();
-    _thread = nullptr;
-    delete thread;
+    _thread->Stop();  // behind every queued record, or at once if it died
+    __EndThread();
     return true;
 }
 
 bool CLog::IsLoggingThreadOn()
 {
     CFastLockHolder hold(lock);
-    __ReapDeadThread();
+    __SettleThread();
     return _thread != nullptr;
 }
 

@@ -2,9 +2,14 @@
 #include <karu/log/loggingThread.h>
 
 namespace Karu::IMPL {
+namespace {
+
+thread_local CLoggingThread* t_current = nullptr;
+
+}  // namespace
 
 CLoggingThread::CLoggingThread(CLog* log, uint32_t capacity)
-    : TThread(false), _queue(capacity), _log(log), _drained(true)
+    : TThread(false), _queue(capacity), _log(log), _drained(true), _generation(ForkGeneration())
 {
     if (capacity == 0)
         Throw<logExp>(ExpMessage("CLoggingThread::CLoggingThread - a queue of no room would block every record"), 5);
@@ -12,18 +17,27 @@ CLoggingThread::CLoggingThread(CLog* log, uint32_t capacity)
 
 CLoggingThread::~CLoggingThread() = default;
 
-bool CLoggingThread::IsCurrentThread() noexcept
+CLoggingThread* CLoggingThread::Current() noexcept
 {
-    const uint64_t handle = Handle();
-    return handle != 0 && pthread_equal(static_cast<pthread_t>(handle), pthread_self());
+    return t_current;
 }
 
-void CLoggingThread::__Enqueue(const LOG_RECORD& record, bool resetDrained)
+void CLoggingThread::ForgetCurrentAfterFork() noexcept
+{
+    t_current = nullptr;
+}
+
+bool CLoggingThread::IsCurrentThread() noexcept
+{
+    return t_current == this;
+}
+
+bool CLoggingThread::__Enqueue(const LOG_RECORD& record, bool resetDrained)
 {
     _queue.FreeSlots().P();
     if (IsDead()) {
         _queue.FreeSlots().V();  // pass the wake-up on to the next producer
-        return;
+        return false;
     }
     {
         CFastLockHolder drained(_drainedLock);
@@ -35,16 +49,25 @@ void CLoggingThread::__Enqueue(const LOG_RECORD& record, bool resetDrained)
             _drained.Reset();
     }
     _queue.UsedSlots().V();
+    return true;
 }
 
-void CLoggingThread::Push(const LOG_RECORD& record)
+bool CLoggingThread::Push(const LOG_RECORD& record)
 {
-    __Enqueue(record, true);
+    return __Enqueue(record, true);
 }
 
 void CLoggingThread::WaitDrained()
 {
     _drained.Wait();
+}
+
+std::deque<LOG_RECORD> CLoggingThread::TakeLeftovers()
+{
+    CFastLockHolder items(_queue.GetLock());
+    std::deque<LOG_RECORD> left;
+    left.swap(_queue.Items());
+    return left;
 }
 
 bool CLoggingThread::Stop()
@@ -54,6 +77,18 @@ bool CLoggingThread::Stop()
     order.stop = true;
     __Enqueue(order, false);
     return true;
+}
+
+void CLoggingThread::DeliverHere(int32_t level, const stringEx& channel, const stringEx& message)
+{
+    CFastLockHolder dispatch(_dispatchLock);  // held already inside a delivery
+    _log->__Deliver(CTime::Now(), level, channel, message);
+}
+
+void CLoggingThread::FlushHere()
+{
+    CFastLockHolder dispatch(_dispatchLock);
+    _log->__FlushStack();
 }
 
 void CLoggingThread::__Abandon() noexcept
@@ -68,6 +103,7 @@ void CLoggingThread::__Abandon() noexcept
 
 int32_t CLoggingThread::Run()
 {
+    t_current = this;
     try {
         for (;;) {
             bool nowEmpty = false;
@@ -86,12 +122,11 @@ int32_t CLoggingThread::Run()
             }
         }
     } catch (...) {
-        // The main logger raised: this thread ends, and the log goes back
-        // to delivering in the callers' threads. The failure is not logged:
-        // that would need CLog::lock, which the thread that reaps this one
-        // holds while it waits for the end.
+        // The main logger raised: this thread ends, the exit path of
+        // TThread reports why (delivered here, in place), and the log goes
+        // back to delivering in the callers' threads.
         __Abandon();
-        return -1;
+        throw;
     }
 }
 

@@ -87,6 +87,13 @@ void CSem::V(unsigned count)
     IMPL::SemV(&_sem, count, "CSem::V - failed V a semaphore\n");
 }
 
+void CSem::ForgetWaitersAfterFork() noexcept
+{
+    _waiters = 0;
+    while (sem_trywait(&_sem) == 0) {
+    }
+}
+
 // ---- the calls shared with the named semaphore ----------------------------------
 
 namespace IMPL {
@@ -187,6 +194,19 @@ void FAST_PCLOCK::Lock()
     __WaitSem()->P();
     owner.store(self, std::memory_order_relaxed);
     recursion = 1;
+}
+
+void FAST_PCLOCK::ForgetOtherThreads() noexcept
+{
+    if (recursion > 0 && owner.load(std::memory_order_relaxed) == CurrentThreadIdentity()) {
+        lockCount.store(int64_t(recursion) - 1);
+    } else {
+        owner.store(0);
+        recursion = 0;
+        lockCount.store(-1);
+    }
+    if (CSem* sem = waitSem.load())
+        sem->ForgetWaitersAfterFork();
 }
 
 void FAST_PCLOCK::Unlock()

@@ -10,7 +10,14 @@
 // lock, so a logger need not be thread-safe. StartLoggingThread switches to
 // asynchronous delivery: callers queue records on a bounded queue and one
 // logging thread hands them to the loggers (see log/loggingThread.h). A full
-// queue makes callers wait; records are never dropped.
+// queue makes callers wait; records are never dropped. A record that a
+// logger makes on the logging thread is delivered there at once.
+//
+// Level 6 disables: a log at threshold 6 delivers nothing, and no record
+// has level 6.
+//
+// A child forked while the logging thread runs logs synchronously: the
+// locks of the installed log are free in it, and its thread is the parent's.
 //
 // Lock order: the process-wide lock, CLog::lock, the dispatch lock of the
 // logging thread, the queue's lock.
@@ -86,6 +93,7 @@ private:
 
 namespace IMPL {
 class CLoggingThread;
+struct LogFork;
 }  // namespace IMPL
 
 class CLog {
@@ -156,8 +164,14 @@ public:
 
 private:
     friend class IMPL::CLoggingThread;
+    friend struct IMPL::LogFork;
     void __Deliver(const CTime& time, int32_t level, const stringEx& channel, const stringEx& message);
-    void __ReapDeadThread();
+    void __FlushStack();
+    // Under `lock`: a thread that died, or that belongs to the parent of a
+    // fork, is done with.
+    void __SettleThread();
+    // Under `lock`: waits for the thread's end, delivers what it left queued.
+    void __EndThread();
 
     std::vector<LoggerHandle> _loggers;
     uint32_t _flags;

@@ -11,9 +11,20 @@
 // that left the queue empty; so a waiter can neither pass a record that was
 // queued before it nor wait for one that was already delivered.
 //
+// Records made on the logging thread itself (by a logger that logs, or by
+// the fatal-error handler when a logger faults) are delivered at once, in
+// place, as in synchronous mode: queueing them would wait for this very
+// thread, and the locks a producer holds while it waits for room are not to
+// be taken here.
+//
 // If delivery fails (the main logger raised), the thread marks itself dead,
-// releases every waiter and ends without touching the log again; CLog then
-// reaps it and goes back to synchronous delivery.
+// releases every waiter and ends; the thread's exit path reports the failure,
+// delivered in place. CLog then reaps it, delivers in the caller's thread
+// whatever was still queued, and goes back to synchronous delivery.
+//
+// A child forked while the thread runs has no such thread; its log finds the
+// thread foreign (by the fork count) and delivers directly, leaving the
+// records queued before the fork to the parent.
 #pragma once
 
 #include <atomic>
@@ -34,6 +45,10 @@ struct LOG_RECORD {
     stringEx message;
 };
 
+// How many forks this process's line has gone through; a thread started at
+// another count belongs to an ancestor.
+uint32_t ForkGeneration() noexcept;
+
 class CLoggingThread : public TThread {
 public:
     using Queue = CMessageQueue<LOG_RECORD, std::deque<LOG_RECORD>, FAST_PCLOCK>;
@@ -46,17 +61,31 @@ public:
     // Queues the stop order; true: the thread ends of itself.
     bool Stop() override;
 
-    // The hand-over; blocks while the queue is full.
-    void Push(const LOG_RECORD& record);
-    // Returns once every record queued so far has been delivered.
+    // The hand-over; blocks while the queue is full. False when the thread
+    // has died and the record was not queued.
+    bool Push(const LOG_RECORD& record);
+    // Returns once every record queued so far has been delivered, or the
+    // thread has died.
     void WaitDrained();
+    // What the queue still holds; for the reaper of a thread that has ended.
+    std::deque<LOG_RECORD> TakeLeftovers();
 
+    // The logging thread that calls this, or null on any other thread.
+    static CLoggingThread* Current() noexcept;
+    // A child of a fork forgets the thread it was forked from.
+    static void ForgetCurrentAfterFork() noexcept;
+    // On this thread: delivers a record, or flushes the stack, in place.
+    void DeliverHere(int32_t level, const stringEx& channel, const stringEx& message);
+    void FlushHere();
+
+    CLog* Log() const noexcept { return _log; }
     bool IsDead() const noexcept { return _dead.load(std::memory_order_acquire); }
+    bool BelongsToThisProcess() const noexcept { return _generation == ForkGeneration(); }
     bool IsCurrentThread() noexcept;
     FAST_PCLOCK& DispatchLock() noexcept { return _dispatchLock; }
 
 private:
-    void __Enqueue(const LOG_RECORD& record, bool resetDrained);
+    bool __Enqueue(const LOG_RECORD& record, bool resetDrained);
     void __Abandon() noexcept;
 
     Queue _queue;
@@ -65,6 +94,7 @@ private:
     CEvent _drained;
     FAST_PCLOCK _drainedLock;
     std::atomic<bool> _dead{false};
+    uint32_t _generation;
 };
 
 }  // namespace Karu::IMPL

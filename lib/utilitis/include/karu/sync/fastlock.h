@@ -42,6 +42,9 @@ public:
     // 0 means TryP, kInfinite means P; false at expiry.
     bool TimedP(uint32_t milliseconds);
     void V(unsigned count = 1);
+    // In the child of a fork, where the threads that waited do not exist:
+    // no waiter, and no post left for one.
+    void ForgetWaitersAfterFork() noexcept;
 
     static constexpr uint32_t kInfinite = 0xFFFFFFFF;
 
@@ -72,6 +75,9 @@ struct FAST_PCLOCK {
 
     void Lock();
     void Unlock();
+    // In the child of a fork, where only the calling thread exists: a hold
+    // of this thread stays, any other holder and every waiter is gone.
+    void ForgetOtherThreads() noexcept;
 
     std::atomic<int64_t> lockCount{-1};
     uint64_t recursion = 0;

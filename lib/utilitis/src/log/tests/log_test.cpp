@@ -1,10 +1,14 @@
 // The log: the line format letter by letter, the filter, the logger stack,
-// and the asynchronous queue under many producers.
+// the asynchronous queue under many producers, and the logging thread's
+// failure paths: a fault in a logger, a logger that logs, a main logger that
+// raises, and a fork. Each failure path runs in a child with a deadline,
+// since on a faulty library it hangs.
 #include <karu/log/log.h>
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
 
 #include <atomic>
 #include <fstream>
@@ -113,7 +117,10 @@ TEST_F(LogFilter, ThresholdAndTheSavedThreshold)
     } rows[] = {
         {"below the threshold", nullptr, kLogInfo, false},
         {"exactly the threshold", nullptr, kLogWarning, true},
+        {"level 6 is no record's level", nullptr, kLogDisabled, false},
         {"disabled", [] { CLog::DisableLogging(); }, kLogFatal, false},
+        {"disabled, even at level 6", nullptr, kLogDisabled, false},
+        {"disabled, even at an unknown level above it", nullptr, 9, false},
         {"disabled twice, then enabled, stays disabled",
          [] {
              CLog::DisableLogging();
@@ -280,6 +287,201 @@ TEST_F(LogConcurrency, RecordsQueuedAtExitAreWritten)
     while (std::getline(file, line))
         EXPECT_NE(line.find("record " + std::to_string(count++)), std::string::npos) << line;
     EXPECT_EQ(count, kRecords);
+}
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+size_t Count(const std::string& text, const std::string& what)
+{
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+void ExpectEnd(const ChildEnd& end, int status)
+{
+    EXPECT_FALSE(end.timedOut) << "hung";
+    EXPECT_TRUE(end.exited) << "signal " << end.signal;
+    EXPECT_EQ(end.status, status);
+}
+
+volatile uintptr_t g_nowhere = 8;  // an unmapped address that is not null
+
+// Faults on the record "boom"; passes everything else.
+class Faulting : public ILogger {
+public:
+    bool Write(const CTime&, int32_t, const stringEx&, const stringEx& message) override
+    {
+        if (std::string(message.c_str()) == "boom")
+            *reinterpret_cast<volatile int*>(g_nowhere) = 1;
+        return true;
+    }
+};
+
+TEST_F(LogConcurrency, AFaultInALoggerOnTheLoggingThreadWritesTheFatalRecord)
+{
+    const std::string path = testing::TempDir() + "karu_log_thread_fault.txt";
+    unlink(path.c_str());
+    const ChildEnd end = RunChild([&] {
+        auto log = std::make_shared<CLog>();
+        log->PushLogger(std::make_shared<Faulting>());
+        log->PushLogger(std::make_shared<CFileLogger<CSysFile>>(stringEx(path.c_str())));
+        log->StartLoggingThread(true, 4);
+        CLog::SetInstance(log);
+        CLog::LogInfo("util.test", stringEx("before"));
+        CLog::LogInfo("util.test", stringEx("boom"));
+        CLog::Flush();  // the thread faults meanwhile: the handler ends the process
+        return 1;
+    });
+    ExpectEnd(end, 255);
+    const std::string text = ReadFile(path);
+    EXPECT_EQ(Count(text, "(util.test) before\n"), 1u) << text;
+    EXPECT_EQ(Count(text, "(util.errhnd) unrecoverable underlaying error ocurred: invalid memory reference\n"), 1u)
+        << text;
+}
+
+// Logs a record of its own for each record of the channel "app".
+class Echoing : public ILogger {
+public:
+    bool Write(const CTime&, int32_t, const stringEx& channel, const stringEx& message) override
+    {
+        if (std::string(channel.c_str()) == "app")
+            CLog::LogInfo("echo", "echo of %s", message.c_str());
+        return true;
+    }
+};
+
+// A logger that logs, with a queue so small that producers always wait for
+// room, and flushes in between: its records are delivered in place.
+TEST_F(LogConcurrency, ALoggerThatLogsDoesNotDeadlockAgainstAFullQueueOrAFlush)
+{
+    const ChildEnd end = RunChild([] {
+        auto log = std::make_shared<CLog>();
+        auto recorder = std::make_shared<Recorder>();
+        log->PushLogger(std::make_shared<Echoing>());
+        log->PushLogger(recorder);
+        if (!log->StartLoggingThread(true, 1))
+            return 2;
+        CLog::SetInstance(log);
+        constexpr int kThreads = 3, kRecords = 300;
+        std::vector<std::thread> producers;
+        for (int t = 0; t < kThreads; ++t)
+            producers.emplace_back([t] {
+                for (int i = 0; i < kRecords; ++i) {
+                    CLog::LogInfo("app", "%d.%d", t, i);
+                    if (i % 50 == 0)
+                        CLog::Flush();
+                }
+            });
+        for (auto& p : producers)
+            p.join();
+        CLog::Flush();
+        size_t app = 0, echoes = 0;
+        for (const auto& e : recorder->entries)
+            (e.channel == "app" ? app : echoes) += 1;
+        return app == kThreads * kRecords && echoes == app ? 0 : 1;
+    });
+    ExpectEnd(end, 0);
+}
+
+// The main logger raises for one record on the thread: the thread ends, as
+// it does by design, its end is reported, and every record queued behind the
+// failing one is still delivered, in order.
+TEST_F(LogConcurrency, AMainLoggerThatRaisesOnTheThreadIsReportedAndLosesNothing)
+{
+    const ChildEnd end = RunChild([] {
+        struct RaisingOnBoom : Recorder {
+            bool Write(const CTime& t, int32_t l, const stringEx& c, const stringEx& m) override
+            {
+                if (std::string(m.c_str()) == "boom")
+                    throw logExp(stringEx("main logger refused"), 9);
+                return Recorder::Write(t, l, c, m);
+            }
+        };
+        auto log = std::make_shared<CLog>();
+        auto stack = std::make_shared<Recorder>();
+        log->SetMainLogger(std::make_shared<RaisingOnBoom>());
+        log->PushLogger(stack);
+        if (!log->StartLoggingThread(true, 64))
+            return 2;
+        CLog::SetInstance(log);
+        CLog::LogInfo("util.test", stringEx("first"));
+        CLog::LogInfo("util.test", stringEx("boom"));
+        for (int i = 0; i < 40; ++i)
+            CLog::LogInfo("util.test", "after %d", i);
+        CLog::Flush();
+        if (log->IsLoggingThreadOn())
+            return 3;
+        CLog::LogInfo("util.test", stringEx("synchronous"));
+        std::vector<std::string> seen;
+        for (const auto& e : stack->entries)
+            seen.push_back(e.channel + " " + e.message);
+        std::vector<std::string> expect = {"util.test first",
+                                           "util.trd thread ended by an exception\n@ main logger refused"};
+        for (int i = 0; i < 40; ++i)
+            expect.push_back("util.test after " + std::to_string(i));
+        expect.push_back("util.test synchronous");
+        if (seen != expect) {
+            for (const auto& line : seen)
+                fprintf(stderr, "seen: %s\n", line.c_str());
+            return 1;
+        }
+        return 0;
+    });
+    ExpectEnd(end, 0);
+}
+
+// Children forked while the thread runs and another thread logs: each logs,
+// flushes and logs a fatal record in its own process, directly. The file
+// logger writes a record in pieces, so the parent's records may stand
+// between the pieces of a child's; each message is one piece.
+TEST_F(LogConcurrency, AChildForkedWhileTheThreadRunsLogsDirectly)
+{
+    const std::string path = testing::TempDir() + "karu_log_fork.txt";
+    unlink(path.c_str());
+    constexpr int kChildren = 20;
+    const ChildEnd end = RunScenario([&] {  // its own children go down with it at the deadline
+        auto log = std::make_shared<CLog>();
+        log->PushLogger(std::make_shared<CFileLogger<CSysFile>>(stringEx(path.c_str())));
+        if (!log->StartLoggingThread(true, 2))
+            return 2;
+        CLog::SetInstance(log);
+        std::atomic<bool> stop{false};
+        std::thread producer([&] {
+            for (int i = 0; !stop; ++i)
+                CLog::LogInfo("util.test", "parent %d", i);
+        });
+        int failures = 0;
+        for (int c = 0; c < kChildren; ++c) {
+            const pid_t child = fork();
+            if (child == 0) {
+                CLog::LogInfo("util.test", "child %02d", c);
+                CLog::Flush();
+                CLog::LogFatal("util.test", "child %02d fatal", c);
+                _exit(log->IsLoggingThreadOn() ? 3 : 0);
+            }
+            const ChildEnd childEnd = WaitChild(child, 10000);
+            failures += childEnd.timedOut || childEnd.status != 0;
+        }
+        stop = true;
+        producer.join();
+        CLog::SetInstance(nullptr);
+        return failures == 0 ? 0 : 1;
+    });
+    ExpectEnd(end, 0);
+    const std::string text = ReadFile(path);
+    for (int c = 0; c < kChildren; ++c) {
+        const std::string message = "child " + std::string(c < 10 ? "0" : "") + std::to_string(c);
+        EXPECT_EQ(Count(text, message), 2u) << message;
+        EXPECT_EQ(Count(text, message + " fatal"), 1u) << message;
+    }
 }
 
 }  // namespace
