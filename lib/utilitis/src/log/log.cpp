@@ -20,6 +20,9 @@
 #include <cstdlib>
 
 #include <karu/log/loggingThread.h>
+#include <karu/misc/errhandler.h>
+
+KARU_KEEP_ERROR_HANDLER()
 
 namespace Karu {
 namespace {

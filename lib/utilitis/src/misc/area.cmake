@@ -1,11 +1,18 @@
-# The default rule, plus the link option that keeps the fatal-error handler
-# in every program: nothing calls into its object, which installs itself from
-# a static initialiser, so a static library would otherwise leave it out.
+# The default rule, plus what the test of a program linked by hand needs:
+# the compiler, its flags, the library and its headers. The fatal-error
+# handler, which nothing calls into, stays in every program because the
+# library's common objects refer to it (see misc/errhandler.h).
 file(GLOB area_sources CONFIGURE_DEPENDS ${area_dir}/*.cpp)
 target_sources(karu PRIVATE ${area_sources})
-target_link_options(karu INTERFACE "LINKER:--undefined=karu_error_handler_anchor")
 file(GLOB area_tests CONFIGURE_DEPENDS ${area_dir}/tests/*.cpp)
 karu_add_tests(${area} ${area_tests})
+if(TARGET karu_misc_tests)
+  target_compile_definitions(karu_misc_tests PRIVATE
+    KARU_TEST_CXX="${CMAKE_CXX_COMPILER}"
+    KARU_TEST_CXX_FLAGS="${CMAKE_CXX_FLAGS} ${CMAKE_EXE_LINKER_FLAGS}"
+    KARU_TEST_LIBRARY="$<TARGET_FILE:karu>"
+    KARU_TEST_INCLUDE="${CMAKE_CURRENT_SOURCE_DIR}/include")
+endif()
 
 # The handler really is in the tool and in a test program that never names it.
 if(KARU_BUILD_TESTS AND CMAKE_NM)

@@ -5,9 +5,9 @@
 // handler runs over a state that can no longer be trusted.
 //
 // A static initialiser installs everything before main. A static library
-// would drop this object, since nothing calls into it; the library's link
-// interface therefore names karu_error_handler_anchor as undefined, which
-// pulls the object into every program that links the library.
+// would drop this object, since nothing calls into it; the objects that
+// every program of the library uses refer to karu_error_handler_anchor (see
+// errhandler.h), which pulls this object in, however the program is linked.
 //
 // The signal handler logs through the ordinary, not async-signal-safe,
 // logging calls: that is the price of a readable last record. A flag guards
@@ -28,7 +28,7 @@
 #include <karu/string/karuExp.h>
 
 extern "C" {
-// Referenced by the library's link options; see above.
+// Referred to by the objects that keep this one in a program; see above.
 int karu_error_handler_anchor = 0;
 }
 
