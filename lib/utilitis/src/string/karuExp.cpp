@@ -5,6 +5,11 @@
 #include <cstring>
 #include <exception>
 
+#include <karu/misc/errhandler.h>
+
+// Every function that raises uses this object: the fatal-error handler comes with it.
+KARU_KEEP_ERROR_HANDLER()
+
 namespace Karu {
 
 stringEx ErrnoDescription(int error, ErrnoTable table)
