@@ -197,11 +197,7 @@ void ColourMap::settle(Nfa& nfa)
         _descs[sco].openSub = kNoColour;
         if (d.charCount == 0) {
             // Nothing left of the parent: its arcs simply change colour.
-            while (Arc* a = _descs[co].arcs) {
-                unchainArc(a);
-                a->co = sco;
-                chainArc(a);
-            }
+            while (Arc* a = _descs[co].arcs) nfa.recolour(a, sco);
             release(co);
         } else {
             for (Arc* a = _descs[co].arcs; a != nullptr && !_sink->failed(); a = a->colNext)

@@ -19,10 +19,12 @@ constexpr colour kWhite = 0;
 constexpr colour kNoColour = -1;
 constexpr int kMaxColours = 32767;  // colours are signed 16-bit
 
-// A pattern whose automaton grows beyond these is refused as out of memory:
-// nested bounds multiply, and the matcher's state sets grow with the states.
-constexpr int kMaxStates = 60000;
-constexpr long kMaxArcs = 3000000;
+// A pattern whose automaton would grow beyond these is refused as out of
+// memory. Only nested bounds come near: (a{255}){255} needs 65,025 states
+// and compiles; one more level would need 16 million, and with the copies
+// the tree's nodes take, gigabytes. The limits keep a refused compile quick.
+constexpr int kMaxStates = 1 << 19;
+constexpr long kMaxArcs = 1L << 22;
 
 // The first error recorded wins; every stage tests it and falls through.
 struct ErrorSink {

@@ -101,19 +101,114 @@ template <class Ch>
 int Compiler<Ch>::numberTree(Subexpr* t, int start)
 {
     int i = start;
-    t->id = static_cast<uint16_t>(i++);
+    t->id = i++;
     if (t->left) i = numberTree(t->left, i);
     if (t->right) i = numberTree(t->right, i);
     return i;
+}
+
+// Whether a plain node matches only the empty string: nothing but empty
+// arcs between its ends (the tail the parser puts after a group, a {0}).
+template <class Ch>
+bool Compiler<Ch>::onlyEmpty(const Subexpr& t)
+{
+    if (t.begin == t.end) return true;
+    ++_walkStamp;
+    std::vector<State*> work{t.begin};
+    t.begin->walk = _walkStamp;
+    int seen = 1;
+    while (!work.empty()) {
+        State* s = work.back();
+        work.pop_back();
+        if (s == t.end) continue;
+        if (s->outCount == 0) return false;
+        for (Arc* a = s->outs; a; a = a->outNext) {
+            if (a->type != kEmpty) return false;
+            if (a->to->walk == _walkStamp) continue;
+            if (++seen > kSmallSpan) return false;
+            a->to->walk = _walkStamp;
+            work.push_back(a->to);
+        }
+    }
+    return true;
 }
 
 template <class Ch>
 void Compiler<Ch>::markTree(Subexpr* t)
 {
     t->flags |= kInUse;
-    if (t->op == '=' && t->begin && t->begin == t->end) t->flags |= kEmptyOnly;
+    if (t->op == '=' && t->begin && onlyEmpty(*t)) t->flags |= kEmptyOnly;
     if (t->left) markTree(t->left);
     if (t->right) markTree(t->right);
+}
+
+// Whether the part of the main graph a node spans is small: a walk from its
+// begin that stops at its end, and at the limit.
+template <class Ch>
+bool Compiler<Ch>::smallSpan(const Subexpr& t)
+{
+    ++_walkStamp;
+    std::vector<State*> work{t.begin};
+    t.begin->walk = _walkStamp;
+    int seen = 1;
+    while (!work.empty()) {
+        State* s = work.back();
+        work.pop_back();
+        if (s == t.end) continue;
+        for (Arc* a = s->outs; a; a = a->outNext)
+            if (a->to->walk != _walkStamp) {
+                if (++seen > kSmallSpan) return false;
+                a->to->walk = _walkStamp;
+                work.push_back(a->to);
+            }
+    }
+    return true;
+}
+
+// Which nodes get an automaton of their own. The matcher walks a
+// concatenation's left side to find where it may end, and asks whether the
+// right side spans the rest; it asks an alternation's branches whether they
+// span the whole. A node that is asked answers by its own automaton when it
+// is a leaf or small, and otherwise from its children's answers (see
+// dissect.cpp). Giving every node an automaton would copy, for a branch of k
+// groups, the rest of the branch k times: quadratic in the pattern.
+template <class Ch>
+void Compiler<Ch>::planAutomata(Subexpr* t, Need need)
+{
+    const bool leaf = t->op == '=' || t->op == 'b' || t->op == '*';
+    bool own = need == kNeedOwn || (need == kNeedAnswer && !(t->flags & kEmptyOnly) && (leaf || smallSpan(*t)));
+    if (t->op == 'b' || t->op == '*') own = true;  // checked in place of every iteration
+    if (own) t->flags |= kOwnAutomaton;
+    const Need inner = need == kNeedAnswer && !own ? kNeedAnswer : kNeedNone;
+    switch (t->op) {
+    case '(':
+        planAutomata(t->left, inner);
+        break;
+    case '.':
+        if (t->left->flags & kEmptyOnly) {
+            planAutomata(t->left, kNeedNone);
+            planAutomata(t->right, inner);
+        } else if (t->right->flags & kEmptyOnly) {
+            planAutomata(t->right, kNeedNone);
+            planAutomata(t->left, inner);
+        } else {
+            planAutomata(t->left, kNeedOwn);
+            planAutomata(t->right, kNeedAnswer);
+        }
+        break;
+    case '|':
+        for (Subexpr* c = t; c; c = c->right) {
+            c->flags |= kInUse;
+            planAutomata(c->left, kNeedOwn);
+        }
+        break;
+    case '*':
+        // Each iteration is found by the repeated atom's own automaton.
+        const_cast<Subexpr*>(t->body)->flags |= kOwnAutomaton;
+        break;
+    default:
+        break;
+    }
 }
 
 template <class Ch>
@@ -121,7 +216,10 @@ long Compiler<Ch>::buildNodeAutomaton(Subexpr& t)
 {
     if (_sink.failed()) return 0;
     Nfa child(_internals->colourMap, _sink, _nfa.get());
-    child.copyBetween(*_nfa, t.begin, t.end, child.bodyStart, child.bodyEnd);
+    {
+        const PassTimer timer(kPassCopy);
+        child.copyBetween(*_nfa, t.begin, t.end, child.bodyStart, child.bodyEnd);
+    }
     child.assignPseudoColours();
     const long bits = child.optimise(_trace);
     child.compact(t.automaton);
@@ -133,6 +231,7 @@ long Compiler<Ch>::buildAutomata(Subexpr* t)
 {
     if (t->left) buildAutomata(t->left);
     if (t->right) buildAutomata(t->right);
+    if (!(t->flags & kOwnAutomaton)) return 0;
     if (_trace) {
         if (t->id)
             std::fprintf(_trace, "\n\n\n========= TREE NODE %d ==========\n", t->id);
@@ -212,9 +311,12 @@ int Compiler<Ch>::run()
         _newlineColour = _internals->colourMap.splitChar('\n');
         _internals->colourMap.settle(*_nfa);
     }
-    if (!_sink.failed()) _tree = parseAlternation(kTokEnd, kTokPlain, _nfa->bodyStart, _nfa->bodyEnd);
-    if (!_sink.failed() && !see(kTokEnd)) _sink.set(RX_ERR_PAREN);
-    _nfa->assignPseudoColours();
+    {
+        const PassTimer timer(kPassParse);
+        if (!_sink.failed()) _tree = parseAlternation(kTokEnd, kTokPlain, _nfa->bodyStart, _nfa->bodyEnd);
+        if (!_sink.failed() && !see(kTokEnd)) _sink.set(RX_ERR_PAREN);
+        _nfa->assignPseudoColours();
+    }
     if (_trace && !_sink.failed()) {
         std::fputs("\n\n\n========= RAW ==========\n", _trace);
         dumpTree(_tree, _trace);
@@ -223,6 +325,7 @@ int Compiler<Ch>::run()
     if (!_sink.failed()) {
         _internals->nodeCount = numberTree(_tree, 1);
         markTree(_tree);
+        planAutomata(_tree, kNeedOwn);
         if (_trace) {
             std::fputs("\n\n\n========= TREE FIXED ==========\n", _trace);
             dumpTree(_tree, _trace);

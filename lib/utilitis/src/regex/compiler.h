@@ -107,9 +107,15 @@ private:
     void freeTree(Subexpr* t);
 
     // compile.cpp
+    enum Need { kNeedNone, kNeedAnswer, kNeedOwn };
+    // A node spanning more states than this answers from its children.
+    static constexpr int kSmallSpan = 64;
     void directors();
     int numberTree(Subexpr* t, int start);
     void markTree(Subexpr* t);
+    bool smallSpan(const Subexpr& t);
+    bool onlyEmpty(const Subexpr& t);
+    void planAutomata(Subexpr* t, Need need);
     long buildAutomata(Subexpr* t);
     long buildNodeAutomaton(Subexpr& t);
     void dumpTree(const Subexpr* t, FILE* out) const;
@@ -139,6 +145,7 @@ private:
     CharVector _vector;
     std::vector<Subexpr> _lookaheads;
     FILE* _trace = nullptr;
+    int _walkStamp = 0;
 };
 
 }  // namespace Karu::IMPL::rx

@@ -194,16 +194,32 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
     bool got = false;
     bool isPost = false;
     bool noProgress = true;
+    // Empty arcs the compiler kept lead on from every state a set gains.
+    const bool empties = _nfa.flags & kHasEmpty;
+    std::vector<int>& pending = _c->pending;
+    auto add = [&](int to) {
+        _c->work[to / 32] |= 1u << (to % 32);
+        if (to == _nfa.exit) isPost = true;
+        if (arcs[rows[to]].co == 0) noProgress = false;
+        if (empties) pending.push_back(to);
+    };
+    auto followEmpties = [&] {
+        while (!pending.empty()) {
+            const int i = pending.back();
+            pending.pop_back();
+            for (const CompactArc* a = arcs + rows[i] + 1; a->co != kNoColour; ++a)
+                if (a->co == kEmptyArc && !(_c->work[a->to / 32] & (1u << (a->to % 32)))) add(a->to);
+        }
+    };
     for (int i = 0; i < _nfa.stateCount; ++i) {
         if (!(css->bits[i / 32] & (1u << (i % 32)))) continue;
         for (const CompactArc* a = arcs + rows[i] + 1; a->co != kNoColour; ++a) {
             if (a->co != co) continue;
-            _c->work[a->to / 32] |= 1u << (a->to % 32);
             got = true;
-            if (a->to == _nfa.exit) isPost = true;
-            if (arcs[rows[a->to]].co == 0) noProgress = false;
+            if (!(_c->work[a->to / 32] & (1u << (a->to % 32)))) add(a->to);
         }
     }
+    followEmpties();
     bool sawLookahead = false;
     bool again = got && (_nfa.flags & kHasLookahead);
     while (again) {
@@ -215,10 +231,9 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
                 sawLookahead = true;
                 if (_c->work[a->to / 32] & (1u << (a->to % 32))) continue;
                 if (!lookahead(a->co - _nfa.colourCount, cp)) continue;
-                _c->work[a->to / 32] |= 1u << (a->to % 32);
+                add(a->to);
+                followEmpties();
                 again = true;
-                if (a->to == _nfa.exit) isPost = true;
-                if (arcs[rows[a->to]].co == 0) noProgress = false;
             }
         }
         if (_ex.err) return nullptr;
@@ -369,6 +384,44 @@ const Ch* Dfa<Ch>::longest(const Ch* start, const Ch* stop, bool* hitStop, const
     }
     if (earlier) *earlier = before ? before - 1 : nullptr;
     return post ? post - 1 : nullptr;
+}
+
+template <class Ch>
+void Dfa<Ch>::ends(const Ch* start, const Ch* stop, std::vector<const Ch*>& out, bool* hitStop)
+{
+    out.clear();
+    if (hitStop) *hitStop = false;
+    const Ch* cp = start;
+    const Ch* realStop = (stop == _ex.stop) ? stop : stop + 1;
+    StateSet* css = initialize(start);
+    if (!css) return;
+    css = step(css, startContext(start), cp, start);
+    if (!css) return;
+    note(css, cp);
+    while (cp < realStop) {
+        const colour co = colourOf(*cp);
+        StateSet* ss = row(css)[co];
+        if (!ss || ss == &_c->dead) {
+            if (ss) break;
+            note(css, cp);
+            ss = miss(css, co, cp + 1, start);
+            if (!ss) break;
+        }
+        ++cp;
+        if (ss != css && _c->used >= _c->capacity) note(css, cp - 1);
+        css = ss;
+        if (css->flags & kSetAccept) out.push_back(cp - 1);
+    }
+    note(css, cp);
+    if (_ex.err) {
+        out.clear();
+        return;
+    }
+    if (cp == _ex.stop && stop == _ex.stop) {
+        if (hitStop) *hitStop = true;
+        StateSet* ss = step(css, endContext(), cp, start);
+        if (ss && (ss->flags & kSetAccept)) out.push_back(cp);
+    }
 }
 
 // The search's common case: four known steps, none to an accepting set. One

@@ -83,6 +83,7 @@ struct DfaCache {
         return static_cast<int>((reinterpret_cast<const std::byte*>(s) - slots) / static_cast<ptrdiff_t>(stride));
     }
     uint32_t* work = nullptr;
+    std::vector<int> pending;  // states whose empty arcs are still to follow
     uint32_t* bitsArea = nullptr;
     InLink* inArea = nullptr;
     std::unique_ptr<uint8_t[]> stayArea;  // one row per set, made on the first skip
@@ -110,7 +111,6 @@ struct ExecState {
     const Ch* start = nullptr;
     const Ch* stop = nullptr;
     int err = 0;
-    uint64_t* retry = nullptr;
     MatchCaches* caches = nullptr;  // null: every walker builds its own
 };
 
@@ -133,6 +133,9 @@ public:
     const Ch* longest(const Ch* start, const Ch* stop, bool* hitStop, const Ch** earlier = nullptr);
     // End of the shortest match from start ending in [min, max], or null.
     const Ch* shortest(const Ch* start, const Ch* min, const Ch* max, const Ch** cold, bool* hitStop);
+    // Every end of a match from start not beyond stop, in ascending order:
+    // the candidates of a split, found in one walk instead of one each.
+    void ends(const Ch* start, const Ch* stop, std::vector<const Ch*>& out, bool* hitStop = nullptr);
 
 private:
     // The row of a set in a slot (outs, without loading it).

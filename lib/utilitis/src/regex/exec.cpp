@@ -25,7 +25,6 @@ int compilePattern(RxObject* object, const Ch* pattern, size_t length, int flags
 namespace {
 
 constexpr size_t kInlineMatches = 20;  // match array on the stack
-constexpr size_t kInlineRetry = 40;    // retry memory on the stack
 
 template <class Ch>
 void fillDetails(ExecState<Ch>& ex, const Ch* cold)
@@ -94,7 +93,8 @@ int find(ExecState<Ch>& ex)
     ex.matches[0] = {begin - ex.start, end - ex.start};
     fillDetails(ex, cold);
     if (ex.groupsWanted == 1) return RX_OK;
-    return dissect(ex, in.tree, begin, end);
+    Splitter<Ch> splitter(ex);
+    return splitter.dissect(in.tree, begin, end);
 }
 
 template <class Ch>
@@ -110,6 +110,8 @@ int findWithBackrefs(ExecState<Ch>& ex)
     const Ch* close = searchFrom(ex, none, whole);
     if (none) return RX_NOMATCH;
     const Ch* previousClose = nullptr;
+    std::vector<const Ch*> ends;
+    Splitter<Ch> splitter(ex);
     auto done = [&](int r) {
         fillDetails(ex, cold);
         return r;
@@ -124,38 +126,24 @@ int findWithBackrefs(ExecState<Ch>& ex)
         const Ch* open = cold ? cold : ex.start;
         cold = nullptr;
         for (const Ch* begin = open; begin <= close; ++begin) {
-            const Ch* earliest = begin;
-            const Ch* latest = ex.stop;
-            const Ch* next = nullptr;  // the next shorter end, when the last walk told it
-            bool nextKnown = false;
-            for (;;) {
-                bool hitEnd = false;
-                const Ch* end;
-                if (nextKnown) {
-                    end = next;
-                    nextKnown = false;
-                } else {
-                    end = shorter ? d.shortest(begin, earliest, latest, nullptr, &hitEnd)
-                                  : d.longest(begin, latest, &hitEnd, &next);
-                    nextKnown = !shorter;
-                }
-                if (ex.err) return ex.err;
-                if (hitEnd && !cold) cold = begin;
-                if (!end) break;
-                for (size_t i = 1; i < ex.groupsWanted; ++i) ex.matches[i] = {-1, -1};
-                std::fill(ex.retry, ex.retry + in.nodeCount, 0);
-                const int r = dissectRetry(ex, in.tree, begin, end);
+            // Every end the root's automaton allows, in one walk; the
+            // preferred first.
+            bool hitEnd = false;
+            d.ends(begin, ex.stop, ends, &hitEnd);
+            if (ex.err) return ex.err;
+            if (hitEnd && !cold) cold = begin;
+            splitter.forget();
+            for (size_t i = 0; i < ends.size(); ++i) {
+                const Ch* end = shorter ? ends[i] : ends[ends.size() - 1 - i];
+                for (size_t g = 1; g < ex.groupsWanted; ++g) ex.matches[g] = {-1, -1};
+                const int r = splitter.search(in.tree, begin, end, ends.back());
                 if (r == RX_OK) {
                     ex.matches[0] = {begin - ex.start, end - ex.start};
                     return done(RX_OK);
                 }
                 if (r != RX_NOMATCH) return r;
                 // A candidate narrowed down to its extreme ends the search.
-                if (shorter ? end == latest : end == begin) return done(RX_NOMATCH);
-                if (shorter)
-                    earliest = end + 1;
-                else
-                    latest = end - 1;
+                if (shorter ? end == ex.stop : end == begin) return done(RX_NOMATCH);
             }
         }
     } while (close < ex.stop);
@@ -210,8 +198,6 @@ int execute(const RxObject* object, const Ch* string, size_t length, RxDetails* 
         const bool backrefs = in->info & RX_USES_BACKREF;
         RxMatch inlineMatches[kInlineMatches];
         std::vector<RxMatch> heapMatches;
-        uint64_t inlineRetry[kInlineRetry];
-        std::vector<uint64_t> heapRetry;
 
         // A back-reference needs every group, even if the caller wants none.
         ex.groupsWanted = backrefs ? in->groupCount + 1 : std::min(matchCount, in->groupCount + 1);
@@ -222,14 +208,6 @@ int execute(const RxObject* object, const Ch* string, size_t length, RxDetails* 
             ex.matches = heapMatches.data();
         }
         for (size_t i = 0; i < ex.groupsWanted; ++i) ex.matches[i] = {-1, -1};
-        if (backrefs) {
-            if (static_cast<size_t>(in->nodeCount) <= kInlineRetry) {
-                ex.retry = inlineRetry;
-            } else {
-                heapRetry.resize(static_cast<size_t>(in->nodeCount));
-                ex.retry = heapRetry.data();
-            }
-        }
 
         const int r = backrefs ? findWithBackrefs(ex) : find(ex);
         if (r != RX_OK) return r;

@@ -21,6 +21,7 @@ constexpr uint8_t kCapture = 8;
 constexpr uint8_t kBackref = 0x10;
 constexpr uint8_t kEmptyOnly = 0x20;  // an '=' node that spans no arc: only the empty string
 constexpr uint8_t kInUse = 0x40;
+constexpr uint8_t kOwnAutomaton = 0x80;  // the matcher runs this node's own automaton
 constexpr uint8_t kPrefMask = 3;
 constexpr uint8_t kMessy = kMixed | kCapture | kBackref;
 
@@ -35,14 +36,22 @@ constexpr uint8_t flagsMerge(uint8_t a, uint8_t b)
 }
 
 struct Subexpr {
-    char op = '=';      // '|' alternation, '.' concatenation, '=' plain, '(' capture, 'b' back-reference
+    // '|' alternation, '.' concatenation, '=' plain, '(' capture,
+    // 'b' back-reference, '*' the first iterations of an atom that holds a
+    // back-reference (each must be checked; see dissect.cpp)
+    char op = '=';
     uint8_t flags = 0;
-    uint16_t id = 0;    // tree number, index into retry memory
+    int id = 0;         // tree number
     int groupNo = 0;    // group of '(' and 'b'; polarity of a look-ahead record
     int16_t min = 1;
     int16_t max = 1;    // RX_OPEN_BOUND is open
     Subexpr* left = nullptr;
     Subexpr* right = nullptr;
+    // For '*': the atom repeated, which the tree holds elsewhere as its last
+    // iteration; and the groups inside it, which each iteration has afresh.
+    const Subexpr* body = nullptr;
+    int firstGroup = 0;
+    int lastGroup = 0;
     State* begin = nullptr;
     State* end = nullptr;
     CompactNfa automaton;

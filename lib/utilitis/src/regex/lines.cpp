@@ -85,8 +85,10 @@ bool matchesOnlyAscii(const Internals& in)
                 continue;
             // ...and so must the last, which reads the character after the
             // match, while the steps between read only ASCII.
+            // (An empty arc reads nothing; its target is judged as a state of its own.)
             for (const CompactArc* arc = row(a, s); arc->co != kNoColour; ++arc)
-                if (arc->to != a.exit && (arc->co >= a.colourCount || beyond[static_cast<size_t>(arc->co)]))
+                if (arc->to != a.exit && arc->co != kEmptyArc &&
+                    (arc->co >= a.colourCount || beyond[static_cast<size_t>(arc->co)]))
                     return false;
             const bool ends = endsOn(a, s, contexts.front());
             for (const colour c : contexts)

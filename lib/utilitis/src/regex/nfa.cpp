@@ -1,21 +1,45 @@
-// The automaton graph: primitives, bound expansion, the optimiser and the
-// compact form. See nfa.h for the idea.
+// The automaton graph: primitives, bound expansion, the search form and the
+// compact form. See nfa.h for the idea; the optimiser is in optimise.cpp.
 //
 // Memory: states and arcs come from blocks owned by the automaton and go back
 // to free lists when released, so the many short-lived arcs of the optimiser
 // cost no heap calls; everything is returned in one sweep when the automaton
 // goes. Graph walks are iterative where the depth follows the pattern's
 // length (copies of large bounds), so a long pattern can't exhaust the stack.
+//
+// The arc index is a hash table chained through the arcs themselves: a state
+// of a large alternation has thousands of arcs, and looking through them for
+// a duplicate at every addition made building such a graph cubic.
 #include "nfa.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace Karu::IMPL::rx {
 
 namespace {
 constexpr size_t kStateBlock = 64;
-constexpr size_t kArcBatch = 10;  // arcs come in batches of this many
+constexpr size_t kArcBatch = 64;     // arcs come in blocks of this many
+constexpr size_t kFirstBuckets = 64; // the index doubles when it holds more arcs than buckets
+
+long long nowNanoseconds() noexcept
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+}  // namespace
+
+thread_local PassTimes* passTimes = nullptr;
+
+PassTimer::PassTimer(CompilePass pass) noexcept : _pass(pass)
+{
+    if (passTimes) _start = nowNanoseconds();
+}
+
+PassTimer::~PassTimer()
+{
+    if (passTimes) passTimes->seconds[_pass] += static_cast<double>(nowNanoseconds() - _start) * 1e-9;
 }
 
 Nfa::Nfa(ColourMap& map, ErrorSink& sink, Nfa* parent) : _map(map), _sink(sink), _parent(parent)
@@ -55,7 +79,7 @@ Nfa::~Nfa()
 State* Nfa::stateCreate()
 {
     if (failed()) return nullptr;
-    if (_stateCount >= kMaxStates) {
+    if (_liveStates >= kMaxStates) {
         fail(RX_ERR_MEMORY);
         return nullptr;
     }
@@ -70,6 +94,7 @@ State* Nfa::stateCreate()
         s = &_stateBlocks.back()[_stateBlockUsed++];
     }
     *s = State{};
+    ++_liveStates;
     s->number = _stateCount++;
     s->prev = _tail;
     if (_tail)
@@ -95,6 +120,7 @@ void Nfa::stateRelease(State* s)
     s->prev = nullptr;
     s->next = _spareStates;
     _spareStates = s;
+    --_liveStates;
 }
 
 void Nfa::stateDrop(State* s)
@@ -106,13 +132,14 @@ void Nfa::stateDrop(State* s)
 
 Arc* Nfa::takeArc()
 {
+    if (_liveArcs >= kMaxArcs) {
+        fail(RX_ERR_MEMORY);
+        return nullptr;
+    }
+    ++_liveArcs;
     if (Arc* a = _spareArcs) {
         _spareArcs = a->outNext;
         return a;
-    }
-    if (_arcCount >= kMaxArcs) {
-        fail(RX_ERR_MEMORY);
-        return nullptr;
     }
     if (_arcBatches.empty() || _arcBatchUsed == kArcBatch) {
         _arcBatches.push_back(std::make_unique<Arc[]>(kArcBatch));
@@ -129,20 +156,55 @@ Arc* Nfa::findArc(State* s, int type, colour co) const noexcept
     return nullptr;
 }
 
+Arc*& Nfa::bucket(int type, colour co, const State* from, const State* to) noexcept
+{
+    uint64_t h = reinterpret_cast<uintptr_t>(from) * 0x9E3779B97F4A7C15ull;
+    h ^= reinterpret_cast<uintptr_t>(to) * 0xC2B2AE3D27D4EB4Full;
+    h ^= (static_cast<uint64_t>(static_cast<uint16_t>(co)) << 8 | static_cast<uint64_t>(type)) * 0x165667B19E3779F9ull;
+    h ^= h >> 29;
+    return _index[static_cast<size_t>(h) & (_index.size() - 1)];
+}
+
+void Nfa::indexGrow()
+{
+    std::vector<Arc*> old(std::max(kFirstBuckets, _index.size() * 2), nullptr);
+    old.swap(_index);
+    for (Arc* head : old)
+        for (Arc* a = head; a;) {
+            Arc* next = a->hashNext;
+            Arc*& b = bucket(a->type, a->co, a->from, a->to);
+            a->hashNext = b;
+            b = a;
+            a = next;
+        }
+}
+
+void Nfa::indexInsert(Arc* a)
+{
+    if (static_cast<size_t>(_liveArcs) > _index.size()) indexGrow();
+    Arc*& b = bucket(a->type, a->co, a->from, a->to);
+    a->hashNext = b;
+    b = a;
+}
+
+void Nfa::indexErase(Arc* a) noexcept
+{
+    for (Arc** p = &bucket(a->type, a->co, a->from, a->to); *p; p = &(*p)->hashNext)
+        if (*p == a) {
+            *p = a->hashNext;
+            return;
+        }
+}
+
 void Nfa::arcAdd(int type, colour co, State* from, State* to)
 {
     if (failed() || from == nullptr || to == nullptr || co == kNoColour) {
         if (!failed() && (from == nullptr || to == nullptr)) fail(RX_ERR_INTERNAL);
         return;
     }
-    // Look on the shorter side for a duplicate.
-    if (from->outCount <= to->inCount) {
-        for (Arc* a = from->outs; a; a = a->outNext)
-            if (a->to == to && a->co == co && a->type == type) return;
-    } else {
-        for (Arc* a = to->ins; a; a = a->inNext)
-            if (a->from == from && a->co == co && a->type == type) return;
-    }
+    if (!_index.empty())
+        for (Arc* a = bucket(type, co, from, to); a; a = a->hashNext)
+            if (a->from == from && a->to == to && a->co == co && a->type == type) return;
     Arc* a = takeArc();
     if (!a) return;
     *a = Arc{};
@@ -158,6 +220,7 @@ void Nfa::arcAdd(int type, colour co, State* from, State* to)
     if (to->ins) to->ins->inPrev = a;
     to->ins = a;
     to->inCount++;
+    indexInsert(a);
     if (isMain() && (type == kPlain || type == kAhead || type == kBehind)) _map.chainArc(a);
 }
 
@@ -177,11 +240,30 @@ void Nfa::arcRemove(Arc* a)
         to->ins = a->inNext;
     if (a->inNext) a->inNext->inPrev = a->inPrev;
     to->inCount--;
+    indexErase(a);
+    --_liveArcs;
     if (isMain() && (a->type == kPlain || a->type == kAhead || a->type == kBehind)) _map.unchainArc(a);
     a->type = 0;
     a->from = a->to = nullptr;
     a->outNext = _spareArcs;
     _spareArcs = a;
+}
+
+void Nfa::recolour(Arc* a, colour co)
+{
+    for (Arc* b = bucket(a->type, co, a->from, a->to); b; b = b->hashNext)
+        if (b->from == a->from && b->to == a->to && b->co == co && b->type == a->type) {
+            arcRemove(a);
+            return;
+        }
+    indexErase(a);
+    const bool chained = isMain() && (a->type == kPlain || a->type == kAhead || a->type == kBehind);
+    if (chained) _map.unchainArc(a);
+    a->co = co;
+    if (chained) _map.chainArc(a);
+    Arc*& b = bucket(a->type, a->co, a->from, a->to);
+    a->hashNext = b;
+    b = a;
 }
 
 void Nfa::moveInArcs(State* oldS, State* newS)
@@ -354,316 +436,10 @@ void Nfa::assignPseudoColours()
     endColours[1] = _map.allocPseudo();
 }
 
-// ---- optimiser ----
-
-void Nfa::cleanup()
-{
-    if (failed()) return;
-    // walk 1: reachable from entry; walk 2: among those, can reach exit.
-    for (State* s = _head; s; s = s->next) s->walk = 0;
-    std::vector<State*> work{entry};
-    entry->walk = 1;
-    while (!work.empty()) {
-        State* s = work.back();
-        work.pop_back();
-        for (Arc* a = s->outs; a; a = a->outNext)
-            if (a->to->walk == 0) {
-                a->to->walk = 1;
-                work.push_back(a->to);
-            }
-    }
-    if (exit->walk == 1) {
-        exit->walk = 2;
-        work.push_back(exit);
-    }
-    while (!work.empty()) {
-        State* s = work.back();
-        work.pop_back();
-        for (Arc* a = s->ins; a; a = a->inNext)
-            if (a->from->walk == 1) {
-                a->from->walk = 2;
-                work.push_back(a->from);
-            }
-    }
-    for (State* s = _head; s;) {
-        State* next = s->next;
-        if (s->walk != 2 && s->role == 0) stateDrop(s);
-        s = next;
-    }
-    int n = 0;
-    for (State* s = _head; s; s = s->next) {
-        s->walk = 0;
-        s->number = n++;
-    }
-    _stateCount = n;
-}
-
-void Nfa::removeEmpties()
-{
-    // Each state takes over the non-empty out-arcs of every state it reaches
-    // by empty arcs alone, and then all empty arcs go. Moving one empty arc at
-    // a time is exponential on nested loops such as ((x*)*){0,2}; closures
-    // keep this polynomial. States left unreachable fall to the next cleanup.
-    if (failed()) return;
-    std::vector<State*> all;
-    for (State* s = _head; s; s = s->next) {
-        s->walk = 0;
-        all.push_back(s);
-    }
-    int stamp = 0;
-    std::vector<State*> closure;
-    std::vector<State*> work;
-    for (State* s : all) {
-        bool hasEmpty = false;
-        for (Arc* a = s->outs; a && !hasEmpty; a = a->outNext) hasEmpty = a->type == kEmpty;
-        if (!hasEmpty) continue;
-        ++stamp;
-        closure.clear();
-        work.assign(1, s);
-        s->walk = stamp;
-        while (!work.empty()) {
-            State* t = work.back();
-            work.pop_back();
-            for (Arc* a = t->outs; a; a = a->outNext)
-                if (a->type == kEmpty && a->to->walk != stamp) {
-                    a->to->walk = stamp;
-                    closure.push_back(a->to);
-                    work.push_back(a->to);
-                }
-        }
-        for (State* t : closure)
-            for (Arc* a = t->outs; a && !failed(); a = a->outNext)
-                if (a->type != kEmpty) arcAdd(a->type, a->co, s, a->to);
-        if (failed()) return;
-    }
-    for (State* s : all) {
-        s->walk = 0;
-        for (Arc* a = s->outs; a;) {
-            Arc* next = a->outNext;
-            if (a->type == kEmpty) arcRemove(a);
-            a = next;
-        }
-    }
-}
-
-namespace {
-enum Combine { kIncompatible, kSatisfied, kCompatible };
-
-Combine combine(const Arc* con, const Arc* a)
-{
-    auto same = [&] { return con->co == a->co ? kSatisfied : kIncompatible; };
-    switch (con->type) {
-    case kStart:
-        switch (a->type) {
-        case kPlain: return kIncompatible;
-        case kStart: return same();
-        case kEnd: case kAhead: case kLookRef: return kCompatible;
-        default: return kIncompatible;  // kBehind
-        }
-    case kEnd:
-        switch (a->type) {
-        case kPlain: return kIncompatible;
-        case kEnd: return same();
-        case kStart: case kBehind: case kLookRef: return kCompatible;
-        default: return kIncompatible;  // kAhead
-        }
-    case kAhead:
-        switch (a->type) {
-        case kPlain: case kAhead: return same();
-        case kStart: case kBehind: case kLookRef: return kCompatible;
-        default: return kIncompatible;  // kEnd
-        }
-    case kBehind:
-        switch (a->type) {
-        case kPlain: case kBehind: return same();
-        case kEnd: case kAhead: case kLookRef: return kCompatible;
-        default: return kIncompatible;  // kStart
-        }
-    }
-    return kIncompatible;
-}
-}  // namespace
-
-bool Nfa::pull(Arc* con)
-{
-    State* from = con->from;
-    State* to = con->to;
-    if (from == to) {
-        arcRemove(con);
-        return true;
-    }
-    if (from->role != 0) return false;
-    if (from->inCount == 0) {
-        arcRemove(con);
-        return true;
-    }
-    if (from->outCount > 1) {
-        State* s = stateCreate();
-        if (!s) return false;
-        copyInArcs(from, s);
-        arcCopy(con, s, to);
-        arcRemove(con);
-        from = s;
-        con = from->outs;
-    }
-    for (Arc* a = from->ins; a && !failed();) {
-        Arc* next = a->inNext;
-        switch (combine(con, a)) {
-        case kIncompatible:
-            arcRemove(a);
-            break;
-        case kSatisfied:
-            break;
-        case kCompatible: {
-            State* s = stateCreate();
-            if (!s) return false;
-            arcCopy(con, a->from, s);
-            arcCopy(a, s, to);
-            arcRemove(a);
-            break;
-        }
-        }
-        a = next;
-    }
-    moveInArcs(from, to);
-    stateDrop(from);
-    return true;
-}
-
-bool Nfa::push(Arc* con)
-{
-    State* from = con->from;
-    State* to = con->to;
-    if (from == to) {
-        arcRemove(con);
-        return true;
-    }
-    if (to->role != 0) return false;
-    if (to->outCount == 0) {
-        arcRemove(con);
-        return true;
-    }
-    if (to->inCount > 1) {
-        State* s = stateCreate();
-        if (!s) return false;
-        copyOutArcs(to, s);
-        arcCopy(con, from, s);
-        arcRemove(con);
-        to = s;
-        con = to->ins;
-    }
-    for (Arc* a = to->outs; a && !failed();) {
-        Arc* next = a->outNext;
-        switch (combine(con, a)) {
-        case kIncompatible:
-            arcRemove(a);
-            break;
-        case kSatisfied:
-            break;
-        case kCompatible: {
-            State* s = stateCreate();
-            if (!s) return false;
-            arcCopy(con, s, a->to);
-            arcCopy(a, from, s);
-            arcRemove(a);
-            break;
-        }
-        }
-        a = next;
-    }
-    moveOutArcs(to, from);
-    stateDrop(to);
-    return true;
-}
-
-void Nfa::pullConstraints()
-{
-    bool progress = true;
-    while (progress && !failed()) {
-        progress = false;
-        for (State* s = _head; s && !failed() && s->number >= 0;) {
-            State* nexts = s->next;
-            for (Arc* a = s->outs; a && !failed();) {
-                Arc* next = a->outNext;
-                if ((a->type == kStart || a->type == kBehind) && pull(a)) progress = true;
-                a = next;
-            }
-            s = nexts;
-        }
-    }
-    if (failed()) return;
-    for (Arc* a = entry->outs; a && !failed();) {
-        Arc* next = a->outNext;
-        if (a->type == kStart) {
-            arcAdd(kPlain, startColours[a->co], a->from, a->to);
-            arcRemove(a);
-        }
-        a = next;
-    }
-}
-
-void Nfa::pushConstraints()
-{
-    bool progress = true;
-    while (progress && !failed()) {
-        progress = false;
-        for (State* s = _head; s && !failed() && s->number >= 0;) {
-            State* nexts = s->next;
-            for (Arc* a = s->ins; a && !failed();) {
-                Arc* next = a->inNext;
-                if ((a->type == kEnd || a->type == kAhead) && push(a)) progress = true;
-                a = next;
-            }
-            s = nexts;
-        }
-    }
-    if (failed()) return;
-    for (Arc* a = exit->ins; a && !failed();) {
-        Arc* next = a->inNext;
-        if (a->type == kEnd) {
-            arcAdd(kPlain, endColours[a->co], a->from, a->to);
-            arcRemove(a);
-        }
-        a = next;
-    }
-}
-
-long Nfa::analyse() const
-{
-    if (entry->outs == nullptr) return RX_NEVER_MATCHES;
-    for (Arc* a = entry->outs; a; a = a->outNext)
-        for (Arc* b = a->to->outs; b; b = b->outNext)
-            if (b->to == exit) return RX_CAN_BE_EMPTY;
-    return 0;
-}
-
-long Nfa::optimise(FILE* trace)
-{
-    if (trace) std::fputs("\ninitial cleanup:\n", trace);
-    cleanup();
-    if (trace) {
-        dump(trace);
-        std::fputs("\nempties:\n", trace);
-    }
-    removeEmpties();
-    if (trace) {
-        dump(trace);
-        std::fputs("\nconstraints:\n", trace);
-    }
-    pullConstraints();
-    pushConstraints();
-    if (trace) {
-        dump(trace);
-        std::fputs("\nfinal cleanup:\n", trace);
-    }
-    cleanup();
-    if (trace) dump(trace);
-    return failed() ? 0 : analyse();
-}
-
 void Nfa::makeSearch()
 {
     if (failed()) return;
+    const PassTimer timer(kPassCompact);
     bool anchored = true;
     for (Arc* a = entry->outs; a; a = a->outNext)
         if (a->co != startColours[0] && a->co != startColours[1]) anchored = false;
@@ -706,6 +482,7 @@ void Nfa::makeSearch()
 void Nfa::compact(CompactNfa& out)
 {
     if (failed()) return;
+    const PassTimer timer(kPassCompact);
     int count = 0;
     size_t arcs = 0;
     for (State* s = _head; s; s = s->next) {
@@ -734,6 +511,9 @@ void Nfa::compact(CompactNfa& out)
             } else if (a->type == kLookRef) {
                 out.arcs.push_back({static_cast<colour>(out.colourCount + a->co), a->to->number});
                 out.flags |= kHasLookahead;
+            } else if (a->type == kEmpty) {
+                out.arcs.push_back({kEmptyArc, a->to->number});
+                out.flags |= kHasEmpty;
             }
             // Constraints that could not be moved to an end stay unsatisfiable.
         }

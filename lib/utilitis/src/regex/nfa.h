@@ -4,14 +4,21 @@
 // The parser extends a mutable graph of states and arcs of several kinds:
 // plain arcs on colours, empty arcs, string and line constraints, look-ahead
 // and look-behind colour constraints, and references to look-ahead
-// sub-patterns. optimise() removes every empty arc, pulls start constraints
-// back to the entry and pushes end constraints forward to the exit, where they
+// sub-patterns. optimise() (optimise.cpp) removes the empty arcs it can
+// without the graph growing past a small factor, pulls start constraints back
+// to the entry and pushes end constraints forward to the exit, where they
 // become plain arcs on pseudo colours that stand for the string's ends; then
-// compact() packs the graph into two arrays. The subtle parts are the
+// compact() packs the graph into two arrays. Empty arcs that stay are followed
+// by the matcher when it builds a state set. The subtle parts are the
 // constraint moves (a constraint that meets an arc it contradicts deletes the
-// arc, which is how `a^b` becomes impossible) and the search form, whose entry
-// must be split from states reachable after progress so that the matcher can
-// tell where a match could still begin.
+// arc, which is how `a^b` becomes impossible), loops of arcs that consume
+// nothing (which a constraint could travel round for ever), and the search
+// form, whose entry must be split from states reachable after progress so that
+// the matcher can tell where a match could still begin.
+//
+// Every operation on the graph costs time independent of its size: arcs are
+// found by an index on (type, colour, from, to), so that adding an arc does
+// not search the arcs a state already has.
 #pragma once
 
 #include "colourmap.h"
@@ -33,6 +40,7 @@ struct Arc {
     Arc* inPrev = nullptr;
     Arc* colNext = nullptr;
     Arc* colPrev = nullptr;
+    Arc* hashNext = nullptr;  // chain of the arc index
 };
 
 struct State {
@@ -50,6 +58,9 @@ struct State {
 
 // The matcher's form: per state a row of (colour, target), first a header
 // whose colour is 1 for a no-progress state, last a terminator of colour -1.
+// An empty arc that optimise() kept has colour kEmptyArc: the matcher adds its
+// target to every state set that holds its source.
+constexpr colour kEmptyArc = -2;
 struct CompactArc {
     colour co;
     int32_t to;
@@ -58,7 +69,7 @@ struct CompactArc {
 struct CompactNfa {
     int stateCount = 0;
     int colourCount = 0;
-    int flags = 0;  // kHasLookahead
+    int flags = 0;  // kHasLookahead, kHasEmpty
     int entry = 0;
     int exit = 0;
     colour startColours[2] = {0, 0};
@@ -69,6 +80,39 @@ struct CompactNfa {
     bool empty() const noexcept { return rows.empty(); }
 };
 constexpr int kHasLookahead = 1;
+constexpr int kHasEmpty = 2;
+
+// What each stage of compiling costs, for the benchmark that shows it. The
+// compiler adds to the record a thread points at, when it points at one.
+enum CompilePass : int {
+    kPassParse,        // lexing and parsing, with the colour map
+    kPassCopy,         // copying a node's part of the graph into its own
+    kPassCleanup,      // dropping states off every path
+    kPassFold,         // merging states that empty arcs make equivalent
+    kPassLoops,        // unrolling loops that consume nothing
+    kPassEmpties,      // removing empty arcs
+    kPassConstraints,  // pulling and pushing constraints to the ends
+    kPassCompact,      // search form and the matcher's arrays
+    kPassCount
+};
+struct PassTimes {
+    double seconds[kPassCount] = {};
+    long automata = 0;  // automata optimised
+};
+extern thread_local PassTimes* passTimes;
+
+// Adds the time from its making to its end to one pass, when asked to.
+class PassTimer {
+public:
+    explicit PassTimer(CompilePass pass) noexcept;
+    ~PassTimer();
+    PassTimer(const PassTimer&) = delete;
+    PassTimer& operator=(const PassTimer&) = delete;
+
+private:
+    CompilePass _pass;
+    long long _start = 0;
+};
 
 class Nfa {
 public:
@@ -95,6 +139,8 @@ public:
     void arcAdd(int type, colour co, State* from, State* to);
     void arcCopy(const Arc* a, State* from, State* to) { arcAdd(a->type, a->co, from, to); }
     void arcRemove(Arc* a);
+    // Gives an arc another colour; it goes if the graph has that arc already.
+    void recolour(Arc* a, colour co);
     Arc* findArc(State* s, int type, colour co) const noexcept;
 
     void moveInArcs(State* oldS, State* newS);
@@ -102,6 +148,9 @@ public:
     void copyInArcs(State* oldS, State* newS);
     void copyOutArcs(State* oldS, State* newS);
     void cloneOuts(State* old, State* from, State* to, int type);
+
+    int stateCount() const noexcept { return _stateCount; }
+    long arcCount() const noexcept { return _liveArcs; }
 
     void deleteBetween(State* left, State* right);
     // Copies the graph between start and stop of `src` between from and to
@@ -117,15 +166,26 @@ public:
     void dump(FILE* out) const;
 
 private:
+    // optimise.cpp
     void cleanup();
+    void foldEmpties();
+    void mergeCycles();
+    void breakZeroWidthLoops();
+    void unrollLoop(const std::vector<State*>& loop);
     void removeEmpties();
     void pullConstraints();
-    bool pull(Arc* con);
+    bool pull(Arc* con, std::vector<State*>& touched);
     void pushConstraints();
-    bool push(Arc* con);
-    long analyse() const;
+    bool push(Arc* con, std::vector<State*>& touched);
+    long analyse();
+    std::vector<std::vector<State*>> zeroWidthComponents(bool emptyOnly);
+
     Arc* takeArc();
     void deleteWalk(State* s);
+    Arc*& bucket(int type, colour co, const State* from, const State* to) noexcept;
+    void indexInsert(Arc* a);
+    void indexErase(Arc* a) noexcept;
+    void indexGrow();
 
     ColourMap& _map;
     ErrorSink& _sink;
@@ -133,7 +193,10 @@ private:
     State* _head = nullptr;
     State* _tail = nullptr;
     int _stateCount = 0;
-    long _arcCount = 0;
+    int _liveStates = 0;
+    long _arcCount = 0;   // arcs ever made (the pool's size)
+    long _liveArcs = 0;
+    std::vector<Arc*> _index;  // buckets of the arc index, a power of two
     State* _spareStates = nullptr;
     Arc* _spareArcs = nullptr;
     std::vector<std::unique_ptr<State[]>> _stateBlocks;

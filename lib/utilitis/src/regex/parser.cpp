@@ -394,8 +394,12 @@ void Compiler<Ch>::parseQuantifiedAtom(int stopper, int type, State* lp, State* 
         if (_sink.failed()) return;
     }
 
+    const bool bypass = m == 0;
     if (m == 0) {
-        nfa.arcAdd(kEmpty, 0, s2, atom->end);
+        // A back-reference gets its bypass after the repeat below, which
+        // for an open bound moves the atom's in-arcs into its loop: the
+        // bypass would become a way into the loop that no copy checks.
+        if (kind != kTokBackref) nfa.arcAdd(kEmpty, 0, s2, atom->end);
         f = flagsMerge(prefer, atom->flags);
         Subexpr* alt = node('|', f, lp, atom->end);
         alt->left = atom;
@@ -409,6 +413,7 @@ void Compiler<Ch>::parseQuantifiedAtom(int stopper, int type, State* lp, State* 
     if (kind == kTokBackref) {
         nfa.arcAdd(kEmpty, 0, s, atom->begin);
         nfa.repeatBetween(atom->begin, atom->end, m, n);
+        if (bypass) nfa.arcAdd(kEmpty, 0, s2, atom->end);
         atom->min = static_cast<int16_t>(m);
         atom->max = static_cast<int16_t>(n);
         atom->flags |= flagsMerge(prefer, atom->flags);
@@ -420,6 +425,18 @@ void Compiler<Ch>::parseQuantifiedAtom(int stopper, int type, State* lp, State* 
         f = flagsMerge(prefer, atom->flags);
         Subexpr* cat = node('.', f, s, atom->end);
         cat->left = node('=', static_cast<uint8_t>(f & kPrefMask), s, atom->begin);
+        if (atom->flags & kBackref) {
+            // The automaton takes a back-reference for any text of its
+            // group's language; every iteration must be checked.
+            Subexpr* first = cat->left;
+            first->op = '*';
+            first->flags |= kBackref;
+            first->min = static_cast<int16_t>(m - 1);
+            first->max = static_cast<int16_t>(n == RX_OPEN_BOUND ? n : n - 1);
+            first->body = atom;
+            first->firstGroup = groupsBefore + 1;
+            first->lastGroup = _groupsSeen;
+        }
         cat->right = atom;
         *atomSlot = cat;
     }

@@ -16,7 +16,7 @@ constexpr uint32_t kFirstChars = 4;
 // Real colours the text can show: live and not standing for a string end.
 bool realColour(const ColourMap& map, colour c)
 {
-    return c <= map.max() && map.live(c) && !map.pseudo(c);
+    return c >= 0 && c <= map.max() && map.live(c) && !map.pseudo(c);
 }
 
 // Whether a state's arcs all lead to `to` and cover every real colour and
@@ -26,7 +26,7 @@ bool acceptsAny(const CompactNfa& a, const ColourMap& map, int state, int to, co
     int real = 0;
     bool ends[2] = {false, false};
     for (const CompactArc* arc = &a.arcs[a.rows[static_cast<size_t>(state)] + 1]; arc->co != kNoColour; ++arc) {
-        if (arc->to != to || arc->co >= a.colourCount) return false;
+        if (arc->to != to || arc->co < 0 || arc->co >= a.colourCount) return false;
         if (realColour(map, arc->co)) ++real;
         for (int i = 0; i < 2; ++i)
             if (arc->co == pseudo[i]) ends[i] = true;
@@ -49,7 +49,9 @@ void analysePrefix(Internals& in)
     if (a.empty()) return;
     auto row = [&](int state) { return &a.arcs[a.rows[static_cast<size_t>(state)] + 1]; };
 
-    // The context step must lead to one state.
+    // The context step must lead to one state. (An automaton that kept
+    // empty arcs may reach more states than its arcs say; the chain below
+    // stops at any state with more than one arc, an empty one included.)
     int state = -1;
     for (const CompactArc* arc = row(a.entry); arc->co != kNoColour; ++arc) {
         if (state != -1 && arc->to != state) return;
@@ -71,7 +73,7 @@ void analysePrefix(Internals& in)
     for (;;) {
         const CompactArc* arc = row(state);
         if (arc->co == kNoColour || arc[1].co != kNoColour) break;  // not exactly one arc
-        if (arc->to == a.exit || arc->co >= a.colourCount || !realColour(map, arc->co)) break;
+        if (arc->to == a.exit || !realColour(map, arc->co) || arc->co >= a.colourCount) break;
         if (in.prefix.empty() && count[static_cast<size_t>(arc->co)] > kFirstChars) break;
         in.prefix.push_back(arc->co);
         state = arc->to;
