@@ -188,6 +188,14 @@ int Splitter<Ch>::dissect(const Subexpr* t, const Ch* b, const Ch* e)
 template <class Ch>
 int Splitter<Ch>::search(const Subexpr* t, const Ch* b, const Ch* e, bool checked, Next next)
 {
+    // A node with an automaton of its own checks itself if it comes
+    // unchecked; a back-reference compares first, which is cheaper.
+    if (!checked && t->op != 'b' && !t->automaton.empty()) {
+        bool yes;
+        if (const int r = spans(t, b, e, yes)) return r;
+        if (!yes) return RX_NOMATCH;
+        checked = true;
+    }
     switch (t->op) {
     case '=':
         if (!checked) {
@@ -208,7 +216,7 @@ int Splitter<Ch>::search(const Subexpr* t, const Ch* b, const Ch* e, bool checke
         return search(t->left, b, e, checked, Next(then));
     }
     case '.':
-        return searchConcatenation(t, b, e, next);
+        return searchConcatenation(t, b, e, checked, next);
     case '|':
         return searchAlternation(t, b, e, next);
     case 'b':
@@ -245,12 +253,12 @@ bool beginsWithReference(const Subexpr* t)
 }  // namespace
 
 template <class Ch>
-int Splitter<Ch>::searchConcatenation(const Subexpr* t, const Ch* b, const Ch* e, Next next)
+int Splitter<Ch>::searchConcatenation(const Subexpr* t, const Ch* b, const Ch* e, bool checked, Next next)
 {
-    // The split next to an empty side is forced; the interval was checked
-    // for the node, and is the other side's.
-    if (t->left->flags & kEmptyOnly) return search(t->right, b, e, false, next);
-    if (t->right->flags & kEmptyOnly) return search(t->left, b, e, false, next);
+    // The split next to an empty side is forced, and what was found of the
+    // node holds for the other side.
+    if (t->left->flags & kEmptyOnly) return search(t->right, b, e, checked, next);
+    if (t->right->flags & kEmptyOnly) return search(t->left, b, e, checked, next);
     const bool shorter = t->left->flags & kShorter;
     const bool check = !beginsWithReference(t->right);
     // A back-reference on the left ends where its copies do; otherwise its

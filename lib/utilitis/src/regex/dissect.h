@@ -61,7 +61,7 @@ private:
     int concatenation(const Subexpr* t, const Ch* b, const Ch* e);
     int alternation(const Subexpr* t, const Ch* b, const Ch* e);
     int search(const Subexpr* t, const Ch* b, const Ch* e, bool checked, Next next);
-    int searchConcatenation(const Subexpr* t, const Ch* b, const Ch* e, Next next);
+    int searchConcatenation(const Subexpr* t, const Ch* b, const Ch* e, bool checked, Next next);
     int searchAlternation(const Subexpr* t, const Ch* b, const Ch* e, Next next);
     bool copies(const Subexpr* t, const Ch* b, const Ch* e, Ends* out) const;
     int backReference(const Subexpr* t, const Ch* b, const Ch* e, bool checked, Next next);

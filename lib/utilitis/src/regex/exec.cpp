@@ -107,23 +107,22 @@ int findWithBackrefs(ExecState<Ch>& ex)
     if (!s.ok() || !d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
     bool none, whole;
     const Ch* cold = nullptr;
-    const Ch* close = searchFrom(ex, none, whole);
+    const Ch* from = searchFrom(ex, none, whole);
     if (none) return RX_NOMATCH;
-    const Ch* previousClose = nullptr;
     std::vector<const Ch*> ends;
     Splitter<Ch> splitter(ex);
     auto done = [&](int r) {
         fillDetails(ex, cold);
         return r;
     };
-    do {
-        close = s.shortest(close, close, ex.stop, &cold, nullptr);
+    // Each round searches from the position after the last one tried: a
+    // round that failed at an empty candidate would otherwise find the same
+    // empty match again.
+    for (;;) {
+        const Ch* close = s.shortest(from, from, ex.stop, &cold, nullptr);
         if (ex.err) return ex.err;
         if (!close) break;
-        // A search that finds the same end again would never finish.
-        if (previousClose && close <= previousClose) break;
-        previousClose = close;
-        const Ch* open = cold ? cold : ex.start;
+        const Ch* open = cold && cold > from ? cold : from;
         cold = nullptr;
         for (const Ch* begin = open; begin <= close; ++begin) {
             // Every end the root's automaton allows, in one walk; the
@@ -146,7 +145,9 @@ int findWithBackrefs(ExecState<Ch>& ex)
                 if (shorter ? end == ex.stop : end == begin) return done(RX_NOMATCH);
             }
         }
-    } while (close < ex.stop);
+        if (close == ex.stop) break;
+        from = close + 1;
+    }
     return done(RX_NOMATCH);
 }
 

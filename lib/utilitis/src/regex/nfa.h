@@ -24,6 +24,7 @@
 #include "colourmap.h"
 
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <vector>
 
@@ -52,6 +53,8 @@ struct State {
     Arc* outs = nullptr;
     State* mark = nullptr;  // scratch for graph walks
     int walk = 0;           // scratch for graph walks
+    int guardBehind = 0;    // the condition a copy made by the optimiser holds (0: none)
+    int guardAhead = 0;
     State* next = nullptr;
     State* prev = nullptr;
 };
@@ -173,10 +176,9 @@ private:
     void breakZeroWidthLoops();
     void unrollLoop(const std::vector<State*>& loop);
     void removeEmpties();
-    void pullConstraints();
-    bool pull(Arc* con, std::vector<State*>& touched);
-    void pushConstraints();
-    bool push(Arc* con, std::vector<State*>& touched);
+    void resolveConstraints();
+    std::vector<State*> zeroWidthOrder();
+    State* guard(State* u, int k, bool before, std::map<std::pair<State*, int>, State*>& made);
     long analyse();
     std::vector<std::vector<State*>> zeroWidthComponents(bool emptyOnly);
 

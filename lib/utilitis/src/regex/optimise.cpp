@@ -43,43 +43,21 @@ bool zeroWidth(int type)
     return type != kPlain;
 }
 
-enum Combine { kIncompatible, kSatisfied, kCompatible };
-
-// A constraint meeting an arc next to it: an empty arc consumes nothing and
-// constrains nothing, so the constraint may cross it.
-Combine combine(const Arc* con, const Arc* a)
+// A condition on the symbol before a position (look-behind, start) or after
+// it (look-ahead, end), as one number: its arc's type and colour.
+int conditionOf(const Arc* a)
 {
-    auto same = [&] { return con->co == a->co ? kSatisfied : kIncompatible; };
-    if (a->type == kEmpty) return kCompatible;
-    switch (con->type) {
-    case kStart:
-        switch (a->type) {
-        case kPlain: return kIncompatible;
-        case kStart: return same();
-        case kEnd: case kAhead: case kLookRef: return kCompatible;
-        default: return kIncompatible;  // kBehind
-        }
-    case kEnd:
-        switch (a->type) {
-        case kPlain: return kIncompatible;
-        case kEnd: return same();
-        case kStart: case kBehind: case kLookRef: return kCompatible;
-        default: return kIncompatible;  // kAhead
-        }
-    case kAhead:
-        switch (a->type) {
-        case kPlain: case kAhead: return same();
-        case kStart: case kBehind: case kLookRef: return kCompatible;
-        default: return kIncompatible;  // kEnd
-        }
-    case kBehind:
-        switch (a->type) {
-        case kPlain: case kBehind: return same();
-        case kEnd: case kAhead: case kLookRef: return kCompatible;
-        default: return kIncompatible;  // kStart
-        }
-    }
-    return kIncompatible;
+    return a->type << 16 | static_cast<uint16_t>(a->co);
+}
+
+bool behind(int type)
+{
+    return type == kStart || type == kBehind;
+}
+
+bool ahead(int type)
+{
+    return type == kEnd || type == kAhead;
 }
 
 }  // namespace
@@ -438,123 +416,112 @@ void Nfa::removeEmpties()
     for (State* s = _head; s; s = s->next) s->walk = 0;
 }
 
-bool Nfa::pull(Arc* con, std::vector<State*>& touched)
+// The states of the graph of arcs that consume nothing, sources first
+// (Kahn's order; the graph has no cycle once loops are unrolled). States
+// outside that graph come in any order.
+std::vector<State*> Nfa::zeroWidthOrder()
 {
-    State* from = con->from;
-    State* to = con->to;
-    if (from == to) {
-        arcRemove(con);
-        return true;
+    std::vector<State*> order, ready;
+    for (State* s = _head; s; s = s->next) {
+        s->walk = 0;
+        for (Arc* a = s->ins; a; a = a->inNext)
+            if (zeroWidth(a->type)) ++s->walk;
+        if (s->walk == 0) ready.push_back(s);
     }
-    if (from->role != 0) return false;
-    if (from->inCount == 0) {
-        arcRemove(con);
-        return true;
+    while (!ready.empty()) {
+        State* s = ready.back();
+        ready.pop_back();
+        order.push_back(s);
+        for (Arc* a = s->outs; a; a = a->outNext)
+            if (zeroWidth(a->type) && --a->to->walk == 0) ready.push_back(a->to);
     }
-    if (from->outCount > 1) {
-        State* s = stateCreate();
-        if (!s) return false;
-        copyInArcs(from, s);
-        arcCopy(con, s, to);
-        arcRemove(con);
-        touched.push_back(from);
-        from = s;
-        con = from->outs;
-    }
-    for (Arc* a = from->ins; a; a = a->inNext) touched.push_back(a->from);
-    for (Arc* a = from->ins; a && !failed();) {
-        Arc* next = a->inNext;
-        switch (combine(con, a)) {
-        case kIncompatible:
-            arcRemove(a);
-            break;
-        case kSatisfied:
-            break;
-        case kCompatible: {
-            State* s = stateCreate();
-            if (!s) return false;
-            arcCopy(con, a->from, s);
-            arcCopy(a, s, to);
-            arcRemove(a);
-            break;
-        }
-        }
-        a = next;
-    }
-    moveInArcs(from, to);
-    stateDrop(from);
-    return true;
+    for (State* s = _head; s; s = s->next) s->walk = 0;
+    return order;
 }
 
-bool Nfa::push(Arc* con, std::vector<State*>& touched)
+// The copy of u that is entered only where condition k holds of the symbol
+// before (look-behind) or after (look-ahead) its position: the arcs on that
+// side that consume a symbol keep it if the symbol meets k; arcs that
+// consume nothing come from (or go to) the copies for k of their other end,
+// which stand at the same position; a second condition of the same side
+// either is k or can never hold with it. Made once per state and condition,
+// however many paths lead there: moving a constraint along every path, as
+// one arc at a time does, doubles the work at each branch.
+State* Nfa::guard(State* u, int k, bool before, std::map<std::pair<State*, int>, State*>& made)
 {
-    State* from = con->from;
-    State* to = con->to;
-    if (from == to) {
-        arcRemove(con);
-        return true;
-    }
-    if (to->role != 0) return false;
-    if (to->outCount == 0) {
-        arcRemove(con);
-        return true;
-    }
-    if (to->inCount > 1) {
-        State* s = stateCreate();
-        if (!s) return false;
-        copyOutArcs(to, s);
-        arcCopy(con, from, s);
-        arcRemove(con);
-        touched.push_back(to);
-        to = s;
-        con = to->ins;
-    }
-    for (Arc* a = to->outs; a; a = a->outNext) touched.push_back(a->to);
-    for (Arc* a = to->outs; a && !failed();) {
-        Arc* next = a->outNext;
-        switch (combine(con, a)) {
-        case kIncompatible:
-            arcRemove(a);
-            break;
-        case kSatisfied:
-            break;
-        case kCompatible: {
-            State* s = stateCreate();
-            if (!s) return false;
-            arcCopy(con, s, a->to);
-            arcCopy(a, from, s);
-            arcRemove(a);
-            break;
-        }
-        }
-        a = next;
-    }
-    moveOutArcs(to, from);
-    stateDrop(to);
-    return true;
-}
-
-// A constraint moves one arc back at each step, and the arcs that consume
-// nothing form no loop now, so the work ends. The states to look at come
-// from a list, not from passes over the whole graph: a constraint behind a
-// long chain of optional pieces would otherwise cost a pass per piece.
-void Nfa::pullConstraints()
-{
+    auto tag = [before](State* s) -> int& { return before ? s->guardBehind : s->guardAhead; };
+    auto find = [&](State* s) -> State* {
+        if (tag(s) == k) return s;
+        if (tag(s) != 0) return nullptr;  // another condition of this side: never both
+        const auto at = made.find({s, k});
+        return at == made.end() ? nullptr : at->second;
+    };
+    auto meets = [&](colour co) {
+        const int type = k >> 16;
+        const colour want = static_cast<colour>(k & 0xFFFF);
+        if (type == kStart) return co == startColours[want];
+        if (type == kEnd) return co == endColours[want];
+        return co == want;
+    };
+    if (tag(u) == k) return u;
+    if (tag(u) != 0) return nullptr;
+    if (State* known = find(u)) return known;
+    // Copies are made first and given their arcs from a list: a chain of
+    // optional pieces would otherwise recurse as deep as it is long.
     std::vector<State*> work;
-    for (State* s = _head; s; s = s->next) work.push_back(s);
+    auto copyOf = [&](State* s) -> State* {
+        if (tag(s) != 0) return tag(s) == k ? s : nullptr;
+        if (State* known = find(s)) return known;
+        State* w = stateCreate();
+        if (!w) return nullptr;
+        tag(w) = k;
+        made[{s, k}] = w;
+        work.push_back(s);
+        return w;
+    };
+    State* result = copyOf(u);
     while (!work.empty() && !failed()) {
         State* s = work.back();
         work.pop_back();
-        if (s->number < 0 || s->role != 0) continue;
-        for (Arc* a = s->outs; a; a = a->outNext)
-            if (a->type == kStart || a->type == kBehind) {
-                // The state may go in the pull; look at it again if it stays.
-                work.push_back(s);
-                pull(a, work);
-                break;
+        State* w = made[{s, k}];
+        std::vector<Arc*> side;
+        for (Arc* a = before ? s->ins : s->outs; a; a = before ? a->inNext : a->outNext) side.push_back(a);
+        for (Arc* a : side) {
+            State* other = before ? a->from : a->to;
+            if (a->type == kPlain) {
+                if (!meets(a->co)) continue;
+                if (before)
+                    arcAdd(kPlain, a->co, other, w);
+                else
+                    arcAdd(kPlain, a->co, w, other);
+                continue;
             }
+            const bool sameSide = before ? behind(a->type) : ahead(a->type);
+            if (sameSide && conditionOf(a) != k) continue;
+            State* copy = copyOf(other);
+            if (!copy) continue;
+            const int type = sameSide ? kEmpty : a->type;
+            const colour co = sameSide ? 0 : a->co;
+            if (before)
+                arcAdd(type, co, copy, w);
+            else
+                arcAdd(type, co, w, copy);
+        }
     }
+    return result;
+}
+
+// Constraints leave the graph. At the ends they read the pseudo colours of
+// the string's ends: a start constraint out of the entry and an end
+// constraint into the exit become plain arcs on them. Elsewhere an arc
+// u -k-> v of a look-behind or start constraint becomes an empty arc from
+// the copy of u guarded by k to v, sources first, so that a state's in-arcs
+// are complete when its copy is made; then look-aheads and ends, mirrored.
+// A copy no arc reaches goes with the last cleanup: `a^b` can never match.
+void Nfa::resolveConstraints()
+{
     if (failed()) return;
+    const PassTimer timer(kPassConstraints);
     for (Arc* a = entry->outs; a && !failed();) {
         Arc* next = a->outNext;
         if (a->type == kStart) {
@@ -563,24 +530,6 @@ void Nfa::pullConstraints()
         }
         a = next;
     }
-}
-
-void Nfa::pushConstraints()
-{
-    std::vector<State*> work;
-    for (State* s = _head; s; s = s->next) work.push_back(s);
-    while (!work.empty() && !failed()) {
-        State* s = work.back();
-        work.pop_back();
-        if (s->number < 0 || s->role != 0) continue;
-        for (Arc* a = s->ins; a; a = a->inNext)
-            if (a->type == kEnd || a->type == kAhead) {
-                work.push_back(s);
-                push(a, work);
-                break;
-            }
-    }
-    if (failed()) return;
     for (Arc* a = exit->ins; a && !failed();) {
         Arc* next = a->inNext;
         if (a->type == kEnd) {
@@ -589,6 +538,29 @@ void Nfa::pushConstraints()
         }
         a = next;
     }
+    for (const bool before : {true, false}) {
+        std::map<std::pair<State*, int>, State*> made;
+        std::vector<State*> order = zeroWidthOrder();
+        if (!before) std::reverse(order.begin(), order.end());
+        for (State* s : order) {
+            if (failed()) return;
+            std::vector<Arc*> cons;
+            for (Arc* a = before ? s->outs : s->ins; a; a = before ? a->outNext : a->inNext)
+                if (before ? behind(a->type) : ahead(a->type)) cons.push_back(a);
+            for (Arc* a : cons) {
+                State* from = a->from;
+                State* to = a->to;
+                const int k = conditionOf(a);
+                arcRemove(a);
+                if (before) {
+                    if (State* g = guard(from, k, true, made)) arcAdd(kEmpty, 0, g, to);
+                } else {
+                    if (State* g = guard(to, k, false, made)) arcAdd(kEmpty, 0, from, g);
+                }
+            }
+        }
+    }
+    for (State* s = _head; s; s = s->next) s->guardBehind = s->guardAhead = 0;
 }
 
 long Nfa::analyse()
@@ -631,16 +603,15 @@ long Nfa::optimise(FILE* trace)
     foldEmpties();
     cleanup();
     breakZeroWidthLoops();
-    removeEmpties();
     if (trace) {
         dump(trace);
         std::fputs("\nconstraints:\n", trace);
     }
-    {
-        const PassTimer timer(kPassConstraints);
-        pullConstraints();
-        pushConstraints();
-    }
+    // Constraints first: the copies they leave behind are joined by empty
+    // arcs, which the passes below fold and remove with the rest.
+    resolveConstraints();
+    foldEmpties();
+    removeEmpties();
     if (trace) {
         dump(trace);
         std::fputs("\nfinal cleanup:\n", trace);
