@@ -13,12 +13,20 @@
 //   fails while the old content is still whole.
 // - A process killed during the write leaves the old content whole, the file
 //   empty, a prefix of the new content, or the new content whole: the file is
-//   cut to length 0 before the new content goes in, so no old byte ever
-//   follows new ones.
+//   cut before the new content goes in, so no old byte ever follows new ones.
 //
-// Cutting the file gives its blocks back, and the new content needs the same
-// again: what was checked before the cut holds unless another process takes
-// the space in between, and only then can a write fail half way. The room is
+// The cut falls where the new content first differs from the old: what the
+// two share at the start is a prefix of the new content already, and stays
+// as it is. Only the rest is written. Cutting gives blocks back to the file
+// system, which on a file system mounted to discard freed blocks costs a
+// synchronous device command each time, and the new bytes then need fresh
+// blocks and fresh cache pages; so a file whose first part is unchanged (a
+// small file whose match is not in its first bytes, a log changed near its
+// end) keeps that part's blocks and pages. Finding the shared start reads the
+// old content up to the first difference, from the cache as a rule.
+//
+// What was checked before the cut holds unless another process takes the
+// space in between, and only then can a write fail half way. The room is
 // reserved again right after the cut, which also spares the file system the
 // delayed allocation it would otherwise force when a file cut to nothing is
 // closed.
@@ -35,7 +43,10 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <memory>
 
 namespace Karu {
 namespace {
@@ -101,27 +112,72 @@ void TakeRoom(CSysFile& file, const struct stat& status, uint64_t size, bool app
         RaiseNoRoom(file, total, ENOSPC);
 }
 
+// How many bytes at the start of the file open at `fd` equal those of
+// `data`, up to `limit`; 0 when the file cannot be read.
+uint64_t SharedStart(int fd, const char* data, uint64_t limit)
+{
+    constexpr uint64_t kCompareBlock = uint64_t(1) << 16;  // one read a step, well inside the caches
+    if (limit == 0)
+        return 0;
+    // Reopened for reading: the writer's descriptor is write-only, and the
+    // name may have changed hands since it was opened.
+    const int reader = open(stringEx::Format("/proc/self/fd/%d", fd).c_str(), O_RDONLY | O_CLOEXEC);
+    if (reader < 0)
+        return 0;
+    const std::unique_ptr<char[]> block(new char[kCompareBlock]);
+    uint64_t shared = 0;
+    while (shared < limit) {
+        const ssize_t got =
+            pread(reader, block.get(), std::min(kCompareBlock, limit - shared), static_cast<off_t>(shared));
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            break;
+        const uint64_t n = static_cast<uint64_t>(got);
+        if (std::memcmp(block.get(), data + shared, n) != 0) {
+            uint64_t i = 0;
+            while (block[i] == data[shared + i])
+                ++i;
+            shared += i;
+            break;
+        }
+        shared += n;
+    }
+    close(reader);
+    return shared;
+}
+
 void WriteBytes(const stringEx& path, const void* data, uint64_t size, bool flush, bool append) try {
     if (path.empty())
         Throw<dirExp>(ExpMessage("CDir::WriteFile - write what ?"), 2);
     CSysFile file;
     file.Open(path, O_WRONLY, O_CREAT, kShareExclusive, kDefaultFilePermissions);
     struct stat status;
-    if (fstat(file.Descriptor(), &status) == 0 && S_ISREG(status.st_mode))
+    const bool regular = fstat(file.Descriptor(), &status) == 0 && S_ISREG(status.st_mode);
+    if (regular)
         TakeRoom(file, status, size, append);
     IMPL::FileStep("WriteFile.room-taken");
+    const char* bytes = static_cast<const char*>(data);
+    uint64_t keep = 0;  // bytes at the start that stay as they are
     if (append) {
         file.SeekEnd(0);
     } else {
-        file.SeekBegin(0);
-        file.ResizeToCurrentPos();
-        IMPL::FileStep("WriteFile.cut");
-        // Taken again, now that the cut has given the blocks back.
-        bool supported;
-        if (size > 0)
-            Reserve(file.Descriptor(), 0, static_cast<int64_t>(size), supported);
+        if (regular)
+            keep = SharedStart(file.Descriptor(), bytes, std::min(size, static_cast<uint64_t>(status.st_size)));
+        if (keep == size && static_cast<uint64_t>(status.st_size) == size) {
+            // Nothing changes but the time stamp, as for any write.
+            futimens(file.Descriptor(), nullptr);
+        } else {
+            file.SeekBegin(static_cast<int64_t>(keep));
+            file.ResizeToCurrentPos();
+            IMPL::FileStep("WriteFile.cut");
+            // Taken again, now that the cut has given the blocks back.
+            bool supported;
+            if (size > keep)
+                Reserve(file.Descriptor(), static_cast<int64_t>(keep), static_cast<int64_t>(size - keep), supported);
+        }
     }
-    IMPL::WriteAll(file, data, size);
+    IMPL::WriteAll(file, bytes + keep, size - keep);
     IMPL::FileStep("WriteFile.written");
     if (flush)
         file.Flush();

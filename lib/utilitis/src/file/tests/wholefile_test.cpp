@@ -60,29 +60,66 @@ void StopAt(const char* step)
 TEST(WholeFileFailure, AKillAtEachStepLeavesAnAllowedState)
 {
     const Scratch dir;
+    // The cut falls where old and new first differ: at the start here, and
+    // behind what they share in the second group.
     const std::string before(5000, 'o'), after(3000, 'n');
+    const std::string shared(7000, 's'), longer = shared + std::string(6000, 'o'), shorter = shared + "n";
     struct Row {
         const char* step;
-        std::string expect;
+        std::string before, after, expect;
     } rows[] = {
-        {"WriteFile.room-taken", before},  // nothing changed yet
-        {"WriteFile.cut", ""},             // never old bytes behind new ones
-        {"WriteFile.written", after},
+        {"WriteFile.room-taken", before, after, before},  // nothing changed yet
+        {"WriteFile.cut", before, after, ""},             // never old bytes behind new ones
+        {"WriteFile.written", before, after, after},
+        {"WriteFile.room-taken", longer, shorter, longer},
+        {"WriteFile.cut", longer, shorter, shared},       // what both share is a prefix of the new
+        {"WriteFile.written", longer, shorter, shorter},
+        {"WriteFile.cut", shorter, longer, shared},
     };
     for (const Row& row : rows) {
-        dir.Put("f", before);
+        dir.Put("f", row.before);
         const pid_t child = fork();
         if (child == 0) {
             alarm(20);
             g_stopAt = row.step;
             IMPL::SetFileStepHook(StopAt);
-            CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(after.c_str()));
+            CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(row.after.c_str()));
             _exit(1);  // the step was never reached
         }
         int status = 0;
         waitpid(child, &status, 0);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << row.step;
-        EXPECT_EQ(dir.Get("f"), row.expect) << row.step;
+        EXPECT_EQ(dir.Get("f").size(), row.expect.size()) << row.step;
+        EXPECT_TRUE(dir.Get("f") == row.expect) << row.step;
+    }
+}
+
+TEST(WholeFileFailure, WhatOldAndNewShareAtTheStartStays)
+{
+    // Whatever the old content shares with the new, the result is the new
+    // content; the time stamp moves even when nothing else does.
+    const Scratch dir;
+    struct Row {
+        const char* why;
+        std::string before, after;
+    } rows[] = {
+        {"the new content a prefix of the old", "abcdef", "abc"},
+        {"the old content a prefix of the new", "abc", "abcdef"},
+        {"the same content", "same", "same"},
+        {"a change in the last byte", std::string(70000, 'x') + "a", std::string(70000, 'x') + "b"},
+        {"a change past one comparison block", std::string(200000, 'x') + "a", std::string(200000, 'x') + "bc"},
+        {"nothing left", "abc", ""},
+        {"nothing before", "", "abc"},
+    };
+    for (const Row& row : rows) {
+        dir.Put("f", row.before);
+        const utimbuf stamp{1000000000, 1000000000};
+        utime((dir / "f").c_str(), &stamp);
+        CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(row.after.data(), row.after.size()));
+        EXPECT_TRUE(dir.Get("f") == row.after) << row.why;
+        struct stat after {};
+        stat((dir / "f").c_str(), &after);
+        EXPECT_NE(after.st_mtime, 1000000000) << row.why;
     }
 }
 
