@@ -323,43 +323,44 @@ def piped(command, source, env_extra):
     elapsed = time.perf_counter() - start
     if os.waitstatus_to_exitcode(status) != 0:
         raise RuntimeError("%s failed" % command[0])
-    return elapsed, peak(usage)
+    return elapsed, usage.ru_utime + usage.ru_stime, peak(usage)
 
 
 def targets(ostrel, runs, scale):
     """The two targets: a stream of lines through a pipe, and a file without
-    line feeds in place, each against sed doing the same job, run by run."""
+    line feeds in place, each against sed doing the same job, run by run.
+    The goal holds for the median of the runs' wall-time ratios; the ratio
+    of processor times stands beside it."""
     rows = []
     with tempfile.TemporaryDirectory(prefix="ostrel-targets-") as work:
         p = pairs_file(work, [FIND + "->" + REPLACE])
         script = "s/%s/%s/g" % (FIND, REPLACE)
         lines = make_text(os.path.join(work, "lines.txt"), 200 * scale)
-        ratios, mine, theirs, peak = [], [], [], 0.0
-        for _ in range(runs):
-            t, rss = piped([ostrel, "-f", "-argfile:" + p], lines, UTF8)
-            u, _ = piped(["sed", script], lines, UTF8)
-            mine.append(t), theirs.append(u), ratios.append(t / u)
-            peak = max(peak, rss)
-        rows.append(("%g MB of UTF-8 lines through a pipe" % (200 * scale), mine, theirs, ratios, peak, 0.5, 64.0))
         flat = make_text(os.path.join(work, "flat.txt"), 100 * scale, line_feeds=False)
         job = in_place(work, flat, ["-f", "-argfile:" + p], ostrel, ["sed", "-i", script], UTF8)
-        ratios, mine, theirs, peak = [], [], [], 0.0
-        for _ in range(runs):
-            t, _, rss = run_once(job.command, job, job.env)
-            u, _, _ = run_once(job.peer, job, job.peer_env)
-            mine.append(t), theirs.append(u), ratios.append(t / u)
-            peak = max(peak, rss)
-        rows.append(("%g MB without a line feed, in place" % (100 * scale), mine, theirs, ratios, peak, 0.5,
-                     3 * 100 * scale))
-    print("| target | ostrel | sed | ostrel / sed, each run | goal | peak | goal |")
-    print("|---|---|---|---|---|---|---|")
+        cases = [
+            ("%g MB of UTF-8 lines through a pipe" % (200 * scale), 64.0,
+             lambda: piped([ostrel, "-f", "-argfile:" + p], lines, UTF8), lambda: piped(["sed", script], lines, UTF8)),
+            ("%g MB without a line feed, in place" % (100 * scale), 3 * 100 * scale,
+             lambda: run_once(job.command, job, job.env), lambda: run_once(job.peer, job, job.peer_env)),
+        ]
+        for name, memory, mine, theirs in cases:
+            walls, cpus, peak = [], [], 0.0
+            for _ in range(runs):
+                t, tc, rss = mine()
+                u, uc, _ = theirs()
+                walls.append(t / u)
+                cpus.append(tc / uc)
+                peak = max(peak, rss)
+            rows.append((name, walls, cpus, peak, memory))
+    print("| target | ostrel / sed, wall time, each run | processor time | peak | goal |")
+    print("|---|---|---|---|---|")
     met = True
-    for name, mine, theirs, ratios, peak, goal, memory in rows:
-        ok = max(ratios) <= goal and peak <= memory
+    for name, walls, cpus, peak, memory in rows:
+        ok = statistics.median(walls) <= 0.5 and peak <= memory
         met = met and ok
-        print("| %s | %.2f s | %.2f s | %s | %.2fx | %.0f MB | %.0f MB |%s" % (
-            name, statistics.median(mine), statistics.median(theirs), " ".join("%.2fx" % r for r in ratios), goal,
-            peak, memory, "" if ok else " !"))
+        print("| %s | %s | %.2fx | %.0f MB | 0.5x, %.0f MB |%s" % (
+            name, " ".join("%.2fx" % r for r in walls), statistics.median(cpus), peak, memory, "" if ok else " !"))
     return met
 
 

@@ -715,7 +715,7 @@ public:
             }
             if constexpr (!Carry)
                 return false;
-            const int k = BackEndAt(decode, in + i, n - i, units);
+            const int k = sevenBit ? 0 : BackEndAt(decode, in + i, n - i, units);
             if (k < 0)
                 return false;
             if (k == 0) {
@@ -761,6 +761,7 @@ public:
 
     std::array<uint32_t, 256> toWide{};
     ProbeDecode decode;  // the back end, for the holes of the carrying form
+    bool sevenBit = false;  // no hole starts a longer character (SevenBit)
     // Wide to byte in two levels: pageOf selects one of the pages by the
     // character's high byte; page 0 is the empty one.
     std::array<uint8_t, 256> pageOf{};
@@ -819,8 +820,11 @@ std::unique_ptr<CFastCodec> MakeTableCodec(const ByteImages& images, const Probe
     for (int b = 0; b < 256; ++b)
         if (images[b] != kNoImage)
             exact.push_back(static_cast<unsigned char>(b));
-    if (256 - static_cast<int>(exact.size()) > kMaxHoles && !SevenBit(images, decode, stateful))
-        return nullptr;
+    if (256 - static_cast<int>(exact.size()) > kMaxHoles) {
+        if (!SevenBit(images, decode, stateful))
+            return nullptr;
+        codec->sevenBit = true;
+    }
     stringEx all;
     wstringEx allWide;
     for (int pass = 0; pass < 2; ++pass)
