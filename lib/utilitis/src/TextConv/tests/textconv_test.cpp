@@ -519,14 +519,16 @@ TEST(TextConvReuse, AReusedConverterGivesWhatAFreshOneGives)
 TEST(TextConvConcurrency, EachThreadHasItsOwnConverters)
 {
     constexpr int kThreads = 4;
-    std::vector<TTextConv*> seen(kThreads);
+    // Held, not merely noted: a converter freed when its thread ends could
+    // leave its address to the next thread's.
+    std::vector<TextConvPtr> seen(kThreads);
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&seen, t] {
             TextConvPtr sys = TTextConv::GetSysConv();
             EXPECT_EQ(sys.get(), TTextConv::GetSysConv().get());
             TextConvPtr utf8 = TTextConv::GetUtf8Conv();
-            seen[t] = utf8.get();
+            seen[t] = utf8;
             for (int i = 0; i < 200; ++i) {
                 const wstringEx wide = Utf8MBtoWC(B("\xE4\xBD\xA0 " + std::to_string(i)));
                 EXPECT_EQ(W(wide), L"\x4F60 " + std::to_wstring(i));
@@ -538,5 +540,8 @@ TEST(TextConvConcurrency, EachThreadHasItsOwnConverters)
     }
     for (std::thread& thread : threads)
         thread.join();
-    EXPECT_EQ(std::set<TTextConv*>(seen.begin(), seen.end()).size(), size_t(kThreads));
+    std::set<TTextConv*> distinct;
+    for (const TextConvPtr& conv : seen)
+        distinct.insert(conv.get());
+    EXPECT_EQ(distinct.size(), size_t(kThreads));
 }
