@@ -324,6 +324,9 @@ int Run(int argc, char** argv)
             } else {
                 bytes = ReadStdinBytes();
                 input.conv->MBtoWCCarrying(text, bytes);
+                // Kept only to say where a byte that cannot be written was.
+                if (escapes != EscapeWriting::kRefuse)
+                    bytes = stringEx();
             }
             uint32_t replaced = 0;
             if (!replaceWhole(replaced)) {

@@ -58,6 +58,17 @@ constexpr bool kSanitized = false;
 // Exit status of a child that could not start the program.
 constexpr int kCouldNotStart = 127;
 
+// In a forked child: becomes the program with these arguments.
+[[noreturn]] inline void ExecProgram(const std::vector<std::string>& args)
+{
+    std::vector<char*> argv{const_cast<char*>(OSTREL_PROGRAM)};
+    for (const std::string& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    execv(OSTREL_PROGRAM, argv.data());
+    _exit(kCouldNotStart);
+}
+
 class Sandbox {
 public:
     Sandbox()
@@ -144,12 +155,7 @@ public:
                 _exit(kCouldNotStart);
             if (options.unprivileged && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0))
                 _exit(kCouldNotStart);
-            std::vector<char*> argv{const_cast<char*>(OSTREL_PROGRAM)};
-            for (const std::string& arg : args)
-                argv.push_back(const_cast<char*>(arg.c_str()));
-            argv.push_back(nullptr);
-            execv(OSTREL_PROGRAM, argv.data());
-            _exit(kCouldNotStart);
+            ExecProgram(args);
         }
         if (options.stdoutReaderGone)
             close(gone[1]);

@@ -19,20 +19,6 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-// Sanitizers keep freed memory in quarantine, and a resident size says
-// nothing about the program then.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
-
 // Runs the tool on pipes: writes all of `input` while reading what comes
 // out, and reports how much had come out by the time the input was all
 // taken in (waiting for the first output up to `deadline` then), before
@@ -60,12 +46,7 @@ PipeRun RunOnPipes(const Sandbox& box, const Args& args, const std::string& inpu
         if (chdir(box.work.c_str()) != 0)
             _exit(kCouldNotStart);
         setenv("LC_ALL", "C.UTF-8", 1);
-        std::vector<char*> argv{const_cast<char*>(OSTREL_PROGRAM)};
-        for (const std::string& arg : args)
-            argv.push_back(const_cast<char*>(arg.c_str()));
-        argv.push_back(nullptr);
-        execv(OSTREL_PROGRAM, argv.data());
-        _exit(kCouldNotStart);
+        ExecProgram(args);
     }
     close(in[0]);
     close(out[1]);
@@ -159,6 +140,8 @@ TEST(Streaming, OutputComesWhileInputIsStillComing)
 // a file a little at a time and this process stays small.
 TEST(Streaming, MemoryStaysAtAFewPieces)
 {
+    // Sanitizers keep freed memory in quarantine: a resident size then says
+    // nothing about the program.
     if (kSanitized)
         GTEST_SKIP() << "resident sizes mean nothing under a sanitizer";
     constexpr size_t kUnits = size_t(3) << 20;  // of 16 bytes: 48 MB

@@ -660,6 +660,25 @@ int BackEndAt(const ProbeDecode& decode, const unsigned char* in, size_t left, w
     return 0;
 }
 
+// The carrying form where a table holds nothing for in[i]: what the back end
+// reads there, when `decode` is given, or else the byte carried; i and o go
+// on behind it. False when the back end's units would outnumber its bytes.
+bool CarryAt(const ProbeDecode* decode, const unsigned char* in, size_t n, size_t& i, wchar_t* out, size_t& o,
+             wstringEx& units)
+{
+    const int k = decode ? BackEndAt(*decode, in + i, n - i, units) : 0;
+    if (k < 0)
+        return false;
+    if (k == 0) {
+        out[o++] = EscapeUnit(in[i++]);
+        return true;
+    }
+    for (const wchar_t unit : units)
+        out[o++] = unit;
+    i += static_cast<size_t>(k);
+    return true;
+}
+
 // ---- single-byte code pages ----------------------------------------------------------------
 
 // Marks a byte or a character the back end does not convert one to one.
@@ -715,16 +734,8 @@ public:
             }
             if constexpr (!Carry)
                 return false;
-            const int k = sevenBit ? 0 : BackEndAt(decode, in + i, n - i, units);
-            if (k < 0)
+            if (!CarryAt(sevenBit ? nullptr : &decode, in, n, i, out, o, units))
                 return false;
-            if (k == 0) {
-                out[o++] = EscapeUnit(in[i++]);
-                continue;
-            }
-            for (const wchar_t unit : units)
-                out[o++] = unit;
-            i += static_cast<size_t>(k);
         }
         dst.SetSize(o);
         return true;
@@ -1087,16 +1098,8 @@ private:
                 } else {
                     if constexpr (!Carry)
                         return false;
-                    const int k = BackEndAt(_decode, in + i, n - i, units);
-                    if (k < 0)
+                    if (!CarryAt(&_decode, in, n, i, out, o, units))
                         return false;
-                    if (k == 0) {
-                        out[o++] = EscapeUnit(in[i++]);
-                        continue;
-                    }
-                    for (const wchar_t unit : units)
-                        out[o++] = unit;
-                    i += static_cast<size_t>(k);
                     continue;
                 }
             }
