@@ -23,7 +23,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include <karu/file/dllLoader.h>
 #include <karu/string/unicode.h>
@@ -65,19 +67,43 @@ IconvLibrary& Library()
     return library;
 }
 
-// Some of the system's decoders, told to skip bad input, report having
-// taken more input than they were given (a lone shift byte of an ISO-2022
-// text does it): the count wraps below zero and the next call would read
-// far past the text. Every call goes through here, so such a call ends the
-// text as bad input instead.
+// Some of the system's decoders, told to skip bad input, run on past the
+// end of a text that ends in a lone shift-out byte (ISO-2022-CN-EXT does):
+// they read on until the output is full, a round's worth of bytes beyond
+// the text, and report having taken more input than they were given. Every
+// call goes through here. A text that ends in that byte is handed over from
+// a copy with room of zeros behind it, so that what such a decoder reads is
+// ours; and a call that took more than it was given ends the text as bad
+// input, keeping nothing of what it made.
+constexpr char kShiftOut = 0x0E;
+// Behind such a copy: more than a round's output could take, each zero
+// read making one character.
+constexpr size_t kOverrunRoom = 2 * kWideRoundBytes;
+
 size_t CheckedConvert(void* cd, char** in, size_t* inLeft, char** out, size_t* outLeft)
 {
-    const size_t given = inLeft ? *inLeft : 0;
     char* const start = in ? *in : nullptr;
+    const size_t given = start && inLeft ? *inLeft : 0;
     char* const outStart = out ? *out : nullptr;
     const size_t room = outLeft ? *outLeft : 0;
-    const size_t result = Library().library(cd, in, inLeft, out, outLeft);
-    if (in && *in && inLeft && *inLeft > given) {
+    size_t result, taken;
+    if (given > 0 && start[given - 1] == kShiftOut) {
+        std::vector<char> copy(given + kOverrunRoom, 0);
+        std::memcpy(copy.data(), start, given);
+        char* at = copy.data();
+        size_t left = given;
+        result = Library().library(cd, &at, &left, out, outLeft);
+        const int error = errno;  // the copy's release must not change it
+        taken = static_cast<size_t>(at - copy.data());
+        copy = std::vector<char>();
+        errno = error;
+    } else {
+        result = Library().library(cd, in, inLeft, out, outLeft);
+        if (!start || !*in)
+            return result;
+        taken = static_cast<size_t>(*in - start);
+    }
+    if (taken > given) {
         // What it wrote came from beyond the text: none of it is kept.
         *in = start + given;
         *inLeft = 0;
@@ -88,6 +114,8 @@ size_t CheckedConvert(void* cd, char** in, size_t* inLeft, char** out, size_t* o
         errno = EILSEQ;
         return static_cast<size_t>(-1);
     }
+    *in = start + taken;
+    *inLeft = given - taken;
     return result;
 }
 

@@ -6,7 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <random>
 #include <set>
@@ -354,12 +358,22 @@ TEST(TextConvIConv, ConvertsAndMarksWhatItCannot)
     // A decoder that claims more input than it was given (a lone shift-out
     // byte) ends the text as bad input, keeping nothing it made from
     // memory beyond the text.
+    // Such a decoder reads on past the end of the text: placed at the very
+    // end of readable memory, the text must still come back without a fault.
+    const long page = sysconf(_SC_PAGESIZE);
+    char* const area = static_cast<char*>(
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(area, MAP_FAILED);
+    ASSERT_EQ(mprotect(area + page, page, PROT_NONE), 0);
     CTextLibIConv cnExt{stringEx("ISO-2022-CN-EXT")};
     for (const char* text : {"a\x0E", "\x0E", "ab\x0E\x0E"}) {
-        const std::wstring got = W(cnExt.MBtoWC(B(text)));
-        EXPECT_LE(got.size(), std::string(text).size()) << text;
+        const size_t length = std::strlen(text);
+        std::memcpy(area + page - length, text, length);
+        const std::wstring got = W(cnExt.MBtoWC(stringEx::View(area + page - length, length)));
+        EXPECT_LE(got.size(), length) << text;
         EXPECT_EQ(got.find_first_not_of(L"ab?"), std::wstring::npos) << text;
     }
+    munmap(area, 2 * page);
 }
 
 template <class F>
