@@ -213,11 +213,20 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
     const uint64_t sizeHint = options.flush ? 0 : options.sizeHint;
     uint64_t startSize = encoded.size();
     uint64_t consumed = 0;  // input bytes taken into pieces so far
+    // The output is filled once and handed to the file: small pages, whose
+    // cost is steady (see AdviseSmallPages).
+    auto smallPages = [&encoded] {
+        // Advice only: nothing is written through the pointer.
+        char* untouched = const_cast<char*>(encoded.data()) + encoded.size();
+        IMPL::AdviseSmallPages(untouched, encoded.capacity() - encoded.size());
+    };
     // An eighth more than the input: a result that grows a little does not
     // have to move (a move holds the old and the new result at once), and
     // room that is never written costs no memory.
-    if (sizeHint > 0)
+    if (sizeHint > 0) {
         encoded.ReserveExact(startSize + sizeHint + sizeHint / 8 + 4096);
+        smallPages();
+    }
     // Appends a piece's result. When the output is about to outgrow its
     // room, the room is made for what the rest of the input would give at
     // the rate seen so far: growing by halves instead would copy the output
@@ -228,6 +237,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
             const double rate = static_cast<double>(needed - startSize) / static_cast<double>(consumed);
             const double rest = rate * static_cast<double>(sizeHint - consumed);
             encoded.ReserveExact(needed + static_cast<uint64_t>(rest * 1.05) + 4096);
+            smallPages();
         }
         encoded.append(piece, n);
     };

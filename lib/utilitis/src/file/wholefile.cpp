@@ -31,6 +31,13 @@
 // delayed allocation it would otherwise force when a file cut to nothing is
 // closed.
 //
+// The new bytes go out in steps of 64 KB. The file system takes a cache page
+// as large as what one call hands it (up to 2 MB); large ones come from
+// memory that has lain free in large runs, which a virtual machine that gives
+// freed memory back to its host must first be given again. Writing 200 MB
+// after a cut took 0.06 to 1.2 s in one call and 0.06 to 0.11 s in 64 KB
+// steps, whatever ran before.
+//
 // Both directions keep going until the whole content has moved: the kernel
 // moves at most about 2 GiB in one call, and a short count taken as the end
 // would silently cut a large file.
@@ -50,6 +57,10 @@
 
 namespace Karu {
 namespace {
+
+// One write call: small enough that the cache pages it takes are small ones
+// (see the head of this file), large enough that calls cost nothing.
+constexpr uint64_t kWriteStep = uint64_t(1) << 16;
 
 [[noreturn]] void RaiseNoRoom(const CSysFile& file, uint64_t size, int error)
 {
@@ -177,7 +188,11 @@ void WriteBytes(const stringEx& path, const void* data, uint64_t size, bool flus
                 Reserve(file.Descriptor(), static_cast<int64_t>(keep), static_cast<int64_t>(size - keep), supported);
         }
     }
-    IMPL::WriteAll(file, bytes + keep, size - keep);
+    for (uint64_t at = keep; at < size;) {
+        const uint64_t step = std::min(kWriteStep, size - at);
+        IMPL::WriteAll(file, bytes + at, step);
+        at += step;
+    }
     IMPL::FileStep("WriteFile.written");
     if (flush)
         file.Flush();

@@ -67,6 +67,9 @@ inline constexpr T kEmptyUnits[1] = {T(0)};
 // Below this size a block spans too few large pages to be worth the call.
 inline constexpr size_t kLargeBlockBytes = size_t(8) << 20;
 void AdviseLargeBlock(void* data, size_t bytes) noexcept;
+// Takes that request back for the part of a block not yet touched, for a
+// block that is filled once front to back and soon given back: see buffer.cpp.
+void AdviseSmallPages(void* data, size_t bytes) noexcept;
 }  // namespace IMPL
 
 template <class T, class Traits = buffer_traits<T>>
