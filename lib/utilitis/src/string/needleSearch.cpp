@@ -31,6 +31,43 @@ bool HaveWideShuffles() noexcept
 }
 #endif
 
+// The (and, want) pair with set == {b : (b & and) == want}, if there is one:
+// a single byte, or two that differ in one bit.
+bool MaskOf(const ByteSet& set, uint8_t& andMask, uint8_t& want) noexcept
+{
+    int first = -1, second = -1;
+    for (int b = 0; b < 256; ++b) {
+        if (!set[static_cast<size_t>(b)])
+            continue;
+        if (first < 0)
+            first = b;
+        else if (second < 0)
+            second = b;
+        else
+            return false;
+    }
+    if (first < 0)
+        return false;
+    if (second < 0) {
+        andMask = 0xFF;
+        want = static_cast<uint8_t>(first);
+        return true;
+    }
+    const int diff = first ^ second;
+    if (diff & (diff - 1))
+        return false;
+    andMask = static_cast<uint8_t>(~diff);
+    want = static_cast<uint8_t>(first & ~diff);
+    return true;
+}
+
+uint64_t Word(const uint8_t* p) noexcept
+{
+    uint64_t w;
+    std::memcpy(&w, p, sizeof w);
+    return w;
+}
+
 unsigned char LowestByte(const ByteSet& set) noexcept
 {
     for (unsigned b = 0; b < 256; ++b)
@@ -61,7 +98,25 @@ ByteNeedles::ByteNeedles(const std::vector<ByteNeedle>& needles)
         const ByteNeedle& n = needles[order[rank]];
         const int bucket = static_cast<int>(rank / perBucket);
         _bucketNeedles[bucket].push_back(static_cast<uint32_t>(_needles.size()));
-        _needles.push_back({static_cast<uint32_t>(_bits.size()), static_cast<uint32_t>(n.size())});
+        const size_t start = _and.size();
+        int32_t masked = static_cast<int32_t>(start);
+        for (const ByteSet& set : n) {
+            uint8_t andMask, want;
+            if (!MaskOf(set, andMask, want)) {
+                masked = -1;
+                break;
+            }
+            _and.push_back(andMask);
+            _want.push_back(want);
+        }
+        if (masked < 0) {
+            _and.resize(start);  // not of that form: drop what was made of it
+            _want.resize(start);
+        } else {
+            _and.insert(_and.end(), 8, 0);
+            _want.insert(_want.end(), 8, 0);
+        }
+        _needles.push_back({static_cast<uint32_t>(_bits.size()), static_cast<uint32_t>(n.size()), masked});
         for (size_t j = 0; j < n.size(); ++j) {
             Bits bits{};
             for (unsigned b = 0; b < 256; ++b) {
@@ -76,12 +131,31 @@ ByteNeedles::ByteNeedles(const std::vector<ByteNeedle>& needles)
             _bits.push_back(bits);
         }
     }
+    const bool pair = _needles.size() == 1 && _needles[0].masked >= 0 && _needles[0].length >= 2;
+#if KARU_NEEDLES_X86
+    if (HaveWideShuffles())
+        _search = pair ? &ByteNeedles::findPair : &ByteNeedles::findWide;
+#else
+    (void)pair;
+#endif
 }
 
-bool ByteNeedles::matches(const Needle& n, const unsigned char* p, const unsigned char* to) const noexcept
+inline bool ByteNeedles::matches(const Needle& n, const unsigned char* p, const unsigned char* to) const noexcept
 {
     if (static_cast<size_t>(to - p) < n.length)
         return false;
+    if (n.masked >= 0) {
+        const uint8_t* andMask = _and.data() + n.masked;
+        const uint8_t* want = _want.data() + n.masked;
+        uint32_t i = 0;
+        for (; i + 8 <= n.length; i += 8)
+            if ((Word(p + i) & Word(andMask + i)) != Word(want + i))
+                return false;
+        for (; i < n.length; ++i)
+            if ((p[i] & andMask[i]) != want[i])
+                return false;
+        return true;
+    }
     const Bits* bits = _bits.data() + n.first;
     for (uint32_t i = 0; i < n.length; ++i)
         if (!bits[i].has(p[i]))
@@ -115,6 +189,48 @@ const char* ByteNeedles::FindPortable(const char* from, const char* to) const no
 }
 
 #if KARU_NEEDLES_X86
+// One needle: its first and last positions, 32 places at a time, each by an
+// and and a compare; the rest is checked where both hold.
+__attribute__((target("avx2"))) const char* ByteNeedles::findPair(const char* from, const char* to) const noexcept
+{
+    const Needle& n = _needles[0];
+    const uint32_t last = n.length - 1;
+    const uint8_t* andMask = _and.data() + n.masked;
+    const uint8_t* want = _want.data() + n.masked;
+    const __m256i andFirst = _mm256_set1_epi8(static_cast<char>(andMask[0]));
+    const __m256i wantFirst = _mm256_set1_epi8(static_cast<char>(want[0]));
+    const __m256i andLast = _mm256_set1_epi8(static_cast<char>(andMask[last]));
+    const __m256i wantLast = _mm256_set1_epi8(static_cast<char>(want[last]));
+    const auto* p = reinterpret_cast<const unsigned char*>(from);
+    const auto* end = reinterpret_cast<const unsigned char*>(to);
+    auto block = [&](const unsigned char* at) __attribute__((target("avx2"))) {
+        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+        const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at + last));
+        return static_cast<uint32_t>(_mm256_movemask_epi8(
+            _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_and_si256(a, andFirst), wantFirst),
+                             _mm256_cmpeq_epi8(_mm256_and_si256(b, andLast), wantLast))));
+    };
+    // Two blocks a step while there is room: one branch for 64 places.
+    for (; static_cast<size_t>(end - p) >= 32 + last; p += 32) {
+        uint64_t candidates = block(p);
+        if (static_cast<size_t>(end - p) >= 64 + last) {
+            candidates |= static_cast<uint64_t>(block(p + 32)) << 32;
+            if (!candidates) {
+                p += 32;
+                continue;
+            }
+        }
+        for (; candidates; candidates &= candidates - 1) {
+            const unsigned char* at = p + __builtin_ctzll(candidates);
+            if (matches(n, at, end))
+                return reinterpret_cast<const char*>(at);
+        }
+        if (static_cast<size_t>(end - p) >= 64 + last)
+            p += 32;
+    }
+    return FindPortable(reinterpret_cast<const char*>(p), to);
+}
+
 __attribute__((target("avx2"))) const char* ByteNeedles::findWide(const char* from, const char* to) const noexcept
 {
     const __m256i nibble = _mm256_set1_epi8(0x0F);
@@ -146,23 +262,7 @@ __attribute__((target("avx2"))) const char* ByteNeedles::findWide(const char* fr
     }
     return FindPortable(reinterpret_cast<const char*>(p), to);
 }
-#else
-const char* ByteNeedles::findWide(const char* from, const char* to) const noexcept
-{
-    return FindPortable(from, to);
-}
 #endif
-
-const char* ByteNeedles::Find(const char* from, const char* to) const noexcept
-{
-    if (_needles.empty() || from >= to)
-        return nullptr;
-#if KARU_NEEDLES_X86
-    if (HaveWideShuffles())
-        return findWide(from, to);
-#endif
-    return FindPortable(from, to);
-}
 
 const wchar_t* FindUnitOrBeyond(const wchar_t* from, const wchar_t* to, const wchar_t* units, int count) noexcept
 {

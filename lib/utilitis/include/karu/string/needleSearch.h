@@ -10,8 +10,11 @@
 // the high nibble that some needle of the bucket allows there. Nibble tables
 // make that two table lookups a byte, which vector shuffles do 32 at once.
 // The filter lets through more than matches (nibbles of different needles
-// combine), so every candidate is checked whole. Without the vector unit the
-// same tables are read a position at a time; both ways give the same answer.
+// combine), so every candidate is checked whole. A single needle whose every
+// position is a byte, or a byte either way in one bit (a letter in either
+// case), is filtered more cheaply by its first and last positions alone.
+// Without the vector unit the nibble tables are read a position at a time;
+// all ways give the same answer.
 //
 // FindUnitOrBeyond serves wide text, whose units are too wide for nibble
 // tables: it finds the first unit out of at most four, or beyond the basic
@@ -41,7 +44,10 @@ public:
 
     // The first position p in [from, to) where some needle occurs whole
     // before `to`: each of its sets holds the byte at p + i. Null if none.
-    const char* Find(const char* from, const char* to) const noexcept;
+    const char* Find(const char* from, const char* to) const noexcept
+    {
+        return from < to ? (this->*_search)(from, to) : nullptr;
+    }
     // The same, a position at a time, whatever the machine has. Find must
     // agree with it everywhere; tests hold it to that.
     const char* FindPortable(const char* from, const char* to) const noexcept;
@@ -55,6 +61,7 @@ private:
     struct Needle {
         uint32_t first;   // its positions in _bits
         uint32_t length;
+        int32_t masked;   // its positions in _and and _want, or -1: see below
     };
     static constexpr int kBuckets = 8;
     static constexpr int kFilterBytes = 3;  // positions the nibble tables test
@@ -69,6 +76,7 @@ private:
     // Checks the buckets' needles at a candidate.
     bool confirm(uint8_t buckets, const unsigned char* p, const unsigned char* to) const noexcept;
     const char* findWide(const char* from, const char* to) const noexcept;
+    const char* findPair(const char* from, const char* to) const noexcept;
 
     int _filterBytes = 0;
     alignas(16) uint8_t _lo[kFilterBytes][16] = {};
@@ -76,6 +84,12 @@ private:
     std::vector<Needle> _needles;
     std::vector<Bits> _bits;
     std::vector<uint32_t> _bucketNeedles[kBuckets];  // indexes into _needles
+    // A needle whose each position is the bytes b with (b & and) == want is
+    // checked eight positions at a time; the arrays are padded by eight
+    // positions that take any byte.
+    std::vector<uint8_t> _and, _want;
+    // What Find runs, chosen once for the needles and the machine.
+    const char* (ByteNeedles::*_search)(const char*, const char*) const noexcept = &ByteNeedles::FindPortable;
 };
 
 // The first unit in [from, to) equal to one of units[0 .. count) (count from
