@@ -8,7 +8,7 @@
 // optimising rewrites the states the tree points at.
 #include "compiler.h"
 #include "lines.h"
-#include "prefix.h"
+#include "prefilter.h"
 
 #include <new>
 
@@ -373,7 +373,7 @@ int Compiler<Ch>::finish()
         if (!n->automaton.empty()) n->automaton.cacheSlot = slots++;
     for (size_t i = 1; i < in.lookaheads.size(); ++i) in.lookaheads[i].automaton.cacheSlot = slots++;
     in.automatonCount = slots;
-    analysePrefix(in);
+    analysePrefilter(in);
     if (staysWithinLines(in)) _info |= RX_STAYS_IN_LINES;
     if (matchesOnlyAscii(in)) _info |= RX_MATCHES_ASCII;
     in.info = _info;

@@ -3,6 +3,7 @@
 // its knowledge of match ends saved) and the closure over look-ahead arcs,
 // whose transitions must not be cached.
 #include "dfa.h"
+#include "prefilter.h"
 
 #include <algorithm>
 #include <cstring>
@@ -166,8 +167,28 @@ StateSet* Dfa<Ch>::initialize(const Ch* start)
     // pass over the sets.
     ++_c->walk;
     _latestCold = nullptr;
+    _startSet = ss;
     note(ss, start);
     return ss;
+}
+
+// The walk is in a set with nothing under way at cp, so a match can only
+// begin at cp or later: it goes on where the prefilter says one can, from
+// the starter set and the context there, as a walk begun there would. False
+// when no match can begin any more.
+template <class Ch>
+bool Dfa<Ch>::jump(StateSet*& css, const Ch*& cp, const Ch* start, PrefilterCursor<Ch>& prefilter)
+{
+    const Ch* to = prefilter.next(cp);
+    if (!to) return false;
+    if (to > cp) {
+        StateSet* ss = step(_startSet, startContext(to), to, start);
+        if (!ss) return false;
+        css = ss;
+        cp = to;
+        note(css, cp);
+    }
+    return true;
 }
 
 template <class Ch>
@@ -450,7 +471,8 @@ template <class Ch>
 }
 
 template <class Ch>
-const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const Ch** cold, bool* hitStop)
+const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const Ch** cold, bool* hitStop,
+                            PrefilterCursor<Ch>* prefilter)
 {
     const Ch* cp = start;
     const Ch* realMin = (min == _ex.stop) ? min : min + 1;
@@ -459,6 +481,11 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
     colour* const* const top = _top;
     int loops = 0;
     if (hitStop) *hitStop = false;
+    // No match can begin any more, and none is under way.
+    auto none = [this](StateSet* css, const Ch* at) -> const Ch* {
+        note(css, at);
+        return nullptr;
+    };
     StateSet* css = initialize(start);
     if (!css) return nullptr;
     css = step(css, startContext(start), cp, start);
@@ -479,6 +506,11 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
                 cp += 4;
                 ss = css = four;
                 loops = stayed ? loops + 4 : 0;
+                if (prefilter && !stayed && (css->flags & kSetCold)) {
+                    if (!jump(css, cp, start, *prefilter)) return none(css, cp);
+                    ss = css;
+                    accepting = css->flags & kSetAccept;
+                }
                 if (loops >= 2 * kLoopsBeforeSkip) {
                     cp = skip(css, colourIn(leaf0, top, cp[-1]), cp, realMax);
                     loops = 0;
@@ -505,6 +537,11 @@ const Ch* Dfa<Ch>::shortest(const Ch* start, const Ch* min, const Ch* max, const
             css = ss;
             accepting = css->flags & kSetAccept;
             loops = 0;
+            if (prefilter && (css->flags & kSetCold)) {
+                if (!jump(css, cp, start, *prefilter)) return none(css, cp);
+                ss = css;
+                accepting = css->flags & kSetAccept;
+            }
         }
         if (accepting && cp >= realMin) break;
     }

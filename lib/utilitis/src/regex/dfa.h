@@ -19,6 +19,8 @@
 // characters (the implicit leading ".*" with nothing under way). Once a walk
 // has looped on a set, skip() runs over the characters that would keep it
 // there without stepping: a table scan, or memchr when a single byte leaves.
+// A search walk with a prefilter does better where it can: on coming to a set
+// with nothing under way it goes on at the next place a match can begin.
 #pragma once
 
 #include "classes.h"
@@ -31,6 +33,8 @@
 namespace Karu::IMPL::rx {
 
 struct StateSet;
+template <class Ch>
+class PrefilterCursor;
 
 struct InLink {
     StateSet* set;
@@ -132,7 +136,10 @@ public:
     // `earlier` is given it gets what longest(start, result - 1) would give.
     const Ch* longest(const Ch* start, const Ch* stop, bool* hitStop, const Ch** earlier = nullptr);
     // End of the shortest match from start ending in [min, max], or null.
-    const Ch* shortest(const Ch* start, const Ch* min, const Ch* max, const Ch** cold, bool* hitStop);
+    // With a prefilter (search walks only), a walk that comes to a set with
+    // nothing under way goes on where the prefilter says a match can begin.
+    const Ch* shortest(const Ch* start, const Ch* min, const Ch* max, const Ch** cold, bool* hitStop,
+                       PrefilterCursor<Ch>* prefilter = nullptr);
     // Every end of a match from start not beyond stop, in ascending order:
     // the candidates of a split, found in one walk instead of one each.
     void ends(const Ch* start, const Ch* stop, std::vector<const Ch*>& out, bool* hitStop = nullptr);
@@ -166,6 +173,7 @@ private:
         return known ? nullptr : miss(css, co, cp, start);
     }
     StateSet* vacant(const Ch* cp, const Ch* start);
+    bool jump(StateSet*& css, const Ch*& cp, const Ch* start, PrefilterCursor<Ch>& prefilter);
     StateSet* pick(const Ch* cp, const Ch* start);
     const Ch* skip(StateSet* css, colour co, const Ch* cp, const Ch* stop);
     bool lookahead(int index, const Ch* cp);
@@ -193,6 +201,7 @@ private:
     DfaCache* _c = nullptr;
     std::unique_ptr<DfaCache> _private;
     const Ch* _latestCold = nullptr;  // see note()
+    StateSet* _startSet = nullptr;    // the walk's starter set (pinned)
 };
 
 }  // namespace Karu::IMPL::rx

@@ -1,15 +1,20 @@
 // rxexec and its search strategy.
 //
-// First the cheap question: is there a match at all, and where could it
-// begin? The search automaton (the pattern with an implicit leading ".*")
-// answers with the shortest match end and the last position from which no
-// progress had been made. Then the root's own automaton, tried from each
-// possible start in turn, pins down the leftmost match and its longest (or
-// shortest) end; only if groups are wanted does dissection run. Patterns with
-// back-references take the backtracking route of findWithBackrefs instead.
+// A pattern with a prefilter (prefilter.h) first has it find the earliest
+// place a match can begin; a single literal is then matched already. As no
+// match begins before that place, one that begins there is the leftmost, so
+// the root's automaton is tried there first. Otherwise, the cheap question:
+// is there a match at all, and where could it begin? The search automaton
+// (the pattern with an implicit leading ".*") answers with the shortest match
+// end and the last position from which no progress had been made, jumping
+// ahead by the prefilter whenever it has nothing under way. Then the root's
+// own automaton, tried from each possible start in turn, pins down the
+// leftmost match and its longest (or shortest) end; only if groups are wanted
+// does dissection run. Patterns with back-references take the backtracking
+// route of findWithBackrefs instead.
 #include "classes.h"
 #include "dissect.h"
-#include "prefix.h"
+#include "prefilter.h"
 
 #include <algorithm>
 #include <new>
@@ -34,19 +39,17 @@ void fillDetails(ExecState<Ch>& ex, const Ch* cold)
     ex.details->end = ex.stop - ex.start;
 }
 
-// Where the search may start: no match begins before the first occurrence of
-// the pattern's literal prefix. Null when there is none, and then `whole`
-// tells whether that occurrence is the match. With details wanted the search
-// runs from the start, since the cold start it reports depends on the walk.
+// Where the search may start: no match begins before the place the
+// prefilter finds. Null when no match can begin at all. With details wanted
+// the search runs from the start, since the cold start it reports depends on
+// the walk; so it does without a prefilter.
 template <class Ch>
-const Ch* searchFrom(ExecState<Ch>& ex, bool& none, bool& whole)
+const Ch* searchFrom(const ExecState<Ch>& ex, PrefilterCursor<Ch>& prefilter, bool& none)
 {
-    const Internals& in = *ex.in;
-    none = whole = false;
-    if (in.prefix.empty() || ex.details) return ex.start;
-    const Ch* at = findPrefix(in, ex.start, ex.stop);
+    none = false;
+    if (!prefilter.active() || ex.details) return ex.start;
+    const Ch* at = prefilter.next(ex.start);
     none = at == nullptr;
-    whole = in.prefixIsWhole;
     return at;
 }
 
@@ -54,45 +57,61 @@ template <class Ch>
 int find(ExecState<Ch>& ex)
 {
     const Internals& in = *ex.in;
-    bool none, whole;
-    const Ch* from = searchFrom(ex, none, whole);
+    PrefilterCursor<Ch> prefilter(in, ex.stop);
+    bool none;
+    const Ch* from = searchFrom(ex, prefilter, none);
     if (none) return RX_NOMATCH;
-    if (whole && ex.groupsWanted <= 1) {
-        if (ex.groupsWanted) ex.matches[0] = {from - ex.start, from - ex.start + static_cast<int64_t>(in.prefix.size())};
+    const bool searched = prefilter.active() && !ex.details;
+    if (searched && in.prefilter.whole && ex.groupsWanted <= 1) {
+        const auto length = static_cast<int64_t>(in.prefilter.needles.front().size());
+        if (ex.groupsWanted) ex.matches[0] = {from - ex.start, from - ex.start + length};
         return RX_OK;
     }
-    const Ch* cold = nullptr;
-    const Ch* close;
-    {
-        Dfa<Ch> s(ex, in.search);
-        if (!s.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
-        close = s.shortest(from, from, ex.stop, &cold, nullptr);
-    }
-    if (ex.err) return ex.err;
-    fillDetails(ex, cold);
-    if (!close) return RX_NOMATCH;
-    if (ex.groupsWanted == 0) return RX_OK;
-
     const bool shorter = in.tree->flags & kShorter;
-    const Ch* open = cold ? cold : ex.start;
-    cold = nullptr;
-    const Ch* begin = open;
+    auto matchFrom = [&](Dfa<Ch>& d, const Ch* begin, bool* hitEnd) {
+        return shorter ? d.shortest(begin, begin, ex.stop, nullptr, hitEnd) : d.longest(begin, ex.stop, hitEnd);
+    };
+    const Ch* begin = nullptr;
     const Ch* end = nullptr;
-    {
+    const Ch* cold = nullptr;
+    if (searched) {
+        // No match begins in front of `from`, so one that begins there is
+        // the leftmost; and most places the prefilter finds begin one. The
+        // root's automaton is tried there before any search walk.
+        Dfa<Ch> d(ex, in.tree->automaton);
+        if (!d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+        end = matchFrom(d, from, nullptr);
+        if (ex.err) return ex.err;
+        if (end) begin = from;
+    }
+    if (!end) {
+        const Ch* close;
+        {
+            Dfa<Ch> s(ex, in.search);
+            if (!s.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
+            close = s.shortest(from, from, ex.stop, &cold, nullptr, searched ? &prefilter : nullptr);
+        }
+        if (ex.err) return ex.err;
+        fillDetails(ex, cold);
+        if (!close) return RX_NOMATCH;
+        if (ex.groupsWanted == 0) return RX_OK;
+
+        const Ch* open = cold ? cold : ex.start;
+        cold = nullptr;
         Dfa<Ch> d(ex, in.tree->automaton);
         if (!d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
         for (begin = open; begin <= close; ++begin) {
             bool hitEnd = false;
-            end = shorter ? d.shortest(begin, begin, ex.stop, nullptr, &hitEnd) : d.longest(begin, ex.stop, &hitEnd);
+            end = matchFrom(d, begin, &hitEnd);
             if (ex.err) return ex.err;
             if (hitEnd && !cold) cold = begin;
             if (end) break;
         }
+        if (!end) return RX_NOMATCH;
     }
-    if (!end) return RX_NOMATCH;
     ex.matches[0] = {begin - ex.start, end - ex.start};
     fillDetails(ex, cold);
-    if (ex.groupsWanted == 1) return RX_OK;
+    if (ex.groupsWanted <= 1) return RX_OK;
     Splitter<Ch> splitter(ex);
     return splitter.dissect(in.tree, begin, end);
 }
@@ -105,10 +124,12 @@ int findWithBackrefs(ExecState<Ch>& ex)
     Dfa<Ch> s(ex, in.search);
     Dfa<Ch> d(ex, in.tree->automaton);
     if (!s.ok() || !d.ok()) return ex.err ? ex.err : RX_ERR_MEMORY;
-    bool none, whole;
+    PrefilterCursor<Ch> prefilter(in, ex.stop);
+    bool none;
     const Ch* cold = nullptr;
-    const Ch* from = searchFrom(ex, none, whole);
+    const Ch* from = searchFrom(ex, prefilter, none);
     if (none) return RX_NOMATCH;
+    PrefilterCursor<Ch>* jumps = prefilter.active() && !ex.details ? &prefilter : nullptr;
     std::vector<const Ch*> ends;
     Splitter<Ch> splitter(ex);
     auto done = [&](int r) {
@@ -119,7 +140,7 @@ int findWithBackrefs(ExecState<Ch>& ex)
     // round that failed at an empty candidate would otherwise find the same
     // empty match again.
     for (;;) {
-        const Ch* close = s.shortest(from, from, ex.stop, &cold, nullptr);
+        const Ch* close = s.shortest(from, from, ex.stop, &cold, nullptr, jumps);
         if (ex.err) return ex.err;
         if (!close) break;
         const Ch* open = cold && cold > from ? cold : from;
@@ -147,6 +168,8 @@ int findWithBackrefs(ExecState<Ch>& ex)
         }
         if (close == ex.stop) break;
         from = close + 1;
+        // Nor does a match begin before the prefilter's next place.
+        if (jumps && !(from = jumps->next(from))) break;
     }
     return done(RX_NOMATCH);
 }
@@ -185,6 +208,19 @@ int execute(const RxObject* object, const Ch* string, size_t length, RxDetails* 
     if (in->info & RX_NEVER_MATCHES) return RX_NOMATCH;
     if (in->compFlags & RX_NOGROUPS) matchCount = 0;
     if (matchCount > 0 && matches == nullptr) return RX_ERR_ARGUMENT;
+
+    // A pattern that is a single literal, asked for no group but the whole
+    // match: the search alone answers, with no automaton and no caches.
+    const bool literal = in->prefilter.whole && !(in->info & RX_USES_BACKREF) && !(in->compFlags & RX_WANTDETAILS);
+    if (literal && std::min(matchCount, in->groupCount + 1) <= 1) {
+        const Ch* at = PrefilterCursor<Ch>(*in, string + length).findNeedle(string);
+        if (!at) return RX_NOMATCH;
+        if (matchCount == 0) return RX_OK;
+        const auto begin = static_cast<int64_t>(at - string);
+        matches[0] = {begin, begin + static_cast<int64_t>(in->prefilter.needles.front().size())};
+        for (size_t i = 1; i < matchCount; ++i) matches[i] = {-1, -1};
+        return RX_OK;
+    }
 
     try {
         ExecState<Ch> ex;

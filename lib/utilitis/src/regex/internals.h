@@ -6,6 +6,8 @@
 #include "colourmap.h"
 #include "nfa.h"
 
+#include <karu/string/needleSearch.h>
+
 #include <atomic>
 #include <memory>
 #include <string>
@@ -86,6 +88,17 @@ private:
     std::atomic<MatchCaches*> _owned{nullptr};  // the owner's slot
 };
 
+// What every match holds, for a search before and between the automata's
+// walks (see prefilter.h).
+struct Prefilter {
+    std::vector<std::vector<colour>> needles;  // every match holds one; none: no prefilter
+    std::vector<uint8_t> back;                  // per colour: may stand in front of the needle
+    bool whole = false;                         // one needle, which is the whole match
+    ByteNeedles bytes;                          // narrow build: the needles' first colours as bytes
+    wchar_t firstUnits[4] = {};                 // wide build: the units the needles begin with
+    int firstCount = 0;
+};
+
 constexpr int kInternalsMagic = 0xFED9;
 
 struct Internals {
@@ -101,9 +114,7 @@ struct Internals {
     std::vector<Subexpr> lookaheads;              // entry 0 unused
     int unitSize = 1;
     int automatonCount = 0;  // automata with a cacheSlot
-    std::vector<colour> prefix;  // the colours every match begins with (see prefix.h)
-    std::string prefixBytes;     // its leading colours of one unit each, as narrow units
-    bool prefixIsWhole = false;    // the pattern is that literal and nothing more
+    Prefilter prefilter;
     mutable CachePool caches;
 };
 
