@@ -43,7 +43,7 @@ uint64_t CPipe::GetTotalBytesCouldBeReadNow()
     if (ioctl(Descriptor(), FIONREAD, &available) != 0)
         Throw<pipeExp>(ExpMessage("CPipe::GetTotalBytesCouldBeReadNow - failed execute ioctl command\n")
                            .Errno(errno, {{EBADF, "invalid file descriptor"}}),
-                       37);
+                       35);
     return uint64_t(available);
 }
 

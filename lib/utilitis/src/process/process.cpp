@@ -11,11 +11,14 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <link.h>
 #include <malloc.h>
+#include <poll.h>
 #include <pwd.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -28,6 +31,8 @@
 
 #include <karu/log/log.h>
 #include <karu/misc/errhandler.h>
+
+#include "process/children.h"
 
 namespace Karu {
 namespace {
@@ -69,6 +74,43 @@ void Sleep(uint32_t milliseconds)
     timespec pause{time_t(milliseconds / 1000), long(milliseconds % 1000) * 1000000};
     while (nanosleep(&pause, &pause) != 0 && errno == EINTR) {
     }
+}
+
+// A descriptor that holds a process's identity; -1 where the system has none.
+int OpenProcessHandle(pid_t pid)
+{
+    int handle;
+    do {
+        handle = int(syscall(SYS_pidfd_open, pid, 0));
+    } while (handle < 0 && errno == EINTR);
+    return handle;
+}
+
+// The image of the object that holds `address`, as an absolute path: the
+// system names the main program by the argv[0] it was started with.
+stringEx ModulePath(const void* address, bool wantBase, const char* head)
+{
+    Dl_info info{};
+    link_map* module = nullptr;
+    if (!dladdr1(address, &info, reinterpret_cast<void**>(&module), RTLD_DL_LINKMAP) || !info.dli_fname ||
+        (wantBase && info.dli_fbase != address))
+        RaiseProc(ExpMessage(head).Detail(wantBase ? "base" : "address", stringEx::Format("%p", address)), 16);
+    link_map* program = nullptr;
+    if (void* self = dlopen(nullptr, RTLD_LAZY | RTLD_NOLOAD)) {
+        dlinfo(self, RTLD_DI_LINKMAP, &program);
+        dlclose(self);
+    }
+    try {
+        if (module == program)
+            return PosixReadLink(stringEx("/proc/self/exe"));
+    } catch (const procExp& e) {
+        RaiseProc(ExpMessage(head).Detail(wantBase ? "base" : "address", stringEx::Format("%p", address)).Cause(e),
+                  16);
+    }
+    if (info.dli_fname[0] == '/')
+        return stringEx(info.dli_fname);
+    char absolute[PATH_MAX];
+    return stringEx(realpath(info.dli_fname, absolute) ? absolute : info.dli_fname);
 }
 
 }  // namespace
@@ -316,6 +358,7 @@ void CProcess::Create(const stringEx& path, const std::vector<stringEx>& argumen
         _exit(kChildStartFailed);
     }
     close(report[1]);
+    IMPL::NoteChild(pid);
     int error = 0;
     ssize_t got;
     do {
@@ -343,20 +386,79 @@ void CProcess::Open(uint64_t pid)
                       .Detail("target pid", int64_t(pid))
                       .Errno(pid == 0 ? ESRCH : errno, {{ESRCH, "no such process"}}),
                   11);
+    const int handle = OpenProcessHandle(pid_t(pid));
+    if (handle < 0 && errno == ESRCH)
+        RaiseProc(ExpMessage("CProcess::Open - failed opening process\n")
+                      .Detail("target pid", int64_t(pid))
+                      .Errno(ESRCH, {{ESRCH, "no such process"}}),
+                  11);
+    __CloseProcess();
     _pid = pid;
     _started = false;
     _exitCode = -1;
+    _handle = handle;
 }
 
-void CProcess::Close() noexcept
+CProcess::CProcess(CProcess&& other) noexcept
+    : _pid(other._pid), _started(other._started), _exitCode(other._exitCode), _handle(other._handle)
 {
+    other._pid = 0;
+    other._started = false;
+    other._exitCode = -1;
+    other._handle = -1;
+}
+
+CProcess& CProcess::operator=(CProcess&& other)
+{
+    if (this != &other) {
+        __CloseProcess();
+        std::swap(_pid, other._pid);
+        std::swap(_started, other._started);
+        std::swap(_exitCode, other._exitCode);
+        std::swap(_handle, other._handle);
+    }
+    return *this;
+}
+
+CProcess::~CProcess() noexcept(false)
+{
+    try {
+        __CloseProcess();
+    } catch (...) {
+        if (MayThrowFromDestructor())
+            throw;
+    }
+}
+
+void CProcess::Close()
+{
+    __CloseProcess();
+}
+
+void CProcess::__CloseProcess()
+{
+    const int handle = _handle;
+    _handle = -1;
     _pid = 0;
     _started = false;
+    _exitCode = -1;
+    // Linux frees the descriptor even when close is interrupted.
+    if (handle >= 0 && close(handle) != 0 && errno != EINTR)
+        RaiseProc(ExpMessage("CProcess::__CloseProcess - error close process\n")
+                      .Detail("handle", int64_t(handle))
+                      .Errno(errno, {{EBADF, "invalid process handle"}, {EIO, "io error occurred"}}),
+                  22);
 }
 
 uint64_t CProcess::GetPID() const
 {
     __Need("GetPID");
+    return _pid;
+}
+
+uint64_t CProcess::ToSysHandle() const
+{
+    __Need("ToSysHandle");
     return _pid;
 }
 
@@ -453,22 +555,12 @@ std::vector<stringEx> CProcess::EnumAllModules() const
 
 stringEx CProcess::GetModuleFilePathByAny(const void* address)
 {
-    Dl_info info{};
-    if (!dladdr(address, &info) || !info.dli_fname)
-        RaiseProc(ExpMessage("CProcess::GetModuleFilePathByAny - failed retrive the module's image path\n")
-                      .Detail("address", stringEx::Format("%p", address)),
-                  16);
-    return stringEx(info.dli_fname);
+    return ModulePath(address, false, "CProcess::GetModuleFilePathByAny - failed retrive the module's image path\n");
 }
 
 stringEx CProcess::GetModuleFilePathByBase(const void* base)
 {
-    Dl_info info{};
-    if (!dladdr(base, &info) || !info.dli_fname || info.dli_fbase != base)
-        RaiseProc(ExpMessage("CProcess::GetModuleFilePathByBase - failed retrive the module's image path\n")
-                      .Detail("base", stringEx::Format("%p", base)),
-                  16);
-    return stringEx(info.dli_fname);
+    return ModulePath(base, true, "CProcess::GetModuleFilePathByBase - failed retrive the module's image path\n");
 }
 
 void CProcess::Terminate()
@@ -480,7 +572,10 @@ void CProcess::Terminate()
 void CProcess::SendSignal(int signal)
 {
     __Need("SendSignal");
-    if (kill(pid_t(_pid), signal) != 0)
+    // Through the handle, a signal cannot reach another process that took the identity over.
+    const long sent = _handle >= 0 ? syscall(SYS_pidfd_send_signal, _handle, signal, nullptr, 0)
+                                   : long(kill(pid_t(_pid), signal));
+    if (sent != 0)
         RaiseProc(ExpMessage("CProcess::SendSignal - failed send signal to process\n")
                       .Detail("target pid", int64_t(_pid))
                       .Detail("signal no", int64_t(signal))
@@ -515,12 +610,39 @@ void CProcess::ResumeMainThread()
     SendSignal(SIGCONT);
 }
 
+namespace {
+
+// The status of a child that the exit table's handler reaped; the handler
+// stores it a moment after its own wait, so a wait that lost the race to it
+// looks a little while.
+bool ReapedStatus(pid_t pid, int& status)
+{
+    for (int tries = 0; tries < 200; ++tries) {
+        if (CExitTbl::Lookup(pid, status))
+            return true;
+        Sleep(1);
+    }
+    return false;
+}
+
+}  // namespace
+
 bool CProcess::Wait(uint32_t milliseconds)
 {
     __Need("Wait");
     if (_exitCode != -1)
         return true;
     const pid_t pid = pid_t(_pid);
+    if (!_started && _handle >= 0) {
+        // The handle becomes readable when the process ends, reaped or not.
+        pollfd entry{_handle, POLLIN, 0};
+        const int timeout = milliseconds == 0xFFFFFFFF ? -1 : int(std::min<uint32_t>(milliseconds, INT32_MAX));
+        int ready;
+        do {
+            ready = poll(&entry, 1, timeout);
+        } while (ready < 0 && errno == EINTR);
+        return ready > 0;
+    }
     uint32_t waited = 0, step = 1;
     for (;;) {
         int status = 0;
@@ -528,9 +650,11 @@ bool CProcess::Wait(uint32_t milliseconds)
         if (_started) {
             try {
                 ended = PosixWait(pid, &status, milliseconds == 0xFFFFFFFF ? 0 : WNOHANG);
+                if (ended)
+                    IMPL::ForgetChild(pid);
             } catch (const procExp&) {
                 // Reaped already by the child-terminate handler of CExitTbl.
-                ended = CExitTbl::Lookup(pid, status);
+                ended = ReapedStatus(pid, status);
                 if (!ended)
                     throw;
             }
@@ -640,7 +764,8 @@ int32_t CProcess::GetDynamicBoost() const
     errno = 0;  // -1 is a valid nice value: only errno tells a failure
     const int nice = getpriority(PRIO_PROCESS, id_t(_pid));
     if (nice == -1 && errno != 0)
-        RaiseProc(ExpMessage("CProcess::GetDynamicBoost - failed getting process' priority\n")
+        RaiseProc(ExpMessage("GetSchedParam - failed retrive sched's pri range\n")
+                      .Detail("target pid", int64_t(_pid))
                       .Errno(errno, {{ESRCH, "no such process"}}),
                   18);
     return -nice;
@@ -650,7 +775,9 @@ void CProcess::SetDynamicBoost(int32_t boost)
 {
     __Need("SetDynamicBoost");
     if (setpriority(PRIO_PROCESS, id_t(_pid), -boost) != 0)
-        RaiseProc(ExpMessage("CProcess::SetDynamicBoost - failed setting process' priority\n")
+        RaiseProc(ExpMessage("CThread_Imp::_SetThreadShcdParam - failed set process' sched param\n")
+                      .Detail("target pid", int64_t(_pid))
+                      .Detail("boost", int64_t(boost))
                       .Errno(errno, {{ESRCH, "no such process"}, {EPERM, "permission denied"},
                                      {EACCES, "permission denied"}}),
                   18);
@@ -700,66 +827,6 @@ void CProcess::GetMemUsage(uint64_t& peakKb, uint64_t& sizeKb) const
 void CProcess::ShrinkMemUsage()
 {
     malloc_trim(0);
-}
-
-// ---- CExitTbl ------------------------------------------------------------------------
-
-namespace {
-
-// Filled from a signal handler, so no lock: each slot is claimed by an
-// atomic exchange of its pid.
-constexpr size_t kExitSlots = 256;
-struct EXIT_SLOT {
-    std::atomic<pid_t> pid{0};
-    std::atomic<int> status{0};
-};
-EXIT_SLOT g_exits[kExitSlots];
-std::atomic<size_t> g_nextSlot{0};
-struct sigaction g_previousChildAction;
-
-void ChildTerminated(int)
-{
-    const int savedErrno = errno;
-    int status;
-    pid_t pid;
-    while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
-        EXIT_SLOT& slot = g_exits[g_nextSlot.fetch_add(1) % kExitSlots];
-        slot.pid.store(0);
-        slot.status.store(status);
-        slot.pid.store(pid);
-    }
-    errno = savedErrno;
-}
-
-}  // namespace
-
-CExitTbl::CExitTbl()
-{
-    CFastLockHolder hold(_lock);
-    struct sigaction action {};
-    action.sa_handler = ChildTerminated;
-    action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
-    sigemptyset(&action.sa_mask);
-    if (sigaction(SIGCHLD, &action, &g_previousChildAction) != 0)
-        RaiseProc(ExpMessage("CExitTbl::CExitTbl - failed setup the child terminate handler\n").Errno(errno, {}), 21);
-}
-
-CExitTbl::~CExitTbl()
-{
-    CFastLockHolder hold(_lock);
-    sigaction(SIGCHLD, &g_previousChildAction, nullptr);
-}
-
-bool CExitTbl::Lookup(pid_t pid, int& status, bool remove)
-{
-    for (EXIT_SLOT& slot : g_exits)
-        if (slot.pid.load() == pid) {
-            status = slot.status.load();
-            if (remove)
-                slot.pid.store(0);
-            return true;
-        }
-    return false;
 }
 
 }  // namespace Karu

@@ -4,7 +4,11 @@
 // Figures come from the process file system: /proc/<pid>/exe for the image,
 // cmdline, maps for the modules, status for the memory figures, stat for
 // the times. A process started by Create is a child: Wait reaps it and keeps
-// its exit code.
+// its exit code. A process that Open stands for is held by a descriptor of
+// the system (a pidfd) until Close, so that its identity cannot pass to
+// another process meanwhile; Wait watches that descriptor, which also sees
+// the end of a process that its parent has not reaped yet. The object owns
+// the descriptor: it moves, and is not copied.
 //
 // Exit codes: the status given to exit for a process that exited, 128 plus
 // the signal number for one that a signal ended (as shells report it), and
@@ -17,7 +21,6 @@
 #include <vector>
 
 #include <karu/string/karuExp.h>
-#include <karu/sync/fastlock.h>
 #include <karu/time/time.h>
 
 namespace Karu {
@@ -62,6 +65,12 @@ class CProcess {
 public:
     CProcess() noexcept = default;
     explicit CProcess(uint64_t pid) { Open(pid); }
+    CProcess(CProcess&& other) noexcept;
+    CProcess& operator=(CProcess&& other);
+    CProcess(const CProcess&) = delete;
+    CProcess& operator=(const CProcess&) = delete;
+    // Closes as Close does; raises only when no exception is passing.
+    ~CProcess() noexcept(false);
     static CProcess Current();
 
     // Starts `path` with `arguments` (the first is the program's name) as a
@@ -70,10 +79,12 @@ public:
                 uint32_t forkFlags = 0, const std::vector<stringEx>* environment = nullptr);
     // Stands for an existing process.
     void Open(uint64_t pid);
-    void Close() noexcept;
+    // Stands for no process any more; raises procExp when the system fails
+    // to close the descriptor that held it.
+    void Close();
 
     uint64_t GetPID() const;
-    uint64_t ToSysHandle() const { return GetPID(); }
+    uint64_t ToSysHandle() const;
     bool IsChild() const noexcept { return _started; }
 
     stringEx GetBinFilePath() const;
@@ -117,15 +128,21 @@ public:
 private:
     void __Need(const char* operation) const;
     stringEx __ProcPath(const char* file) const;
+    void __CloseProcess();
 
     uint64_t _pid = 0;
     bool _started = false;
     int32_t _exitCode = -1;
+    int _handle = -1;  // the pidfd of an opened process; -1 for a child, or where the system has none
 };
 
-// Keeps the exit statuses of children, filled by a SIGCHLD handler that
-// reaps every child as it ends. While one exists, waiting for a child that
-// has already been reaped reads its status here.
+// Keeps the exit statuses of the children that CProcess::Create started,
+// filled by a SIGCHLD handler that reaps exactly those children as they end.
+// Other children of the program (a popen's, a plain fork's) are left to
+// whoever waits for them. While one exists, waiting for a child that has
+// already been reaped reads its status here; every status is kept until it
+// is read. Tables may nest; the last one to go puts the program's own
+// handler back, which the table's handler calls meanwhile.
 class CExitTbl {
 public:
     CExitTbl();
@@ -135,9 +152,6 @@ public:
 
     // The raw wait status of a reaped child; false when none is recorded.
     static bool Lookup(pid_t pid, int& status, bool remove = true);
-
-private:
-    FAST_PCLOCK _lock;
 };
 
 }  // namespace Karu

@@ -6,13 +6,19 @@
 
 #include <gtest/gtest.h>
 
+#include <dirent.h>
+#include <dlfcn.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <thread>
 
+#include "sync/tests/forktest.h"
+
 using namespace Karu;
+using namespace KaruTest;
 
 namespace {
 
@@ -97,6 +103,7 @@ TEST(Process, AnEmptyObjectRaisesForEveryOperation)
         void (*call)(CProcess&);
     } rows[] = {
         {"GetPID", [](CProcess& p) { (void)p.GetPID(); }},
+        {"ToSysHandle", [](CProcess& p) { (void)p.ToSysHandle(); }},
         {"GetBinFilePath", [](CProcess& p) { (void)p.GetBinFilePath(); }},
         {"Wait", [](CProcess& p) { (void)p.Wait(0); }},
         {"WaitForReady", [](CProcess& p) { (void)p.WaitForReady(0); }},
@@ -151,6 +158,108 @@ TEST(Process, WhatThisProcessReadsAboutItself)
     }
 }
 
+// Another process is held by a descriptor: Wait sees its end even while its
+// parent has not reaped it, and Close lets it go.
+TEST(Process, AnOpenedProcessIsWatchedUntilClosed)
+{
+    CProcess child;
+    child.Create("/bin/sh", Args({"sh", "-c", "sleep 5"}));
+    CProcess view(child.GetPID());
+    EXPECT_FALSE(view.IsChild());
+    EXPECT_FALSE(view.Wait(50));
+    child.Terminate();  // it ends, and stays unreaped until the wait below
+    EXPECT_TRUE(view.Wait(5000)) << "the end of an unreaped process went unseen";
+    ASSERT_TRUE(child.Wait(5000));
+    EXPECT_EQ(child.GetExitCode(), 128 + SIGKILL);
+    view.Close();
+    EXPECT_THROW(view.GetPID(), procExp);
+
+    // The system refusing the close is reported: the descriptor went behind the object's back.
+    auto pidfds = [] {
+        std::vector<int> found;
+        DIR* dir = opendir("/proc/self/fd");
+        while (dirent* entry = readdir(dir)) {
+            char target[64] = {};
+            const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+            if (readlink(link.c_str(), target, sizeof target - 1) > 0 && std::string(target) == "anon_inode:[pidfd]")
+                found.push_back(atoi(entry->d_name));
+        }
+        closedir(dir);
+        return found;
+    };
+    const std::vector<int> before = pidfds();
+    CProcess self = CProcess::Current();
+    std::vector<int> after = pidfds();
+    ASSERT_EQ(after.size(), before.size() + 1);
+    for (int fd : before)
+        after.erase(std::find(after.begin(), after.end(), fd));
+    close(after[0]);
+    try {
+        self.Close();
+        FAIL() << "a failed close passed";
+    } catch (const procExp& e) {
+        EXPECT_EQ(e.code, 22);
+        EXPECT_EQ(std::string(e.message.c_str()), "CProcess::__CloseProcess - error close process\n  handle     = " +
+                                                      std::to_string(after[0]) +
+                                                      "\n  error code = 9\n  error desc = invalid process handle\n");
+    }
+}
+
+TEST(Process, SchedulingFailuresAreTheProcessLayers)
+{
+    CProcess gone;
+    gone.Create("/bin/sh", Args({"sh", "-c", "exit 0"}));
+    ASSERT_TRUE(gone.Wait(5000));  // reaped: its identity names nobody now
+    const std::string pid = std::to_string(gone.GetPID());
+    struct Row {
+        const char* why;
+        void (*call)(CProcess&);
+        std::string message;
+    } rows[] = {
+        {"reading the boost", [](CProcess& p) { (void)p.GetDynamicBoost(); },
+         "GetSchedParam - failed retrive sched's pri range\n  target pid = " + pid +
+             "\n  error code = 3\n  error desc = no such process\n"},
+        {"setting the boost", [](CProcess& p) { p.SetDynamicBoost(0); },
+         "CThread_Imp::_SetThreadShcdParam - failed set process' sched param\n  target pid = " + pid +
+             "\n  boost      = 0\n  error code = 3\n  error desc = no such process\n"},
+    };
+    for (const Row& row : rows) {
+        try {
+            row.call(gone);
+            ADD_FAILURE() << row.why << ": no failure";
+        } catch (const procExp& e) {
+            EXPECT_EQ(std::string(e.message.c_str()), row.message) << row.why;
+        } catch (const karuExp& e) {
+            ADD_FAILURE() << row.why << ": not the process layer's class: " << e.message.c_str();
+        }
+    }
+}
+
+int g_inThisProgram;
+
+// The main program is named by the path of its image, not by the argv[0]
+// it was started with: run again as "./karu_process_tests".
+TEST(Process, ModulePathsAreAbsolute)
+{
+    if (!getenv("KARU_PROCESS_INNER")) {
+        const ChildEnd end = RunSelf("./karu_process_tests", "Process.ModulePathsAreAbsolute",
+                                     {"KARU_PROCESS_INNER=1"});
+        EXPECT_EQ(end.status, 0) << "the run with a relative argv[0] failed";
+        return;
+    }
+    char image[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", image, sizeof image - 1), 0);
+    EXPECT_STREQ(CProcess::GetModuleFilePathByAny(&g_inThisProgram).c_str(), image);
+    Dl_info info{};
+    ASSERT_NE(dladdr(&g_inThisProgram, &info), 0);
+    EXPECT_STREQ(CProcess::GetModuleFilePathByBase(info.dli_fbase).c_str(), image);
+    // A shared object found through the search path keeps the absolute name it was loaded by.
+    const void* shared = reinterpret_cast<const void*>(&waitpid);
+    ASSERT_NE(dladdr(shared, &info), 0);
+    ASSERT_EQ(info.dli_fname[0], '/');
+    EXPECT_STREQ(CProcess::GetModuleFilePathByAny(shared).c_str(), info.dli_fname);
+}
+
 TEST(Pipe, MegabytesThroughAChildWithoutDeadlock)
 {
     CPipe toChildRead, toChildWrite, fromChildRead, fromChildWrite;
@@ -203,6 +312,13 @@ TEST(Pipe, BrokenPipePeekAndAvailableBytes)
     EXPECT_EQ(copy.GetTotalBytesCouldBeReadNow(), 3u);
     char buffer[4];
     EXPECT_THROW(reader.Peek(buffer, 3), pipeExp);
+    CPipe closed;
+    try {
+        closed.GetTotalBytesCouldBeReadNow();
+        ADD_FAILURE() << "asked a closed pipe";
+    } catch (const pipeExp& e) {
+        EXPECT_EQ(e.code, 35);  // the control operation on a pipe
+    }
 
     reader.Close();
     copy.Close();
