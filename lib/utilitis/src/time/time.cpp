@@ -321,12 +321,12 @@ stringEx CTime::ShortWeekDayName(uint32_t weekDay)
 
 uint64_t CTime::ToSystemFileTime(int16_t zone) const noexcept
 {
-    return static_cast<uint64_t>(_us + kUsFrom1601To1970 + int64_t(zone) * kUsPerMinute) * 10;
+    return static_cast<uint64_t>(_us + kUsFrom1601To1970 + int64_t(ResolveZone(zone)) * kUsPerMinute) * 10;
 }
 
 CTime CTime::FromSystemFileTime(uint64_t count, int16_t zone) noexcept
 {
-    return CTime(static_cast<int64_t>(count / 10) - kUsFrom1601To1970 - int64_t(zone) * kUsPerMinute);
+    return CTime(static_cast<int64_t>(count / 10) - kUsFrom1601To1970 - int64_t(ResolveZone(zone)) * kUsPerMinute);
 }
 
 uint32_t CTime::HourPart(int16_t zone) const noexcept

@@ -203,6 +203,25 @@ TEST(Time, FileTimesAndParts)
     EXPECT_EQ(CTime(-1).HourPart(0), 23u);
 }
 
+// The local zone's value stands for the machine's offset in the file-time
+// conversions too, as everywhere else; here +05:30, from a zone spelled out.
+TEST(Time, FileTimesInTheLocalZoneUseTheLocalOffset)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            setenv("TZ", "XXX-05:30", 1);
+            const CTime t = CTime::FromFields(2009, 3, 1, 23, 45, 0, 0, 0);
+            // (time + 1601-to-1970 + zone) in 100-nanosecond units, with the zone at +330 minutes.
+            const uint64_t expect = uint64_t(t.Microseconds() + 11644473600000000LL + 330LL * 60000000) * 10;
+            bool ok = CTime::LocalOffset() == 330;
+            ok = ok && t.ToSystemFileTime(kLocalZone) == expect;
+            ok = ok && CTime::FromSystemFileTime(expect, kLocalZone) == t;
+            std::exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
 // The local offset is read once per process: times composed and split in the
 // local zone round-trip on both sides of a daylight-saving change, with the
 // offset that held when it was first read.
