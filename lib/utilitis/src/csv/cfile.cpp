@@ -139,9 +139,12 @@ R CharCall(FILE* stream, const char* head, int32_t code, R end, bool isRead, Cal
     FILE* const file = Need(stream, head, code);
     if (isRead)
         std::clearerr(file);
+    errno = 0;
     const R result = call(file);
+    // A refusal the C library gives no reason for (ungetc of EOF) is an
+    // invalid argument, not whatever an earlier call left in errno.
     if (result == end && (!isRead || std::ferror(file)))
-        Fail(head, errno, code);
+        Fail(head, errno ? errno : EINVAL, code);
     return result;
 }
 

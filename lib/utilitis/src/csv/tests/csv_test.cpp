@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <functional>
 #include <string>
@@ -261,6 +262,12 @@ TEST(CFile, StreamCallsAndTheirFailures)
              f.Read(&c, 1);
          },
          "CCFile::Read - failed reading file\n  system error is : Bad file descriptor\n", 7},
+        {"unget of the end mark, after a call that left errno set", [&] {
+             CCFile f(path, "r");
+             errno = ENOENT;
+             f.UnGetChar(EOF);
+         },
+         "CCFile::UnGetChar - failed unget char\n  system error is : Invalid argument\n", 12},
     };
     for (const Row& r : rows) {
         try {
