@@ -146,7 +146,8 @@ CEvent::~CEvent() noexcept(false)
     }
     if (waiters != 0) {
         // The platform's destroy would wait for the waiter for ever; the
-        // condition is left as it is.
+        // condition and its mutex are left as they are for it.
+        _mutex.LeaveIntactOnClose();
         if (MayThrowFromDestructor())
             RaiseEvent("CEvent::~CEvent - failed close event\n", EBUSY, kCloseErrors, 3);
         return;

@@ -208,7 +208,8 @@ CMutex::CMutex(bool lockNow)
 
 CMutex::~CMutex() noexcept(false)
 {
-    DestroyMutex(&_mutex, kMutexHeads.destroy);
+    if (!_leaveIntact)
+        DestroyMutex(&_mutex, kMutexHeads.destroy);
 }
 
 bool CMutex::Lock() { return DoLock(&_mutex, kMutexHeads); }

@@ -57,9 +57,13 @@ public:
     void UnLock();
 
     pthread_mutex_t* Native() noexcept { return &_mutex; }
+    // The close then leaves the mutex as it is: for an owner that is left
+    // in use by a waiter (an event destroyed under one).
+    void LeaveIntactOnClose() noexcept { _leaveIntact = true; }
 
 private:
     pthread_mutex_t _mutex;
+    bool _leaveIntact = false;
 };
 
 class CProcMutex {
