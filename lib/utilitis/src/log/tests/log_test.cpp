@@ -327,6 +327,9 @@ public:
 
 TEST_F(LogConcurrency, AFaultInALoggerOnTheLoggingThreadWritesTheFatalRecord)
 {
+    if (kUnderThreadSanitizer)
+        GTEST_SKIP() << "the fatal handler writes its record through the ordinary logging calls, which are not "
+                        "safe in a signal handler, by design; the sanitizer stops at the first of them";
     const std::string path = testing::TempDir() + "karu_log_thread_fault.txt";
     unlink(path.c_str());
     const ChildEnd end = RunChild([&] {

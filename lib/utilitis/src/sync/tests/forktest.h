@@ -36,6 +36,18 @@ struct ChildEnd {
 // A deadline generous enough for a loaded two-core machine under a sanitizer.
 constexpr int kChildDeadlineMs = 30000;
 
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kUnderThreadSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool kUnderThreadSanitizer = true;
+#else
+constexpr bool kUnderThreadSanitizer = false;
+#endif
+#else
+constexpr bool kUnderThreadSanitizer = false;
+#endif
+
 // Runs `body` in a child; its result is the child's exit status. The child
 // leaves through _exit, so no test machinery of the parent runs twice.
 // An exception that escapes `body` ends the child with status 99.

@@ -63,6 +63,9 @@ long RandomPoint(std::mt19937& random)
 
 TEST(ProcMutexConcurrency, HoldersKilledAtRandomPointsNeverWedgeTheLock)
 {
+    if (kUnderThreadSanitizer)
+        GTEST_SKIP() << "the sanitizer does not count a timed lock that takes over a dead holder's lock as taken, "
+                        "and then reports its release; the takeover is what this test is about";
     constexpr int kVictims = 40;
     ExpectClean(RunScenario(
         [] {
