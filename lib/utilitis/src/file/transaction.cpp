@@ -110,24 +110,31 @@ struct Locked {
 
 bool OpenLocked(const stringEx& path, bool write, bool create, Locked& out, const char* head)
 {
+    const int flags = (write ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NONBLOCK;
     for (;;) {
         out = Locked();
         int fd = -1;
         if (create) {
-            // Tried exclusive first, to know whether this writer made it.
-            fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NONBLOCK, kDefaultFilePermissions);
+            // Made exclusively first, to know whether this writer made it.
+            fd = open(path.c_str(), flags | O_CREAT | O_EXCL, kDefaultFilePermissions);
             out.created = fd >= 0;
-        }
-        if (fd < 0 && (!create || errno == EEXIST))
-            fd = open(path.c_str(), (write ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NONBLOCK);
-        if (fd < 0) {
-            if (errno == EINTR || (create && errno == ENOENT))
-                continue;  // the name came and went between the two opens
-            if (errno == ENOENT && !create)
+            if (fd < 0 && errno == EEXIST) {
+                fd = open(path.c_str(), flags);
+                if (fd < 0 && errno == ENOENT)
+                    continue;  // it went again between the two opens
+            }
+        } else {
+            fd = open(path.c_str(), flags);
+            if (fd < 0 && errno == ENOENT)
                 return false;
+        }
+        if (fd < 0) {
+            if (errno == EINTR)
+                continue;
             // The library's own open gives the message of this failure; if
             // it opens after all, the failure was a passing one.
-            close(PosixOpenFile(path, write ? O_RDWR : O_RDONLY, 0, kShareNone, kDefaultFilePermissions, 0));
+            close(PosixOpenFile(path, write ? O_RDWR : O_RDONLY, create ? O_CREAT : 0, kShareNone,
+                                kDefaultFilePermissions, 0));
             continue;
         }
         out.file.Attach(fd, path);

@@ -672,6 +672,13 @@ TEST(TransactionWrite, OldContentSurvivesAFailedWriter)
         EXPECT_EQ(t.Get("store.bin"), r.expect) << r.why;
         EXPECT_FALSE(t.Has("store.bin.trs")) << r.why;
     }
+    // A file in a directory that is not there: the open's failure, at once.
+    {
+        const KaruTest::Deadline deadline(std::chrono::seconds(30), "a write into a missing directory");
+        EXPECT_EQ(Failure([&] { CDir::TransactionWrite(t.At("missing/store.bin"), writing("x", false)); })
+                      .rfind("PosixOpenFile - failed open specified file\n", 0),
+                  0u);
+    }
     // A stale transaction file from an earlier crash does not stop a write.
     t.Put("store.bin.trs", "stale");
     CDir::TransactionWrite(path, writing("four", false));
