@@ -22,10 +22,11 @@
 #include <karu/TextConv/backends.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
-#include <cstring>
+#include <mutex>
+#include <set>
 #include <string>
-#include <vector>
 
 #include <karu/file/dllLoader.h>
 #include <karu/string/unicode.h>
@@ -53,10 +54,12 @@ constexpr size_t kStatefulPieceChars = 32;
 
 struct IconvLibrary {
     std::unique_ptr<CDllLoader> loader;
-    IconvOpenFn open = nullptr;
-    IconvFn convert = nullptr;  // always CheckedConvert once loaded
-    IconvFn library = nullptr;  // the library's own conversion call
-    IconvCloseFn close = nullptr;
+    IconvOpenFn open = nullptr;      // always CheckedOpen once loaded
+    IconvFn convert = nullptr;       // always CheckedConvert once loaded
+    IconvCloseFn close = nullptr;    // always CheckedClose once loaded
+    IconvOpenFn libraryOpen = nullptr;  // the library's own calls
+    IconvFn library = nullptr;
+    IconvCloseFn libraryClose = nullptr;
     uint64_t users = 0;
     stringEx path;  // configured library, tried first
 };
@@ -67,18 +70,72 @@ IconvLibrary& Library()
     return library;
 }
 
-// Some of the system's decoders, told to skip bad input, run on past the
-// end of a text that ends in a lone shift-out byte (ISO-2022-CN-EXT does):
-// they read on until the output is full, a round's worth of bytes beyond
-// the text, and report having taken more input than they were given. Every
-// call goes through here. A text that ends in that byte is handed over from
-// a copy with room of zeros behind it, so that what such a decoder reads is
-// ours; and a call that took more than it was given ends the text as bad
-// input, keeping nothing of what it made.
+// The C library's ISO-2022-CN-EXT decoder, told to skip bad input, runs on
+// past the end of a text that ends in a lone shift-out byte, reading far
+// beyond it (to a fault at the end of readable memory), and reports having
+// taken more input than it was given. Its descriptors are noted when they
+// are opened, and shift-out bytes at the end of a text are never handed to
+// them: they carry no character, so the first is reported as bad input
+// where it stands once all before it is taken, as a decoder that stops at
+// bad input reports it.
+// Every call goes through CheckedConvert, and a call of any decoder that
+// took more than it was given ends the text as bad input there, keeping
+// nothing of what it made.
 constexpr char kShiftOut = 0x0E;
-// Behind such a copy: more than a round's output could take, each zero
-// read making one character.
-constexpr size_t kOverrunRoom = 2 * kWideRoundBytes;
+
+struct OverrunningDecoders {
+    std::atomic<int> count{0};  // none open: no look-up at all
+    std::mutex lock;
+    std::set<void*> open;
+};
+
+OverrunningDecoders& Overrunning()
+{
+    static OverrunningDecoders decoders;
+    return decoders;
+}
+
+bool OverrunsOnShiftOut(void* cd)
+{
+    OverrunningDecoders& decoders = Overrunning();
+    if (decoders.count.load(std::memory_order_acquire) == 0)
+        return false;
+    std::lock_guard<std::mutex> hold(decoders.lock);
+    return decoders.open.count(cd) != 0;
+}
+
+// The encoding a descriptor reads, without options, case or separators.
+std::string Bare(const char* name)
+{
+    std::string bare;
+    for (const char* c = name; *c && !(c[0] == '/' && c[1] == '/'); ++c)
+        if (*c != '-' && *c != '_')
+            bare += static_cast<char>(*c >= 'a' && *c <= 'z' ? *c - 'a' + 'A' : *c);
+    return bare;
+}
+
+void* CheckedOpen(const char* tocode, const char* fromcode)
+{
+    void* cd = Library().libraryOpen(tocode, fromcode);
+    if (cd != reinterpret_cast<void*>(-1) && Bare(fromcode) == "ISO2022CNEXT") {
+        OverrunningDecoders& decoders = Overrunning();
+        std::lock_guard<std::mutex> hold(decoders.lock);
+        decoders.open.insert(cd);
+        decoders.count.store(static_cast<int>(decoders.open.size()), std::memory_order_release);
+    }
+    return cd;
+}
+
+int CheckedClose(void* cd)
+{
+    OverrunningDecoders& decoders = Overrunning();
+    if (decoders.count.load(std::memory_order_acquire) != 0) {
+        std::lock_guard<std::mutex> hold(decoders.lock);
+        decoders.open.erase(cd);
+        decoders.count.store(static_cast<int>(decoders.open.size()), std::memory_order_release);
+    }
+    return Library().libraryClose(cd);
+}
 
 size_t CheckedConvert(void* cd, char** in, size_t* inLeft, char** out, size_t* outLeft)
 {
@@ -86,24 +143,21 @@ size_t CheckedConvert(void* cd, char** in, size_t* inLeft, char** out, size_t* o
     const size_t given = start && inLeft ? *inLeft : 0;
     char* const outStart = out ? *out : nullptr;
     const size_t room = outLeft ? *outLeft : 0;
-    size_t result, taken;
-    if (given > 0 && start[given - 1] == kShiftOut) {
-        std::vector<char> copy(given + kOverrunRoom, 0);
-        std::memcpy(copy.data(), start, given);
-        char* at = copy.data();
-        size_t left = given;
-        result = Library().library(cd, &at, &left, out, outLeft);
-        const int error = errno;  // the copy's release must not change it
-        taken = static_cast<size_t>(at - copy.data());
-        copy = std::vector<char>();
-        errno = error;
-    } else {
+    size_t handed = given;
+    if (given > 0 && start[given - 1] == kShiftOut && OverrunsOnShiftOut(cd))
+        while (handed > 0 && start[handed - 1] == kShiftOut)
+            --handed;  // the text handed over must not end in one either
+    const bool heldBack = handed < given;
+    size_t result = 0;
+    if (!heldBack || handed > 0) {
+        if (heldBack)
+            *inLeft = handed;
         result = Library().library(cd, in, inLeft, out, outLeft);
-        if (!start || !*in)
-            return result;
-        taken = static_cast<size_t>(*in - start);
     }
-    if (taken > given) {
+    if (!start || !*in)
+        return result;
+    const size_t taken = static_cast<size_t>(*in - start);
+    if (taken > handed) {
         // What it wrote came from beyond the text: none of it is kept.
         *in = start + given;
         *inLeft = 0;
@@ -114,17 +168,22 @@ size_t CheckedConvert(void* cd, char** in, size_t* inLeft, char** out, size_t* o
         errno = EILSEQ;
         return static_cast<size_t>(-1);
     }
-    *in = start + taken;
     *inLeft = given - taken;
+    if (heldBack && taken == handed && (result != static_cast<size_t>(-1) || errno == EILSEQ)) {
+        errno = EILSEQ;
+        return static_cast<size_t>(-1);
+    }
     return result;
 }
 
 void LoadEntryPoints(IconvLibrary& lib, const char* openName, const char* convertName, const char* closeName)
 {
-    lib.open = reinterpret_cast<IconvOpenFn>(lib.loader->GetProc(stringEx(openName)));
+    lib.libraryOpen = reinterpret_cast<IconvOpenFn>(lib.loader->GetProc(stringEx(openName)));
     lib.library = reinterpret_cast<IconvFn>(lib.loader->GetProc(stringEx(convertName)));
+    lib.libraryClose = reinterpret_cast<IconvCloseFn>(lib.loader->GetProc(stringEx(closeName)));
+    lib.open = &CheckedOpen;
     lib.convert = &CheckedConvert;
-    lib.close = reinterpret_cast<IconvCloseFn>(lib.loader->GetProc(stringEx(closeName)));
+    lib.close = &CheckedClose;
 }
 
 void LoadLibrary(IconvLibrary& lib)
@@ -240,8 +299,10 @@ void CTextLibIConv::__Release() noexcept
     }
     lib.open = nullptr;
     lib.convert = nullptr;
-    lib.library = nullptr;
     lib.close = nullptr;
+    lib.libraryOpen = nullptr;
+    lib.library = nullptr;
+    lib.libraryClose = nullptr;
 }
 
 // ---- converters ----------------------------------------------------------------------

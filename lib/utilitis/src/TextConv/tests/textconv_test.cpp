@@ -373,6 +373,11 @@ TEST(TextConvIConv, ConvertsAndMarksWhatItCannot)
         EXPECT_LE(got.size(), length) << text;
         EXPECT_EQ(got.find_first_not_of(L"ab?"), std::wstring::npos) << text;
     }
+    // Every byte alone, in turn on one converter, as its shortcut probes them.
+    for (int b = 0; b < 256; ++b) {
+        area[page - 1] = static_cast<char>(b);
+        cnExt.MBtoWC(stringEx::View(area + page - 1, 1));
+    }
     munmap(area, 2 * page);
 }
 
