@@ -92,6 +92,11 @@ TEST(RegexMethods, AdvancedPatterns)
         {"embedded case option", "-r", "***:(?i)ab->x\n", "AB ab", "x x", 2},
         {"a literal pattern", "-r", "***=a.b->x\n", "acb a.b", "acb x", 1},
         {"a group that took no part is empty", "-r", "***:(a)|(b)->[\\1\\2]\n", "ab", "[a][b]", 2},
+        {"a repeated back-reference takes copies of its group only", "-r", "***:(.)\\1*-><\\0>\n", "abc aab\n",
+         "<a><b><c>< ><aa><b><\n>", 7},
+        {"the same, the fewest copies that let the rest match", "-r", "***:(.)\\1*?x-><\\0>\n", "aaxbxc",
+         "<aax><bx>c", 2},
+        {"an anchor inside a loop", "-r", "***:($)*^a-><\\0>\n", "aba", "<a>ba", 1},
     };
     for (const Case& c : cases)
         RunBothForms(c);

@@ -20,11 +20,12 @@ constexpr colour kNoColour = -1;
 constexpr int kMaxColours = 32767;  // colours are signed 16-bit
 
 // A pattern whose automaton would grow beyond these is refused as out of
-// memory. Only nested bounds come near: (a{255}){255} needs 65,025 states
-// and compiles; one more level would need 16 million, and with the copies
-// the tree's nodes take, gigabytes. The limits keep a refused compile quick.
-constexpr int kMaxStates = 1 << 19;
-constexpr long kMaxArcs = 1L << 22;
+// memory (about 200 MB of graph, and a compile of a few tenths of a second).
+// Only nested bounds come near: (a{255}){255} needs 65,025 states and
+// compiles; one more level would need 16 million, gigabytes with the copies
+// the tree's nodes take.
+constexpr int kMaxStates = 1 << 17;
+constexpr long kMaxArcs = 1L << 21;
 
 // The first error recorded wins; every stage tests it and falls through.
 struct ErrorSink {

@@ -232,12 +232,15 @@ StateSet* Dfa<Ch>::miss(StateSet* css, colour co, const Ch* cp, const Ch* start)
                 if (a->co == kEmptyArc && !(_c->work[a->to / 32] & (1u << (a->to % 32)))) add(a->to);
         }
     };
-    for (int i = 0; i < _nfa.stateCount; ++i) {
-        if (!(css->bits[i / 32] & (1u << (i % 32)))) continue;
-        for (const CompactArc* a = arcs + rows[i] + 1; a->co != kNoColour; ++a) {
-            if (a->co != co) continue;
-            got = true;
-            if (!(_c->work[a->to / 32] & (1u << (a->to % 32)))) add(a->to);
+    // A set of a large automaton holds few of its states: skip empty words.
+    for (int w = 0; w < _c->words; ++w) {
+        for (uint32_t bits = css->bits[w]; bits; bits &= bits - 1) {
+            const int i = w * 32 + __builtin_ctz(bits);
+            for (const CompactArc* a = arcs + rows[i] + 1; a->co != kNoColour; ++a) {
+                if (a->co != co) continue;
+                got = true;
+                if (!(_c->work[a->to / 32] & (1u << (a->to % 32)))) add(a->to);
+            }
         }
     }
     followEmpties();

@@ -13,7 +13,7 @@
 #include "nfa.h"
 
 #include <algorithm>
-#include <chrono>
+#include <ctime>
 #include <utility>
 
 namespace Karu::IMPL::rx {
@@ -23,10 +23,13 @@ constexpr size_t kStateBlock = 64;
 constexpr size_t kArcBatch = 64;     // arcs come in blocks of this many
 constexpr size_t kFirstBuckets = 64; // the index doubles when it holds more arcs than buckets
 
+// The thread's processor time: on a shared machine, wall time measures the
+// other processes as much as the compile.
 long long nowNanoseconds() noexcept
 {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
 }
 }  // namespace
 
@@ -358,7 +361,41 @@ void Nfa::copyBetween(Nfa& src, State* start, State* stop, State* from, State* t
     (void)src;
 }
 
+// A bound costs a copy of the atom per count. Where the copies could not fit
+// within the limits, the pattern is refused before any is made: nested
+// bounds multiply, and ((a{255}){255}){255} would otherwise copy half a
+// million states before being refused.
 void Nfa::repeatBetween(State* left, State* right, int m, int n)
+{
+    if (failed()) return;
+    const long copies = n == RX_OPEN_BOUND ? m : n;
+    if (copies > 1) {
+        long size = 0;
+        std::vector<State*> work{left};
+        std::vector<State*> seen{left};
+        left->mark = left;
+        while (!work.empty() && size <= kMaxStates) {
+            State* s = work.back();
+            work.pop_back();
+            ++size;
+            if (s == right) continue;
+            for (Arc* a = s->outs; a; a = a->outNext)
+                if (!a->to->mark) {
+                    a->to->mark = a->to;
+                    seen.push_back(a->to);
+                    work.push_back(a->to);
+                }
+        }
+        for (State* s : seen) s->mark = nullptr;
+        if (_liveStates + size * (copies - 1) > kMaxStates) {
+            fail(RX_ERR_MEMORY);
+            return;
+        }
+    }
+    repeatCopies(left, right, m, n);
+}
+
+void Nfa::repeatCopies(State* left, State* right, int m, int n)
 {
     if (failed()) return;
     auto reduce = [](int x) { return x == RX_OPEN_BOUND ? 3 : (x > 1 ? 2 : x); };
@@ -375,7 +412,7 @@ void Nfa::repeatBetween(State* left, State* right, int m, int n)
         arcAdd(kEmpty, 0, left, right);
         break;
     case 0 * 4 + 2:
-        repeatBetween(left, right, 1, n);
+        repeatCopies(left, right, 1, n);
         arcAdd(kEmpty, 0, left, right);
         break;
     case 0 * 4 + 3:
@@ -393,7 +430,7 @@ void Nfa::repeatBetween(State* left, State* right, int m, int n)
         if (!s) return;
         moveOutArcs(left, s);
         copyBetween(*this, s, right, left, s);
-        repeatBetween(left, s, 1, n - 1);
+        repeatCopies(left, s, 1, n - 1);
         arcAdd(kEmpty, 0, left, s);
         break;
     case 1 * 4 + 3:
@@ -412,7 +449,7 @@ void Nfa::repeatBetween(State* left, State* right, int m, int n)
         if (!s) return;
         moveOutArcs(left, s);
         copyBetween(*this, s, right, left, s);
-        repeatBetween(left, s, m - 1, rn == 3 ? n : n - 1);
+        repeatCopies(left, s, m - 1, rn == 3 ? n : n - 1);
         break;
     default:
         fail(RX_ERR_INTERNAL);

@@ -184,6 +184,7 @@ private:
 
     Arc* takeArc();
     void deleteWalk(State* s);
+    void repeatCopies(State* left, State* right, int m, int n);
     Arc*& bucket(int type, colour co, const State* from, const State* to) noexcept;
     void indexInsert(Arc* a);
     void indexErase(Arc* a) noexcept;

@@ -601,7 +601,6 @@ long Nfa::optimise(FILE* trace)
         std::fputs("\nempties:\n", trace);
     }
     foldEmpties();
-    cleanup();
     breakZeroWidthLoops();
     if (trace) {
         dump(trace);

@@ -87,6 +87,35 @@ const Row kRows[] = {
     {A | I, "(a)\\1", "aA", RX_OK, "0,2 0,1"},
     {A, "(a)\\1", "aA", RX_NOMATCH, ""},
     {B, "\\(a\\)\\1", "xaa", RX_OK, "1,3 1,2"},
+    // A back-reference under a quantifier with minimum 0 takes copies of its
+    // group's text or nothing, never other text the group could match;
+    // greedy takes as many copies as fit, non-greedy as few as let the rest
+    // match; a group that took no part makes the reference take nothing.
+    {A, "(.)\\1*", "ab", RX_OK, "0,1 0,1"},
+    {A, "(.)\\1*", "aab", RX_OK, "0,2 0,1"},
+    {A, "(.)\\1{0,}", "aaab", RX_OK, "0,3 0,1"},
+    {A, "(.)\\1?", "aab", RX_OK, "0,2 0,1"},
+    {A, "(.)\\1{0,2}", "aaaa", RX_OK, "0,3 0,1"},
+    {A, "(.)\\1*?", "aab", RX_OK, "0,1 0,1"},
+    {A, "(.)\\1??", "aa", RX_OK, "0,1 0,1"},
+    {A, "(.)\\1{0,}?b", "aab", RX_OK, "0,3 0,1"},
+    {A, "(.)\\1*x", "abx", RX_OK, "1,3 1,2"},
+    {A, "(x(b)*c)\\2*", "xcbb", RX_OK, "0,2 0,2 -1,-1"},
+    {A, "(a)|b\\1*", "b", RX_OK, "0,1 -1,-1"},
+    // The same inside groups: every iteration is checked, each with the
+    // atom's groups unset at its start, and the last reports the captures.
+    {A, "(.)(\\1)*", "aab", RX_OK, "0,2 0,1 1,2"},
+    {A, "(.)(?:\\1)*", "aaab", RX_OK, "0,3 0,1"},
+    {A, "(.)(x\\1)*", "axbxa", RX_OK, "0,1 0,1 -1,-1"},
+    {A, "(.)(x\\1)*", "axaxa", RX_OK, "0,5 0,1 3,5"},
+    {A, "(.)(x\\1)*?", "axaxa", RX_OK, "0,1 0,1 -1,-1"},
+    {A, "((.)\\2)*", "aabbcd", RX_OK, "0,4 2,4 2,3"},
+    {A, "((.)\\2)+?", "aabb", RX_OK, "0,2 0,2 0,1"},
+    {A, "((.)\\2){0,2}", "aabbcc", RX_OK, "0,4 2,4 2,3"},
+    {A, "(.)(\\1{0,2}?b)+", "aabaaab", RX_OK, "0,3 0,1 1,3"},
+    // With back-references, a search that fails at an empty candidate goes
+    // on from the next position.
+    {A, "(()bb)*?\\2", "aabbbc", RX_OK, "2,4 2,4 2,2"},
     {A, "\\1(a)", "", RX_ERR_BACKREF, ""},
     {A, "(a|\\1b)", "", RX_ERR_BACKREF, ""},
     {A, "a(?=(b))\\1", "", RX_ERR_BACKREF, ""},
@@ -113,6 +142,22 @@ const Row kRows[] = {
     {E, "a^b", "a^b", RX_NOMATCH, ""},
     {E, "x|^a", "ba", RX_NOMATCH, ""},
     {E | RX_ANCHORSTART, "b", "ab", RX_NOMATCH, ""},
+
+    // Anchors inside loops: an iteration that consumes nothing tests its
+    // position again, which changes nothing; such patterns compile.
+    {A, "($)*^a", "a", RX_OK, "0,1 -1,-1"},
+    {A, "(^$)*", "", RX_OK, "0,0 0,0"},
+    {A, "(^$)*", "a", RX_OK, "0,0 -1,-1"},
+    {A, "(^|$)*a", "a", RX_OK, "0,1 0,0"},
+    {A, "(a|^)*b", "aab", RX_OK, "0,3 1,2"},
+    {A, "(^a)+", "aa", RX_OK, "0,1 0,1"},
+    {A, "x($)*", "x", RX_OK, "0,1 1,1"},
+    {A, "(a^)*b", "b", RX_OK, "0,1 -1,-1"},
+    {A, "((^)*a)*", "aa", RX_OK, "0,2 1,2 -1,-1"},
+    {A | NL, "(^a\n?)*", "a\na\nb", RX_OK, "0,4 2,4"},
+    {A | NL, "(?:$\n|b)+c", "b\nc", RX_OK, "0,3"},
+    {A, "(?:\\y|b){16}x", "bx", RX_OK, "0,2"},
+    {A, "(?:$|b){16}^", "", RX_OK, "0,0"},
     {E | RX_ANCHORSTART, "b", "ba", RX_OK, "0,1"},
 
     // Bounds at their limits.
@@ -411,6 +456,39 @@ TEST(RegexConformance, InvalidCalls)
     char text[64];
     EXPECT_GT(rxerror(RX_ERR_BRACKET, text, sizeof text), 1u);
     EXPECT_STREQ(text, rxerrorText(RX_ERR_BRACKET));
+}
+
+// The largest bounds the syntax allows compile, as far as the memory limits
+// of the engine go; nested bounds beyond them are refused as out of memory,
+// at once. Subjects are runs of a of the given length.
+TEST(RegexConformance, LargestBounds)
+{
+    const struct {
+        const char* pattern;
+        size_t length;
+        int code;
+        const char* expect;
+    } rows[] = {
+        {"a{255}", 255, RX_OK, "0,255"},
+        {"a{255}", 254, RX_NOMATCH, ""},
+        {"(a{2}){255}", 511, RX_OK, "0,510 508,510"},
+        {"(a{255}){255}", 300, RX_NOMATCH, ""},
+        {"(a?){255}", 3, RX_OK, "0,3 3,3"},
+        {"(([a-c]*)*){100}", 3, RX_OK, "0,3 3,3 3,3"},
+        {"((a{255}){255}){255}", 0, RX_ERR_MEMORY, ""},
+        {"((a{255}){255}){2}", 0, RX_ERR_MEMORY, ""},
+    };
+    for (const auto& r : rows) {
+        const std::string subject(r.length, 'a');
+        for (const bool wide : {false, true}) {
+            const rxtest::Outcome got = wide ? rxtest::run<wchar_t>(E, rxtest::widen<wchar_t>(r.pattern),
+                                                                    rxtest::widen<wchar_t>(subject))
+                                             : rxtest::run<char>(E, r.pattern, subject);
+            const std::string where = std::string(r.pattern) + " on " + std::to_string(r.length) + (wide ? " wide" : " narrow");
+            EXPECT_EQ(got.compile ? got.compile : got.exec, r.code) << where;
+            EXPECT_EQ(got.matches, r.expect) << where;
+        }
+    }
 }
 
 // Groups beyond those asked for, groups beyond the pattern's, no groups.
