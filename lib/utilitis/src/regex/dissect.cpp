@@ -45,14 +45,15 @@ template <class Ch>
 void Splitter<Ch>::record(const Subexpr* t, const Ch* b, const Ch* e)
 {
     const size_t n = static_cast<size_t>(t->groupNo);
-    if (n < _ex.groupsWanted) _ex.matches[n] = {b - _ex.start, e - _ex.start};
+    if (n < _ex->groupsWanted) _ex->matches[n] = {b - _ex->start, e - _ex->start};
 }
 
 template <class Ch>
 void Splitter<Ch>::forget()
 {
-    _reach.clear();
-    _spans.clear();
+    _reachedUsed = 0;
+    if (!_reachedIndex.empty()) _reachedIndex.clear();
+    if (!_spans.empty()) _spans.clear();
 }
 
 // Where a node may end from b, not beyond stop, in ascending order. Nodes
@@ -61,10 +62,10 @@ template <class Ch>
 int Splitter<Ch>::ends(const Subexpr* t, const Ch* b, const Ch* stop, Ends& out)
 {
     if (t->automaton.empty()) return RX_ERR_INTERNAL;
-    Dfa<Ch> d(_ex, t->automaton);
+    Dfa<Ch> d(*_ex, t->automaton);
     if (!d.ok()) return error(RX_ERR_MEMORY);
     d.ends(b, stop, out);
-    return _ex.err;
+    return _ex->err;
 }
 
 // The ends of a node from b up to the horizon, walked once for all the
@@ -72,14 +73,28 @@ int Splitter<Ch>::ends(const Subexpr* t, const Ch* b, const Ch* stop, Ends& out)
 template <class Ch>
 int Splitter<Ch>::reach(const Subexpr* t, const Ch* b, const Ends*& out)
 {
-    const Key key{t, b, nullptr};
-    auto known = _reach.find(key);
-    if (known == _reach.end()) {
-        Ends found;
-        if (const int r = ends(t, b, _horizon, found)) return r;
-        known = _reach.emplace(key, std::move(found)).first;
+    if (_reachedUsed <= kReachedInPlace) {
+        for (size_t i = 0; i < _reachedUsed; ++i)
+            if (_reached[i].node == t && _reached[i].b == b) {
+                out = &_reached[i].ends;
+                return RX_OK;
+            }
+    } else if (auto at = _reachedIndex.find(Key{t, b, nullptr}); at != _reachedIndex.end()) {
+        out = &_reached[at->second].ends;
+        return RX_OK;
     }
-    out = &known->second;
+    if (_reachedUsed == _reached.size()) _reached.emplace_back();
+    Reached& slot = _reached[_reachedUsed];
+    if (const int r = ends(t, b, _horizon, slot.ends)) return r;
+    slot.node = t;
+    slot.b = b;
+    ++_reachedUsed;
+    if (_reachedUsed > kReachedInPlace) {
+        if (_reachedIndex.empty())
+            for (size_t i = 0; i + 1 < _reachedUsed; ++i) _reachedIndex.emplace(Key{_reached[i].node, _reached[i].b, nullptr}, i);
+        _reachedIndex.emplace(Key{t, b, nullptr}, _reachedUsed - 1);
+    }
+    out = &slot.ends;
     return RX_OK;
 }
 
@@ -88,10 +103,10 @@ int Splitter<Ch>::spans(const Subexpr* t, const Ch* b, const Ch* e, bool& yes)
 {
     yes = false;
     if (!t->automaton.empty()) {
-        Dfa<Ch> d(_ex, t->automaton);
+        Dfa<Ch> d(*_ex, t->automaton);
         if (!d.ok()) return error(RX_ERR_MEMORY);
         yes = d.longest(b, e, nullptr) == e;
-        return _ex.err;
+        return _ex->err;
     }
     switch (t->op) {
     case '=':
@@ -182,52 +197,6 @@ int Splitter<Ch>::dissect(const Subexpr* t, const Ch* b, const Ch* e)
 
 // ---- the search, with back-references ----
 
-// `checked`: the automaton of t (or the walks that chose the interval) found
-// that t spans it, as far as automata can tell. A leaf that is not checked
-// checks itself.
-template <class Ch>
-int Splitter<Ch>::search(const Subexpr* t, const Ch* b, const Ch* e, bool checked, Next next)
-{
-    // A node with an automaton of its own checks itself if it comes
-    // unchecked; a back-reference compares first, which is cheaper.
-    if (!checked && t->op != 'b' && !t->automaton.empty()) {
-        bool yes;
-        if (const int r = spans(t, b, e, yes)) return r;
-        if (!yes) return RX_NOMATCH;
-        checked = true;
-    }
-    switch (t->op) {
-    case '=':
-        if (!checked) {
-            bool yes;
-            if (const int r = spans(t, b, e, yes)) return r;
-            if (!yes) return RX_NOMATCH;
-        }
-        return next();
-    case '(': {
-        RxMatch& slot = _ex.matches[static_cast<size_t>(t->groupNo)];
-        const RxMatch saved = slot;
-        auto then = [&] {
-            slot = {b - _ex.start, e - _ex.start};
-            const int r = next();
-            if (r == RX_NOMATCH) slot = saved;
-            return r;
-        };
-        return search(t->left, b, e, checked, Next(then));
-    }
-    case '.':
-        return searchConcatenation(t, b, e, checked, next);
-    case '|':
-        return searchAlternation(t, b, e, next);
-    case 'b':
-        return backReference(t, b, e, checked, next);
-    case '*':
-        return iterations(t, b, e, next);
-    default:
-        return RX_ERR_INTERNAL;
-    }
-}
-
 namespace {
 
 // Whether a node's first leaf is a back-reference: comparing it with its
@@ -251,6 +220,54 @@ bool beginsWithReference(const Subexpr* t)
 }
 
 }  // namespace
+
+// `checked`: the automaton of t (or the walks that chose the interval) found
+// that t spans it, as far as automata can tell. A leaf that is not checked
+// checks itself.
+template <class Ch>
+int Splitter<Ch>::search(const Subexpr* t, const Ch* b, const Ch* e, bool checked, Next next)
+{
+    // A node with an automaton of its own checks itself if it comes
+    // unchecked, unless a back-reference comes first: comparing it is
+    // cheaper, and each part checks itself.
+    if (!checked && !t->automaton.empty() && !beginsWithReference(t)) {
+        bool yes;
+        if (const int r = spans(t, b, e, yes)) return r;
+        if (!yes) return RX_NOMATCH;
+        checked = true;
+    }
+    switch (t->op) {
+    case '=':
+        if (!checked) {
+            bool yes;
+            if (const int r = spans(t, b, e, yes)) return r;
+            if (!yes) return RX_NOMATCH;
+        }
+        return next();
+    case '(': {
+        RxMatch& slot = _ex->matches[static_cast<size_t>(t->groupNo)];
+        const RxMatch saved = slot;
+        auto then = [&] {
+            slot = {b - _ex->start, e - _ex->start};
+            const int r = next();
+            if (r == RX_NOMATCH) slot = saved;
+            return r;
+        };
+        return search(t->left, b, e, checked, Next(then));
+    }
+    case '.':
+        return searchConcatenation(t, b, e, checked, next);
+    case '|':
+        return searchAlternation(t, b, e, next);
+    case 'b':
+        return backReference(t, b, e, checked, next);
+    case '*':
+        return iterations(t, b, e, next);
+    default:
+        return RX_ERR_INTERNAL;
+    }
+}
+
 
 template <class Ch>
 int Splitter<Ch>::searchConcatenation(const Subexpr* t, const Ch* b, const Ch* e, bool checked, Next next)
@@ -311,15 +328,15 @@ template <class Ch>
 bool Splitter<Ch>::copies(const Subexpr* t, const Ch* b, const Ch* e, Ends* out) const
 {
     if (out) out->clear();
-    const RxMatch& group = _ex.matches[static_cast<size_t>(t->groupNo)];
+    const RxMatch& group = _ex->matches[static_cast<size_t>(t->groupNo)];
     if (group.start == -1) return false;
-    const Ch* text = _ex.start + group.start;
+    const Ch* text = _ex->start + group.start;
     const size_t length = static_cast<size_t>(group.end - group.start);
     if (length == 0) {
         if (out) out->push_back(b);  // any number of empty copies
         return b == e;
     }
-    const bool fold = _ex.in->compFlags & RX_FOLDCASE;
+    const bool fold = _ex->in->compFlags & RX_FOLDCASE;
     int count = 0;
     const Ch* p = b;
     for (;;) {
@@ -355,13 +372,13 @@ int Splitter<Ch>::iteration(const Subexpr* t, const Ch* b, const Ch* e, bool& ho
 {
     std::vector<RxMatch> saved;
     for (int g = t->firstGroup; g <= t->lastGroup; ++g) {
-        saved.push_back(_ex.matches[static_cast<size_t>(g)]);
-        _ex.matches[static_cast<size_t>(g)] = {-1, -1};
+        saved.push_back(_ex->matches[static_cast<size_t>(g)]);
+        _ex->matches[static_cast<size_t>(g)] = {-1, -1};
     }
     auto done = [] { return RX_OK; };
     const int r = search(t->body, b, e, true, Next(done));
     for (int g = t->firstGroup; g <= t->lastGroup; ++g)
-        _ex.matches[static_cast<size_t>(g)] = saved[static_cast<size_t>(g - t->firstGroup)];
+        _ex->matches[static_cast<size_t>(g)] = saved[static_cast<size_t>(g - t->firstGroup)];
     holds = r == RX_OK;
     return r == RX_NOMATCH ? RX_OK : r;
 }

@@ -27,7 +27,15 @@ private:
 template <class Ch>
 class Splitter {
 public:
-    explicit Splitter(ExecState<Ch>& ex) : _ex(ex) {}
+    explicit Splitter(ExecState<Ch>& ex) : _ex(&ex) {}
+    Splitter() = default;
+    // Serves another call; what it keeps of the last one is forgotten, its
+    // memory is not.
+    void start(ExecState<Ch>& ex)
+    {
+        _ex = &ex;
+        forget();
+    }
 
     // For patterns without back-references: a consistent split must exist,
     // and failing to find one is an internal error.
@@ -53,7 +61,7 @@ private:
     };
     using Ends = std::vector<const Ch*>;
 
-    int error(int fallback) const { return _ex.err ? _ex.err : fallback; }
+    int error(int fallback) const { return _ex->err ? _ex->err : fallback; }
     void record(const Subexpr* t, const Ch* b, const Ch* e);
     int spans(const Subexpr* t, const Ch* b, const Ch* e, bool& yes);
     int ends(const Subexpr* t, const Ch* b, const Ch* stop, Ends& out);
@@ -68,10 +76,24 @@ private:
     int iterations(const Subexpr* t, const Ch* b, const Ch* e, Next next);
     int iteration(const Subexpr* t, const Ch* b, const Ch* e, bool& holds);
 
-    ExecState<Ch>& _ex;
+    // The ends of a node from a start, up to the horizon: a few per start
+    // as a rule, looked up in place; an index comes in when there are many.
+    struct Reached {
+        const Subexpr* node;
+        const void* b;
+        Ends ends;
+    };
+    static constexpr size_t kReachedInPlace = 16;
+
+    ExecState<Ch>* _ex = nullptr;
     const Ch* _horizon = nullptr;
     std::unordered_map<Key, bool, KeyHash> _spans;  // answers of nodes without an automaton
-    std::unordered_map<Key, Ends, KeyHash> _reach;  // ends of nodes from a start, up to the horizon
+    std::vector<Reached> _reached;                  // slots beyond _reachedUsed keep their memory
+    size_t _reachedUsed = 0;
+    std::unordered_map<Key, size_t, KeyHash> _reachedIndex;
+
+public:
+    Ends candidates;  // the caller's list of ends, kept with the rest
 };
 
 }  // namespace Karu::IMPL::rx

@@ -130,8 +130,11 @@ int findWithBackrefs(ExecState<Ch>& ex)
     const Ch* from = searchFrom(ex, prefilter, none);
     if (none) return RX_NOMATCH;
     PrefilterCursor<Ch>* jumps = prefilter.active() && !ex.details ? &prefilter : nullptr;
-    std::vector<const Ch*> ends;
-    Splitter<Ch> splitter(ex);
+    // One splitter a thread, which keeps its memory from call to call: a
+    // replace loop calls once for every match.
+    static thread_local Splitter<Ch> splitter;
+    splitter.start(ex);
+    std::vector<const Ch*>& ends = splitter.candidates;
     auto done = [&](int r) {
         fillDetails(ex, cold);
         return r;
