@@ -95,6 +95,17 @@ void ColourMap::release(colour co)
     }
 }
 
+void ColourMap::members(colour c, std::vector<uint32_t>& out) const
+{
+    const uint32_t leaves = _wide ? 256 : 1;
+    for (uint32_t hi = 0; hi < leaves; ++hi) {
+        const colour* leaf = _top[hi];
+        if (_wide && shared(leaf)) continue;
+        for (uint32_t lo = 0; lo < 256; ++lo)
+            if (leaf[lo] == c) out.push_back(hi << 8 | lo);
+    }
+}
+
 colour ColourMap::allocPseudo()
 {
     const colour co = alloc();

@@ -56,6 +56,10 @@ public:
     bool pseudo(colour c) const noexcept { return _descs[c].flags & kColourPseudo; }
     const ColourDesc& desc(colour c) const noexcept { return _descs[c]; }
 
+    // Appends the characters of colour c, which must be one of few: the
+    // blocks solid in one colour, which hold 256, are passed over.
+    void members(colour c, std::vector<uint32_t>& out) const;
+
     colour allocPseudo();
     colour splitChar(uint32_t idx);
     void splitRange(uint32_t from, uint32_t to, Nfa& nfa, State* lp, State* rp);

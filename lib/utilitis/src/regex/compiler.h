@@ -106,6 +106,11 @@ private:
     Subexpr* node(char op, uint8_t flags, State* begin, State* end);
     void freeTree(Subexpr* t);
 
+    // exactPairs.cpp
+    void notePair(int kind, int groupNo, const Subexpr& atom);
+    std::vector<uint32_t> oneCharacter(State* begin, State* end);
+    void exactPairs();
+
     // compile.cpp
     enum Need { kNeedNone, kNeedAnswer, kNeedOwn };
     // A node spanning more states than this answers from its children.
@@ -146,6 +151,25 @@ private:
     std::vector<Subexpr> _lookaheads;
     FILE* _trace = nullptr;
     int _walkStamp = 0;
+    int _branch = 0;       // the branch being parsed, numbered as met
+    int _branchCount = 0;
+    // Groups of one character, by number, and the pairs of such a group and
+    // a reference to it in the same branch (see exactPairs.cpp).
+    struct OneCharGroup {
+        State* begin = nullptr;
+        State* end = nullptr;
+        int branch = 0;
+        std::vector<uint32_t> chars;
+    };
+    struct ExactPair {
+        State* groupBegin;
+        State* groupEnd;
+        State* refBegin;
+        State* refEnd;
+        std::vector<uint32_t> chars;
+    };
+    std::vector<OneCharGroup> _oneChar;
+    std::vector<ExactPair> _pairs;
 };
 
 }  // namespace Karu::IMPL::rx

@@ -50,12 +50,14 @@ Subexpr* Compiler<Ch>::parseAlternation(int stopper, int type, State* init, Stat
     Subexpr* branches = node('|', kLonger, init, final);
     Subexpr* branch = branches;
     bool first = true;
+    const int outerBranch = _branch;
     do {
         if (!first) {
             branch->right = node('|', kLonger, init, final);
             branch = branch->right;
         }
         first = false;
+        _branch = ++_branchCount;
         State* left = _nfa->stateCreate();
         State* right = _nfa->stateCreate();
         if (_sink.failed()) return branches;
@@ -67,6 +69,7 @@ Subexpr* Compiler<Ch>::parseAlternation(int stopper, int type, State* init, Stat
         if ((branch->flags & ~branches->flags) != 0)
             for (Subexpr* t = branches; t != branch; t = t->right) t->flags |= branch->flags;
     } while (eat('|'));
+    _branch = outerBranch;
 
     if (!see(stopper)) {
         _sink.set(RX_ERR_PAREN);
@@ -441,6 +444,7 @@ void Compiler<Ch>::parseQuantifiedAtom(int stopper, int type, State* lp, State* 
         *atomSlot = cat;
     }
     if (_sink.failed()) return;
+    if (!bypass && m == 1 && n == 1) notePair(kind, groupNo, *atom);
 
     t = top->right;
     if (!(see('|') || see(stopper) || see(kTokEnd))) {
