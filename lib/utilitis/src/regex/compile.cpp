@@ -338,10 +338,15 @@ int Compiler<Ch>::run()
         buildNodeAutomaton(_lookaheads[i]);
     }
     if (!_sink.failed() && (_tree->flags & kShorter)) _info |= RX_PREFERS_SHORTEST;
-    // The tree's automata are made; the search automaton may now take
-    // one-character groups and their references exactly, where which starts
-    // are tried can't change the match (see exactPairs.cpp).
-    if (!_sink.failed() && !_pairs.empty() && !(_tree->flags & kShorter) && !(_info & RX_CAN_BE_EMPTY)) exactPairs();
+    // The tree's automata are made; the search automaton, and the root's
+    // which gives the candidate ends, may now take one-character groups and
+    // their references exactly, where that can't change the match (see
+    // exactPairs.cpp).
+    if (!_sink.failed() && !_pairs.empty() && !(_tree->flags & kShorter) && !(_info & RX_CAN_BE_EMPTY)) {
+        exactPairs();
+        _tree->automaton = CompactNfa{};
+        buildNodeAutomaton(*_tree);
+    }
     if (!_sink.failed()) {
         if (_trace) std::fputs("\n\n\n========= SEARCH ==========\n", _trace);
         _nfa->optimise(_trace);

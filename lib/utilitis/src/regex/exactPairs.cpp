@@ -9,11 +9,12 @@
 // group's characters are given colours of their own when the reference is
 // read, so that each path can tell them apart.
 //
-// Only the search automaton changes: it decides where starts are tried, and
-// the tree's automata still take a reference for its group's language. Which
-// starts are tried is visible only where a candidate at its extreme ends the
+// Only the search automaton and the root's change: they decide where starts
+// are tried and which ends are candidates, and the other automata of the
+// tree still take a reference for its group's language. Which starts and
+// ends are tried is visible only where a candidate at its extreme ends the
 // search, which needs a pattern that prefers the shortest or can match the
-// empty string; those keep the plain search.
+// empty string; those keep the plain automata.
 #include "compiler.h"
 
 #include <algorithm>
