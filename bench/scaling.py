@@ -224,6 +224,44 @@ def no_exp(switch, find):
     return make
 
 
+def tree_of_files(work, count, depth, ostrel):
+    """`count` small files spread evenly over a chain of `depth` directories,
+    each with one match; ostrel -s and find + sed -i each get their own copy
+    of the tree."""
+    rng = random.Random(11)
+    body = text_block(rng, 300).encode() + (FIND + "\n").encode()
+    pristine = os.path.join(work, "pristine")
+    os.makedirs(pristine)
+    relative = []
+    for i in range(int(count)):
+        level = i * int(depth) // int(count)
+        name = os.path.join(*(["d"] * level + ["f%06d.txt" % i])) if level else "f%06d.txt" % i
+        path = os.path.join(pristine, name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as out:
+            out.write(body)
+        relative.append(name)
+    mine, theirs = os.path.join(work, "ostrel"), os.path.join(work, "peer")
+    shutil.copytree(pristine, mine)
+    shutil.copytree(pristine, theirs)
+    restore = [(os.path.join(pristine, r), os.path.join(tree, r)) for tree in (mine, theirs) for r in relative]
+    p = pairs_file(work, [FIND + "->" + REPLACE])
+    return Job([ostrel, os.path.join(mine, "*.txt"), "-s", "-f", "-argfile:" + p],
+               ["find", theirs, "-name", "*.txt", "-exec", "sed", "-i", "s/%s/%s/g" % (FIND, REPLACE), "{}", "+"],
+               restore, env=UTF8)
+
+
+def file_count(work, n, ostrel):
+    return tree_of_files(work, n, 1, ostrel)
+
+
+def tree_depth(work, n, ostrel):
+    # The same files at every depth: the search's cost, not the names'. (A
+    # file on every level would make the names themselves grow as n*n, and
+    # each open walks its file's whole path.)
+    return tree_of_files(work, 20, n, ostrel)
+
+
 # (name, unit, n at scale 1, maker)
 ROWS = [
     ("file size, lines, -f in place", "MB", 8, file_size),
@@ -249,6 +287,8 @@ ROWS = [
     ("wide units (-encin:UTF-16)", "MB", 8, wide_units),
     ("-noexp, -f", "MB", 8, no_exp("-f", FIND)),
     ("-noexp, -r", "MB", 8, no_exp("-r", FIND)),
+    ("number of files, one directory, -s", "files", 1000, file_count),
+    ("depth of the tree, 20 files spread over it, -s", "levels", 400, tree_depth),
 ]
 
 
@@ -374,6 +414,8 @@ def exponent(small, large):
 
 
 def main():
+    # Deep trees are copied and removed by recursive library routines.
+    sys.setrecursionlimit(20000)
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--ostrel", required=True)
     parser.add_argument("--scale", type=float, default=1.0)
