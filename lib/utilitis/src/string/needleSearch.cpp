@@ -98,25 +98,21 @@ ByteNeedles::ByteNeedles(const std::vector<ByteNeedle>& needles)
         const ByteNeedle& n = needles[order[rank]];
         const int bucket = static_cast<int>(rank / perBucket);
         _bucketNeedles[bucket].push_back(static_cast<uint32_t>(_needles.size()));
-        const size_t start = _and.size();
-        int32_t masked = static_cast<int32_t>(start);
-        for (const ByteSet& set : n) {
-            uint8_t andMask, want;
-            if (!MaskOf(set, andMask, want)) {
-                masked = -1;
-                break;
-            }
+        // Each position as an and and a compare where it has that form; any
+        // other position passes them and is checked by its bits.
+        const uint32_t masks = static_cast<uint32_t>(_and.size());
+        const uint32_t loose = static_cast<uint32_t>(_loose.size());
+        for (size_t j = 0; j < n.size(); ++j) {
+            uint8_t andMask = 0, want = 0;
+            if (!MaskOf(n[j], andMask, want))
+                _loose.push_back(static_cast<uint32_t>(j));
             _and.push_back(andMask);
             _want.push_back(want);
         }
-        if (masked < 0) {
-            _and.resize(start);  // not of that form: drop what was made of it
-            _want.resize(start);
-        } else {
-            _and.insert(_and.end(), 8, 0);
-            _want.insert(_want.end(), 8, 0);
-        }
-        _needles.push_back({static_cast<uint32_t>(_bits.size()), static_cast<uint32_t>(n.size()), masked});
+        _and.insert(_and.end(), 8, 0);
+        _want.insert(_want.end(), 8, 0);
+        _needles.push_back({static_cast<uint32_t>(_bits.size()), static_cast<uint32_t>(n.size()), masks, loose,
+                            static_cast<uint32_t>(_loose.size()) - loose});
         for (size_t j = 0; j < n.size(); ++j) {
             Bits bits{};
             for (unsigned b = 0; b < 256; ++b) {
@@ -131,12 +127,31 @@ ByteNeedles::ByteNeedles(const std::vector<ByteNeedle>& needles)
             _bits.push_back(bits);
         }
     }
-    const bool pair = _needles.size() == 1 && _needles[0].masked >= 0 && _needles[0].length >= 2;
+    // A single needle with two positions of that form goes by those two,
+    // the first and the last, which rarely both hold by chance.
+    if (_needles.size() == 1) {
+        const Needle& n = _needles[0];
+        int first = -1, last = -1;
+        for (uint32_t j = 0; j < n.length; ++j) {
+            if (std::find(_loose.begin(), _loose.end(), j) != _loose.end())
+                continue;
+            if (first < 0)
+                first = static_cast<int>(j);
+            last = static_cast<int>(j);
+        }
+        if (first >= 0 && last > first) {
+            _pairFirst = static_cast<uint32_t>(first);
+            _pairLast = static_cast<uint32_t>(last);
+#if KARU_NEEDLES_X86
+            if (HaveWideShuffles())
+                _search = &ByteNeedles::findPair;
+#endif
+            return;
+        }
+    }
 #if KARU_NEEDLES_X86
     if (HaveWideShuffles())
-        _search = pair ? &ByteNeedles::findPair : &ByteNeedles::findWide;
-#else
-    (void)pair;
+        _search = &ByteNeedles::findWide;
 #endif
 }
 
@@ -144,21 +159,18 @@ inline bool ByteNeedles::matches(const Needle& n, const unsigned char* p, const 
 {
     if (static_cast<size_t>(to - p) < n.length)
         return false;
-    if (n.masked >= 0) {
-        const uint8_t* andMask = _and.data() + n.masked;
-        const uint8_t* want = _want.data() + n.masked;
-        uint32_t i = 0;
-        for (; i + 8 <= n.length; i += 8)
-            if ((Word(p + i) & Word(andMask + i)) != Word(want + i))
-                return false;
-        for (; i < n.length; ++i)
-            if ((p[i] & andMask[i]) != want[i])
-                return false;
-        return true;
-    }
+    const uint8_t* andMask = _and.data() + n.masks;
+    const uint8_t* want = _want.data() + n.masks;
+    uint32_t i = 0;
+    for (; i + 8 <= n.length; i += 8)
+        if ((Word(p + i) & Word(andMask + i)) != Word(want + i))
+            return false;
+    for (; i < n.length; ++i)
+        if ((p[i] & andMask[i]) != want[i])
+            return false;
     const Bits* bits = _bits.data() + n.first;
-    for (uint32_t i = 0; i < n.length; ++i)
-        if (!bits[i].has(p[i]))
+    for (uint32_t k = n.loose; k < n.loose + n.looseCount; ++k)
+        if (!bits[_loose[k]].has(p[_loose[k]]))
             return false;
     return true;
 }
@@ -189,22 +201,22 @@ const char* ByteNeedles::FindPortable(const char* from, const char* to) const no
 }
 
 #if KARU_NEEDLES_X86
-// One needle: its first and last positions, 32 places at a time, each by an
-// and and a compare; the rest is checked where both hold.
+// One needle: two of its positions, 32 places at a time, each by an and and
+// a compare; the rest is checked where both hold.
 __attribute__((target("avx2"))) const char* ByteNeedles::findPair(const char* from, const char* to) const noexcept
 {
     const Needle& n = _needles[0];
-    const uint32_t last = n.length - 1;
-    const uint8_t* andMask = _and.data() + n.masked;
-    const uint8_t* want = _want.data() + n.masked;
-    const __m256i andFirst = _mm256_set1_epi8(static_cast<char>(andMask[0]));
-    const __m256i wantFirst = _mm256_set1_epi8(static_cast<char>(want[0]));
+    const uint32_t first = _pairFirst, last = _pairLast;
+    const uint8_t* andMask = _and.data() + n.masks;
+    const uint8_t* want = _want.data() + n.masks;
+    const __m256i andFirst = _mm256_set1_epi8(static_cast<char>(andMask[first]));
+    const __m256i wantFirst = _mm256_set1_epi8(static_cast<char>(want[first]));
     const __m256i andLast = _mm256_set1_epi8(static_cast<char>(andMask[last]));
     const __m256i wantLast = _mm256_set1_epi8(static_cast<char>(want[last]));
     const auto* p = reinterpret_cast<const unsigned char*>(from);
     const auto* end = reinterpret_cast<const unsigned char*>(to);
     auto block = [&](const unsigned char* at) __attribute__((target("avx2"))) {
-        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at + first));
         const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at + last));
         return static_cast<uint32_t>(_mm256_movemask_epi8(
             _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_and_si256(a, andFirst), wantFirst),

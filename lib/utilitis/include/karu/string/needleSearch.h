@@ -10,9 +10,9 @@
 // the high nibble that some needle of the bucket allows there. Nibble tables
 // make that two table lookups a byte, which vector shuffles do 32 at once.
 // The filter lets through more than matches (nibbles of different needles
-// combine), so every candidate is checked whole. A single needle whose every
-// position is a byte, or a byte either way in one bit (a letter in either
-// case), is filtered more cheaply by its first and last positions alone.
+// combine), so every candidate is checked whole. A single needle with two
+// positions that are each a byte, or a byte either way in one bit (a letter
+// in either case), is filtered more cheaply by the first and the last such.
 // Without the vector unit the nibble tables are read a position at a time;
 // all ways give the same answer.
 //
@@ -61,7 +61,9 @@ private:
     struct Needle {
         uint32_t first;   // its positions in _bits
         uint32_t length;
-        int32_t masked;   // its positions in _and and _want, or -1: see below
+        uint32_t masks;   // its positions in _and and _want
+        uint32_t loose;   // its positions of another form, in _loose
+        uint32_t looseCount;
     };
     static constexpr int kBuckets = 8;
     static constexpr int kFilterBytes = 3;  // positions the nibble tables test
@@ -84,10 +86,13 @@ private:
     std::vector<Needle> _needles;
     std::vector<Bits> _bits;
     std::vector<uint32_t> _bucketNeedles[kBuckets];  // indexes into _needles
-    // A needle whose each position is the bytes b with (b & and) == want is
-    // checked eight positions at a time; the arrays are padded by eight
-    // positions that take any byte.
+    // A needle position that is the bytes b with (b & and) == want is
+    // checked eight positions at a time; any other passes that check
+    // (and = want = 0) and is checked by its bits. The arrays are padded by
+    // eight positions that take any byte.
     std::vector<uint8_t> _and, _want;
+    std::vector<uint32_t> _loose;
+    uint32_t _pairFirst = 0, _pairLast = 0;  // the positions findPair filters by
     // What Find runs, chosen once for the needles and the machine.
     const char* (ByteNeedles::*_search)(const char*, const char*) const noexcept = &ByteNeedles::FindPortable;
 };
