@@ -95,8 +95,9 @@ struct Prefilter {
     std::vector<uint8_t> back;                  // per colour: may stand in front of the needle
     bool whole = false;                         // one needle, which is the whole match
     ByteNeedles bytes;                          // narrow build: the needles' first colours as bytes
-    wchar_t firstUnits[4] = {};                 // wide build: the units the needles begin with
-    int firstCount = 0;
+    wchar_t units[4] = {};                      // wide build: the units of one position of the needles
+    int unitCount = 0;
+    int unitOffset = 0;                         // that position
 };
 
 constexpr int kInternalsMagic = 0xFED9;

@@ -315,17 +315,31 @@ void analysePrefilter(Internals& in)
         // less in front of it) wins.
         c.score = std::max(kRareEnough, kFilterHitCost * filterHits + needleHits) * (c.back.empty() ? 1.0 : kBackCost);
     };
-    // The wide build searches only for needles that begin with few units.
-    auto searchable = [&](const Candidate& c) {
-        if (!wide) return true;
-        std::set<uint32_t> units;
-        for (const auto& n : c.needles) {
-            const auto& m = members[static_cast<size_t>(n[0])];
-            if (m.size() > 4) return false;
-            units.insert(m.begin(), m.end());
+    // The wide build searches for the units of one position of the needles,
+    // the rarest of those that hold at most four units in all; a candidate
+    // without one is not searched for.
+    auto searchOffset = [&](const Candidate& c) {
+        size_t shortest = SIZE_MAX;
+        for (const auto& n : c.needles) shortest = std::min(shortest, n.size());
+        int offset = -1;
+        double rarest = 0;
+        for (size_t k = 0; k < shortest && k < kNeedleColours; ++k) {
+            std::set<uint32_t> units;
+            double w = 0;
+            for (const auto& n : c.needles) {
+                const auto& m = members[static_cast<size_t>(n[k])];
+                units.insert(m.begin(), m.end());
+                w += weight[static_cast<size_t>(n[k])];
+                if (m.size() > 4) units.insert(m.begin(), m.end()), w = 1e9;
+            }
+            if (units.size() <= 4 && w < 1e9 && (offset < 0 || w < rarest)) {
+                offset = static_cast<int>(k);
+                rarest = w;
+            }
         }
-        return units.size() <= 4;
+        return offset;
     };
+    auto searchable = [&](const Candidate& c) { return !wide || searchOffset(c) >= 0; };
 
     Candidate best;
     bool haveBest = false;
@@ -387,6 +401,7 @@ void analysePrefilter(Internals& in)
         return;
     }
 
+    const int unitOffset = wide ? searchOffset(best) : 0;
     pf.needles = std::move(best.needles);
     pf.back = std::move(best.back);
     if (!wide) {
@@ -404,10 +419,15 @@ void analysePrefilter(Internals& in)
         }
         pf.bytes = ByteNeedles(needles);
     } else {
+        pf.unitOffset = unitOffset;
         std::set<uint32_t> units;
         for (const auto& n : pf.needles)
-            for (uint32_t u : members[static_cast<size_t>(n[0])]) units.insert(u);
-        for (uint32_t u : units) pf.firstUnits[pf.firstCount++] = static_cast<wchar_t>(u);
+            for (uint32_t u : members[static_cast<size_t>(n[static_cast<size_t>(pf.unitOffset)])]) units.insert(u);
+        if (unitOffset < 0 || units.size() > std::size(pf.units)) {
+            pf = Prefilter();  // cannot happen: searchable() chose it
+            return;
+        }
+        for (uint32_t u : units) pf.units[pf.unitCount++] = static_cast<wchar_t>(u);
     }
 }
 
@@ -434,12 +454,16 @@ const Ch* PrefilterCursor<Ch>::findNeedle(const Ch* p) const noexcept
             p = q + 1;
         }
     } else {
-        if (_pf.firstCount == 0) return nullptr;
-        for (; p < _stop; ++p) {
-            p = FindUnitOrBeyond(p, _stop, _pf.firstUnits, _pf.firstCount);
-            if (!p) return nullptr;
+        // Places in order of the searched position, so the first that holds
+        // a needle is the first needle.
+        if (_pf.unitCount == 0) return nullptr;
+        const size_t k = static_cast<size_t>(_pf.unitOffset);
+        if (static_cast<size_t>(_stop - p) <= k) return nullptr;
+        for (const Ch* s = p + k; s < _stop; ++s) {
+            s = FindUnitOrBeyond(s, _stop, _pf.units, _pf.unitCount);
+            if (!s) return nullptr;
             for (const auto& n : _pf.needles)
-                if (holds(n, p, 0)) return p;
+                if (holds(n, s - k, 0)) return s - k;
         }
         return nullptr;
     }

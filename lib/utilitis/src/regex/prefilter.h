@@ -17,11 +17,12 @@
 // Of the states that qualify (the match's start itself among them, with an
 // empty back set) the one whose needles a table of byte frequencies in text
 // finds rarest is taken, and only if they are rare enough to pay for the
-// search. Needles of up to three positions each are found many bytes at a
-// time (ByteNeedles); in the wide build, whose alphabet is too large for
-// that, only needles that begin with at most four characters are searched,
-// a few units at a time. A pattern that is a single literal with nothing
-// around it is matched by the search alone.
+// search. Needles are found many bytes at a time by their first positions
+// (ByteNeedles); in the wide build, whose alphabet is too large for that, by
+// the units of one position where the needles hold at most four in all (the
+// rarest such), a few units at a time, and a candidate without one is not
+// taken. A pattern that is a single literal with nothing around it is
+// matched by the search alone.
 //
 // Subtle parts: a needle ends where a match may end (an arc to the exit, a
 // look-ahead) or the paths grow too many; the wide colour map places a unit

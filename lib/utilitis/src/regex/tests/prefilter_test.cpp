@@ -255,7 +255,7 @@ TEST(RegexPrefilter, RandomPatternsAgreeWithTheFullSearch)
     std::mt19937 rng(20261129);
     auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
     const char* const words[] = {"ab", "cab", "x_y", "q", "zz", "\\.co", "ing", "abcabcabcabcabcabcab"};
-    const char* const classes[] = {"[a-z]+", "[a-c]*", "[^ ]+", "[[:alpha:]]+", ".?", "(x|y)", "[_a-z]+", "b*"};
+    const char* const classes[] = {"[a-z]+", "[a-c]*", "[^ ]+", "[[:alpha:]]+", ".?", "(x|y)", "[_a-z]+", "b*", ".", "[^_]"};
     const char* const subjectPieces[] = {"a", "b", "c", "x", "y", "z", "q", "_", ".", " ", "\n", "A", "B",
                                          "ab", "cab", "x_y", "zz", ".co", "ing", "abcabcabcabcabcabcab"};
     int withPrefilter = 0, withBack = 0;
