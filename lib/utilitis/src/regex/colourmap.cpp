@@ -124,6 +124,7 @@ colour ColourMap::openSubOf(colour co)
     if (sco == kNoColour) return kNoColour;
     _descs[co].openSub = sco;
     _descs[sco].openSub = sco;
+    _splitting.push_back(co);
     return sco;
 }
 
@@ -148,6 +149,7 @@ colour ColourMap::splitChar(uint32_t idx)
     _descs[co].charCount--;
     _descs[sco].charCount++;
     setEntry(idx, sco);
+    _written.push_back(idx);
     return sco;
 }
 
@@ -159,6 +161,7 @@ void ColourMap::splitBlock(uint32_t start, Nfa& nfa, State* lp, State* rp)
         const colour sco = openSubOf(co);
         if (sco == kNoColour) return;
         if (_descs[sco].block == nullptr) _descs[sco].block = newLeaf(sco);
+        _writtenLeaves.emplace_back(start >> 8, leaf);
         leaf = _descs[sco].block;
         nfa.arcAdd(kPlain, sco, lp, rp);
         _descs[co].charCount -= 256;
@@ -173,6 +176,7 @@ void ColourMap::splitBlock(uint32_t start, Nfa& nfa, State* lp, State* rp)
         nfa.arcAdd(kPlain, sco, lp, rp);
         const int first = i;
         do {
+            _written.push_back((start & ~0xFFu) | static_cast<uint32_t>(i));
             leaf[i++] = sco;
         } while (i < 256 && leaf[i] == co);
         _descs[co].charCount -= static_cast<uint32_t>(i - first);
@@ -198,23 +202,59 @@ void ColourMap::splitRange(uint32_t from, uint32_t to, Nfa& nfa, State* lp, Stat
     for (; c <= to && !_sink->failed(); ++c) nfa.arcAdd(kPlain, splitChar(c), lp, rp);
 }
 
+// Only the colours this step split are looked at. A parent whose characters
+// all went to its sub-colour is the same set as before: either its arcs move
+// to the sub-colour, or the sub-colour, made in this step, gives its
+// characters and arcs back; whichever is less work. A pattern repeating one
+// class would otherwise move all the class's earlier arcs at every repeat.
 void ColourMap::settle(Nfa& nfa)
 {
-    for (colour co = 0; co <= _max && !_sink->failed(); ++co) {
+    const size_t stepWork = _written.size() + 256 * _writtenLeaves.size();
+    std::sort(_splitting.begin(), _splitting.end());
+    // Sub-colours that give their characters back, with their parents: the
+    // table is put right for all of them in one pass over what was written.
+    std::vector<std::pair<colour, colour>> back;
+    for (const colour co : _splitting) {
+        if (_sink->failed()) break;
         ColourDesc& d = _descs[co];
         const colour sco = d.openSub;
         if ((d.flags & kColourFree) || sco == kNoColour || sco == co) continue;
         d.openSub = kNoColour;
         _descs[sco].openSub = kNoColour;
-        if (d.charCount == 0) {
-            // Nothing left of the parent: its arcs simply change colour.
+        size_t parentArcs = 0;
+        for (const Arc* a = d.arcs; a && parentArcs <= stepWork; a = a->colNext) ++parentArcs;
+        if (d.charCount == 0 && parentArcs <= stepWork) {
+            // Nothing left of the parent: its few arcs simply change colour.
             while (Arc* a = _descs[co].arcs) nfa.recolour(a, sco);
             release(co);
+        } else if (d.charCount == 0) {
+            back.emplace_back(sco, co);
         } else {
             for (Arc* a = _descs[co].arcs; a != nullptr && !_sink->failed(); a = a->colNext)
                 nfa.arcAdd(a->type, sco, a->from, a->to);
         }
     }
+    if (!back.empty()) {
+        std::sort(back.begin(), back.end());
+        auto parentOf = [&back](colour sco) {
+            const auto at = std::lower_bound(back.begin(), back.end(), std::make_pair(sco, kNoColour));
+            return at != back.end() && at->first == sco ? at->second : kNoColour;
+        };
+        for (uint32_t idx : _written)
+            if (const colour co = parentOf(colourOf(idx)); co != kNoColour) _top[idx >> 8][idx & 0xFF] = co;
+        for (auto it = _writtenLeaves.rbegin(); it != _writtenLeaves.rend(); ++it)
+            if (const colour co = parentOf(_top[it->first][0]); co != kNoColour && _top[it->first] == _descs[_top[it->first][0]].block)
+                _top[it->first] = it->second;
+        for (const auto& [sco, co] : back) {
+            while (Arc* a = _descs[sco].arcs) nfa.recolour(a, co);
+            _descs[co].charCount = _descs[sco].charCount;
+            _descs[sco].charCount = 0;
+            release(sco);
+        }
+    }
+    _splitting.clear();
+    _written.clear();
+    _writtenLeaves.clear();
 }
 
 void ColourMap::chainArc(Arc* a) noexcept

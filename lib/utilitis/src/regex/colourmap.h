@@ -91,6 +91,11 @@ private:
     colour* _top[256] = {};
     colour _fill[256] = {};
     std::vector<std::unique_ptr<colour[]>> _blocks;  // every leaf ever made
+    // What the splitting step under way did, for settle(): the colours it
+    // split, the characters it moved and the leaves it replaced.
+    std::vector<colour> _splitting;
+    std::vector<uint32_t> _written;
+    std::vector<std::pair<uint32_t, colour*>> _writtenLeaves;
 };
 
 }  // namespace Karu::IMPL::rx

@@ -40,6 +40,7 @@ Compiler<Ch>::Compiler(RxObject* object, const Ch* pattern, size_t length, int f
 template <class Ch>
 Compiler<Ch>::~Compiler()
 {
+    _child.reset();
     _nfa.reset();  // before the colour map it chains arcs on
 }
 
@@ -176,7 +177,8 @@ template <class Ch>
 void Compiler<Ch>::planAutomata(Subexpr* t, Need need)
 {
     const bool leaf = t->op == '=' || t->op == 'b' || t->op == '*';
-    bool own = need == kNeedOwn || (need == kNeedAnswer && !(t->flags & kEmptyOnly) && (leaf || smallSpan(*t)));
+    // A node that matches only the empty string answers without one.
+    bool own = !(t->flags & kEmptyOnly) && (need == kNeedOwn || (need == kNeedAnswer && (leaf || smallSpan(*t))));
     if (t->op == 'b' || t->op == '*') own = true;  // checked in place of every iteration
     if (own) t->flags |= kOwnAutomaton;
     const Need inner = need == kNeedAnswer && !own ? kNeedAnswer : kNeedNone;
@@ -215,7 +217,11 @@ template <class Ch>
 long Compiler<Ch>::buildNodeAutomaton(Subexpr& t)
 {
     if (_sink.failed()) return 0;
-    Nfa child(_internals->colourMap, _sink, _nfa.get());
+    if (!_child)
+        _child = std::make_unique<Nfa>(_internals->colourMap, _sink, _nfa.get());
+    else
+        _child->reset();
+    Nfa& child = *_child;
     {
         const PassTimer timer(kPassCopy);
         child.copyBetween(*_nfa, t.begin, t.end, child.bodyStart, child.bodyEnd);
@@ -326,6 +332,7 @@ int Compiler<Ch>::run()
         _internals->nodeCount = numberTree(_tree, 1);
         markTree(_tree);
         planAutomata(_tree, kNeedOwn);
+        _tree->flags |= kOwnAutomaton;  // the search runs it, whatever it matches
         if (_trace) {
             std::fputs("\n\n\n========= TREE FIXED ==========\n", _trace);
             dumpTree(_tree, _trace);
@@ -360,6 +367,7 @@ int Compiler<Ch>::run()
 template <class Ch>
 int Compiler<Ch>::finish()
 {
+    _child.reset();
     _nfa.reset();
     if (_sink.failed()) {
         _internals.reset();

@@ -142,6 +142,7 @@ private:
     std::vector<Subexpr*> _groupTable;
     std::unique_ptr<Internals> _internals;
     std::unique_ptr<Nfa> _nfa;
+    std::unique_ptr<Nfa> _child;  // the copy each node's automaton is made in
     colour _newlineColour = kNoColour;
     State* _wordSet = nullptr;
     Subexpr* _tree = nullptr;

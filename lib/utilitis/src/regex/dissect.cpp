@@ -61,7 +61,11 @@ void Splitter<Ch>::forget()
 template <class Ch>
 int Splitter<Ch>::ends(const Subexpr* t, const Ch* b, const Ch* stop, Ends& out)
 {
-    if (t->automaton.empty()) return RX_ERR_INTERNAL;
+    if (t->automaton.empty()) {
+        if (!(t->flags & kEmptyOnly)) return RX_ERR_INTERNAL;
+        out.assign(1, b);
+        return RX_OK;
+    }
     Dfa<Ch> d(*_ex, t->automaton);
     if (!d.ok()) return error(RX_ERR_MEMORY);
     d.ends(b, stop, out);

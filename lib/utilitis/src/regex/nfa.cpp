@@ -47,6 +47,27 @@ PassTimer::~PassTimer()
 
 Nfa::Nfa(ColourMap& map, ErrorSink& sink, Nfa* parent) : _map(map), _sink(sink), _parent(parent)
 {
+    begin();
+}
+
+// A copy for a tree node is made for every node that needs an automaton;
+// small ones by the thousand. One graph serves them all, emptied between
+// them, so that its blocks and index are allocated once.
+void Nfa::reset()
+{
+    std::fill(_index.begin(), _index.end(), nullptr);
+    _head = _tail = nullptr;
+    _spareStates = nullptr;
+    _spareArcs = nullptr;
+    _stateCount = _liveStates = 0;
+    _liveArcs = 0;
+    _stateBlock = _stateBlockUsed = 0;
+    _arcBatch = _arcBatchUsed = 0;
+    begin();
+}
+
+void Nfa::begin()
+{
     entry = stateCreate();
     exit = stateCreate();
     bodyStart = stateCreate();
@@ -60,10 +81,10 @@ Nfa::Nfa(ColourMap& map, ErrorSink& sink, Nfa* parent) : _map(map), _sink(sink),
     _map.arcsForAll(*this, kPlain, kNoColour, bodyEnd, exit);
     arcAdd(kEnd, 1, bodyEnd, exit);
     arcAdd(kEnd, 0, bodyEnd, exit);
-    if (parent) {
+    if (_parent) {
         for (int i = 0; i < 2; ++i) {
-            startColours[i] = parent->startColours[i];
-            endColours[i] = parent->endColours[i];
+            startColours[i] = _parent->startColours[i];
+            endColours[i] = _parent->endColours[i];
         }
     }
 }
@@ -90,11 +111,12 @@ State* Nfa::stateCreate()
     if (s) {
         _spareStates = s->next;
     } else {
-        if (_stateBlocks.empty() || _stateBlockUsed == kStateBlock) {
-            _stateBlocks.push_back(std::make_unique<State[]>(kStateBlock));
+        if (_stateBlockUsed == kStateBlock) {
+            ++_stateBlock;
             _stateBlockUsed = 0;
         }
-        s = &_stateBlocks.back()[_stateBlockUsed++];
+        if (_stateBlock == _stateBlocks.size()) _stateBlocks.push_back(std::make_unique<State[]>(kStateBlock));
+        s = &_stateBlocks[_stateBlock][_stateBlockUsed++];
     }
     *s = State{};
     ++_liveStates;
@@ -144,12 +166,13 @@ Arc* Nfa::takeArc()
         _spareArcs = a->outNext;
         return a;
     }
-    if (_arcBatches.empty() || _arcBatchUsed == kArcBatch) {
-        _arcBatches.push_back(std::make_unique<Arc[]>(kArcBatch));
+    if (_arcBatchUsed == kArcBatch) {
+        ++_arcBatch;
         _arcBatchUsed = 0;
     }
+    if (_arcBatch == _arcBatches.size()) _arcBatches.push_back(std::make_unique<Arc[]>(kArcBatch));
     ++_arcCount;
-    return &_arcBatches.back()[_arcBatchUsed++];
+    return &_arcBatches[_arcBatch][_arcBatchUsed++];
 }
 
 Arc* Nfa::findArc(State* s, int type, colour co) const noexcept
@@ -337,12 +360,14 @@ void Nfa::copyBetween(Nfa& src, State* start, State* stop, State* from, State* t
     }
     // Map each source state to its copy in `mark`; an explicit stack keeps
     // long chains (a bound of 255 of a bound) off the call stack.
-    std::vector<State*> seen;
+    std::vector<State*>& seen = _copySeen;
+    seen.clear();
     stop->mark = to;
     seen.push_back(stop);
     start->mark = from;
     seen.push_back(start);
-    std::vector<State*> work{start};
+    std::vector<State*>& work = _copyWork;
+    work.assign(1, start);
     while (!work.empty() && !failed()) {
         State* s = work.back();
         work.pop_back();

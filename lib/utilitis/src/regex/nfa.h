@@ -123,6 +123,8 @@ public:
     ~Nfa();
     Nfa(const Nfa&) = delete;
     Nfa& operator=(const Nfa&) = delete;
+    // Empties a copy's graph for another, keeping its memory.
+    void reset();
 
     State* entry = nullptr;
     State* bodyStart = nullptr;
@@ -181,7 +183,9 @@ private:
     State* guard(State* u, int k, bool before, std::map<std::pair<State*, int>, State*>& made);
     long analyse();
     std::vector<std::vector<State*>> zeroWidthComponents(bool emptyOnly);
+    bool hasConditions() const;
 
+    void begin();
     Arc* takeArc();
     void deleteWalk(State* s);
     void repeatCopies(State* left, State* right, int m, int n);
@@ -200,11 +204,28 @@ private:
     long _arcCount = 0;   // arcs ever made (the pool's size)
     long _liveArcs = 0;
     std::vector<Arc*> _index;  // buckets of the arc index, a power of two
+    // Scratch of the passes, kept with the graph: a copy for a tree node is
+    // made for every node, small ones by the thousand.
+    struct Frame {
+        State* s;
+        Arc* next;
+    };
+    std::vector<State*> _work;
+    std::vector<std::pair<State*, Arc*>> _walkStack;
+    std::vector<int> _tarjanIndex;
+    std::vector<int> _tarjanLow;
+    std::vector<char> _tarjanOnStack;
+    std::vector<State*> _tarjanStack;
+    std::vector<Frame> _tarjanFrames;
+    std::vector<State*> _copySeen;
+    std::vector<State*> _copyWork;
     State* _spareStates = nullptr;
     Arc* _spareArcs = nullptr;
     std::vector<std::unique_ptr<State[]>> _stateBlocks;
+    size_t _stateBlock = 0;  // the block states are taken from
     size_t _stateBlockUsed = 0;
     std::vector<std::unique_ptr<Arc[]>> _arcBatches;
+    size_t _arcBatch = 0;
     size_t _arcBatchUsed = 0;
 };
 

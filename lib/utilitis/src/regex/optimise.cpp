@@ -68,7 +68,8 @@ void Nfa::cleanup()
     const PassTimer timer(kPassCleanup);
     // walk 1: reachable from entry; walk 2: among those, can reach exit.
     for (State* s = _head; s; s = s->next) s->walk = 0;
-    std::vector<State*> work{entry};
+    std::vector<State*>& work = _work;
+    work.assign(1, entry);
     entry->walk = 1;
     while (!work.empty()) {
         State* s = work.back();
@@ -112,14 +113,16 @@ std::vector<std::vector<State*>> Nfa::zeroWidthComponents(bool emptyOnly)
 {
     std::vector<std::vector<State*>> parts;
     const size_t n = static_cast<size_t>(_stateCount);
-    std::vector<int> index(n, -1), low(n, 0);
-    std::vector<char> onStack(n, 0);
-    std::vector<State*> stack;
-    struct Frame {
-        State* s;
-        Arc* next;
-    };
-    std::vector<Frame> frames;
+    std::vector<int>& index = _tarjanIndex;
+    std::vector<int>& low = _tarjanLow;
+    std::vector<char>& onStack = _tarjanOnStack;
+    index.assign(n, -1);
+    low.assign(n, 0);
+    onStack.assign(n, 0);
+    std::vector<State*>& stack = _tarjanStack;
+    stack.clear();
+    std::vector<Frame>& frames = _tarjanFrames;
+    frames.clear();
     auto follows = [emptyOnly](const Arc* a) { return emptyOnly ? a->type == kEmpty : zeroWidth(a->type); };
     int counter = 0;
     for (State* root = _head; root; root = root->next) {
@@ -205,7 +208,8 @@ void Nfa::foldEmpties()
             a = next;
         }
     mergeCycles();
-    std::vector<State*> work;
+    std::vector<State*>& work = _work;
+    work.clear();
     for (State* s = _head; s; s = s->next) work.push_back(s);
     while (!work.empty() && !failed()) {
         State* s = work.back();
@@ -331,6 +335,15 @@ void Nfa::unrollLoop(const std::vector<State*>& loop)
     }
 }
 
+// Whether the graph has an arc that consumes nothing other than an empty one.
+bool Nfa::hasConditions() const
+{
+    for (State* s = _head; s; s = s->next)
+        for (Arc* a = s->outs; a; a = a->outNext)
+            if (a->type != kPlain && a->type != kEmpty) return true;
+    return false;
+}
+
 void Nfa::breakZeroWidthLoops()
 {
     if (failed()) return;
@@ -342,6 +355,9 @@ void Nfa::breakZeroWidthLoops()
             if (zeroWidth(a->type) && a->to == s) arcRemove(a);
             a = next;
         }
+    // Folding left no cycle of empty arcs: a loop needs a constraint or a
+    // look-ahead reference.
+    if (!hasConditions()) return;
     for (const std::vector<State*>& loop : zeroWidthComponents(false)) {
         if (failed()) return;
         unrollLoop(loop);
@@ -358,9 +374,11 @@ void Nfa::removeEmpties()
     if (failed()) return;
     const PassTimer timer(kPassEmpties);
     // Depth-first postorder over empty arcs gives targets before sources.
-    std::vector<State*> order;
+    std::vector<State*>& order = _work;
+    order.clear();
     for (State* s = _head; s; s = s->next) s->walk = 0;
-    std::vector<std::pair<State*, Arc*>> stack;
+    std::vector<std::pair<State*, Arc*>>& stack = _walkStack;
+    stack.clear();
     for (State* root = _head; root; root = root->next) {
         if (root->walk) continue;
         root->walk = 1;
@@ -538,6 +556,10 @@ void Nfa::resolveConstraints()
         }
         a = next;
     }
+    bool any = false;
+    for (State* s = _head; s && !any; s = s->next)
+        for (Arc* a = s->outs; a && !any; a = a->outNext) any = behind(a->type) || ahead(a->type);
+    if (!any) return;
     for (const bool before : {true, false}) {
         std::map<std::pair<State*, int>, State*> made;
         std::vector<State*> order = zeroWidthOrder();
