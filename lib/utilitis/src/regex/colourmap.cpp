@@ -48,6 +48,7 @@ colour* ColourMap::newLeaf(colour fillWith)
 colour ColourMap::alloc()
 {
     if (_sink->failed()) return kNoColour;
+    ++_version;
     colour co;
     if (_free != 0) {
         co = _free;
@@ -69,6 +70,7 @@ colour ColourMap::alloc()
 void ColourMap::release(colour co)
 {
     if (co == kWhite) return;
+    ++_version;
     ColourDesc& d = _descs[co];
     d.flags = kColourFree;
     d.block = nullptr;  // the leaf itself stays owned by _blocks
@@ -148,6 +150,7 @@ colour ColourMap::splitChar(uint32_t idx)
     if (sco == co) return co;
     _descs[co].charCount--;
     _descs[sco].charCount++;
+    ++_version;
     setEntry(idx, sco);
     _written.push_back(idx);
     return sco;
@@ -155,6 +158,7 @@ colour ColourMap::splitChar(uint32_t idx)
 
 void ColourMap::splitBlock(uint32_t start, Nfa& nfa, State* lp, State* rp)
 {
+    ++_version;
     colour*& leaf = _top[start >> 8];
     if (shared(leaf)) {
         const colour co = leaf[0];
@@ -209,6 +213,7 @@ void ColourMap::splitRange(uint32_t from, uint32_t to, Nfa& nfa, State* lp, Stat
 // class would otherwise move all the class's earlier arcs at every repeat.
 void ColourMap::settle(Nfa& nfa)
 {
+    if (!_splitting.empty()) ++_version;
     const size_t stepWork = _written.size() + 256 * _writtenLeaves.size();
     std::sort(_splitting.begin(), _splitting.end());
     // Sub-colours that give their characters back, with their parents: the

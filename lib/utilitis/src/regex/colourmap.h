@@ -50,6 +50,9 @@ public:
     colour* const* top() const noexcept { return _top; }
 
     colour highest() const noexcept { return _sink->failed() ? kNoColour : _max; }
+    // Changes whenever a character changes colour or a colour is made or
+    // freed: while it stands, a set of characters keeps the same colours.
+    uint64_t version() const noexcept { return _version; }
     colour max() const noexcept { return _max; }
     uint32_t alphabet() const noexcept { return _wide ? 65536u : 256u; }
     bool live(colour c) const noexcept { return !(_descs[c].flags & kColourFree); }
@@ -93,6 +96,7 @@ private:
     std::vector<std::unique_ptr<colour[]>> _blocks;  // every leaf ever made
     // What the splitting step under way did, for settle(): the colours it
     // split, the characters it moved and the leaves it replaced.
+    uint64_t _version = 0;
     std::vector<colour> _splitting;
     std::vector<uint32_t> _written;
     std::vector<std::pair<uint32_t, colour*>> _writtenLeaves;

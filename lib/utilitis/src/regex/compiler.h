@@ -10,7 +10,9 @@
 #include "internals.h"
 
 #include <cstdio>
+#include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace Karu::IMPL::rx {
@@ -91,6 +93,7 @@ private:
     Subexpr* parseBranch(int stopper, int type, State* left, State* right, bool partial);
     void parseQuantifiedAtom(int stopper, int type, State* lp, State* rp, Subexpr* top);
     int scanNumber();
+    const Ch* bracketEnd() const;
     void bracket(State* lp, State* rp);
     void complementBracket(State* lp, State* rp);
     void bracketPart(State* lp, State* rp);
@@ -171,6 +174,14 @@ private:
     };
     std::vector<OneCharGroup> _oneChar;
     std::vector<ExactPair> _pairs;
+    // The colours each bracket text came to, and the colour map's version
+    // then, and what it noted of the pattern.
+    struct BracketColours {
+        uint64_t version = 0;
+        std::vector<colour> colours;
+        long info = 0;
+    };
+    std::map<std::basic_string<Ch>, BracketColours> _brackets;
 };
 
 }  // namespace Karu::IMPL::rx

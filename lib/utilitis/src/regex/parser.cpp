@@ -243,14 +243,45 @@ void Compiler<Ch>::parseQuantifiedAtom(int stopper, int type, State* lp, State* 
         if (_sink.failed()) return;
         next();
         break;
-    case '[':
+    case '[': {
+        // A bracket met before with the colour map unchanged since takes
+        // the same colours: a class of the wide build (\w is some 50,000
+        // characters there) costs its size each time it is split again.
+        const Ch* end = bracketEnd();
+        std::basic_string<Ch> key;
+        if (end) {
+            key.assign(1, static_cast<Ch>(_value ? '[' : '^'));
+            key.append(_cursor, end);
+            const auto known = _brackets.find(key);
+            if (known != _brackets.end() && known->second.version == _internals->colourMap.version()) {
+                for (const colour c : known->second.colours) nfa.arcAdd(kPlain, c, lp, rp);
+                note(known->second.info);
+                _cursor = end;
+                _lexState = (_flags & RX_SYNTAX_EXT) ? kLexExtended : kLexBasic;
+                _token = ']';
+                next();
+                break;
+            }
+        }
+        const long infoBefore = _info;
+        _info = 0;
         if (_value == 1)
             bracket(lp, rp);
         else
             complementBracket(lp, rp);
         if (_sink.failed()) return;
+        if (end) {
+            BracketColours& known = _brackets[key];
+            known.version = _internals->colourMap.version();
+            known.info = _info;
+            known.colours.clear();
+            for (Arc* a = lp->outs; a; a = a->outNext)
+                if (a->to == rp && a->type == kPlain) known.colours.push_back(a->co);
+        }
+        _info |= infoBefore;
         next();
         break;
+    }
     case '.':
         _internals->colourMap.arcsForAll(nfa, kPlain, (_flags & RX_DOTNONL) ? _newlineColour : kNoColour, lp, rp);
         next();
@@ -528,6 +559,31 @@ void Compiler<Ch>::oneChar(int32_t c, State* lp, State* rp)
     _vector.clear();
     addCases(c, _vector);
     addVector(_vector, lp, rp);
+}
+
+// Where the bracket under the cursor ends (past its "]"), or null for one
+// this doesn't follow: escapes, whose reading depends on the syntax, or an
+// unterminated one, which the parser will report.
+template <class Ch>
+const Ch* Compiler<Ch>::bracketEnd() const
+{
+    const Ch* p = _cursor;
+    if (p < _stop && *p == ']') ++p;  // first, it is a member
+    while (p < _stop) {
+        const Ch c = *p;
+        if (c == '\\') return nullptr;
+        if (c == '[' && p + 1 < _stop && (p[1] == ':' || p[1] == '.' || p[1] == '=')) {
+            const Ch close = p[1];
+            for (p += 2; p + 1 < _stop && !(p[0] == close && p[1] == ']'); ++p) {
+            }
+            if (p + 1 >= _stop) return nullptr;
+            p += 2;
+            continue;
+        }
+        if (c == ']') return p + 1;
+        ++p;
+    }
+    return nullptr;
 }
 
 template <class Ch>

@@ -212,6 +212,10 @@ const Row kRows[] = {
     {E, "[\xE0-\xE9]", "x\xE5", RX_OK, "1,2", 0, kNarrowOnly},
     {E, "[ab]c[ab]", "xacb", RX_OK, "1,4"},
     {E, "[ab]a", "bba", RX_OK, "1,3"},
+    // A bracket met again takes the colours it came to before only while no
+    // character has changed colour since: here a splits from b in between.
+    {E, "[ab][ab]a[ab]", "abab", RX_OK, "0,4"},
+    {E, "[ab][ab]a[ab]", "abaa", RX_OK, "0,4"},
     {E, "[[:<:]]a", "ba a", RX_OK, "3,4"},
     {E, "a[[:>:]]", "ab a", RX_OK, "3,4"},
 
