@@ -87,7 +87,8 @@ Timed compile(const std::string& narrow, int flags)
 
 std::string passLine(const PassTimes& p)
 {
-    static const char* const kNames[] = {"parse", "copy", "cleanup", "fold", "loops", "empties", "constraints", "compact"};
+    static const char* const kNames[] = {"parse",   "copy",        "cleanup", "fold",
+                                         "loops",   "empties",     "constraints", "compact"};
     static_assert(sizeof kNames / sizeof kNames[0] == IMPL::rx::kPassCount);
     std::string s;
     char buf[64];

@@ -247,9 +247,11 @@ void ColourMap::settle(Nfa& nfa)
         };
         for (uint32_t idx : _written)
             if (const colour co = parentOf(colourOf(idx)); co != kNoColour) _top[idx >> 8][idx & 0xFF] = co;
-        for (auto it = _writtenLeaves.rbegin(); it != _writtenLeaves.rend(); ++it)
-            if (const colour co = parentOf(_top[it->first][0]); co != kNoColour && _top[it->first] == _descs[_top[it->first][0]].block)
-                _top[it->first] = it->second;
+        for (auto it = _writtenLeaves.rbegin(); it != _writtenLeaves.rend(); ++it) {
+            const colour sco = _top[it->first][0];  // the leaf is sco's solid block if still in place
+            const colour co = parentOf(sco);
+            if (co != kNoColour && _top[it->first] == _descs[sco].block) _top[it->first] = it->second;
+        }
         for (const auto& [sco, co] : back) {
             while (Arc* a = _descs[sco].arcs) nfa.recolour(a, co);
             _descs[co].charCount = _descs[sco].charCount;

@@ -108,12 +108,13 @@ int Compiler<Ch>::numberTree(Subexpr* t, int start)
     return i;
 }
 
-// Whether a plain node matches only the empty string: nothing but empty
-// arcs between its ends (the tail the parser puts after a group, a {0}).
+// A walk of the main graph from a node's begin, not past its end, that
+// stops at kSmallSpan states: whether the node's part is that small, and,
+// with `onlyEmpty`, holds nothing but empty arcs (the tail the parser puts
+// after a group, a {0}), so that the node matches only the empty string.
 template <class Ch>
-bool Compiler<Ch>::onlyEmpty(const Subexpr& t)
+bool Compiler<Ch>::smallSpan(const Subexpr& t, bool onlyEmpty)
 {
-    if (t.begin == t.end) return true;
     ++_walkStamp;
     std::vector<State*> work{t.begin};
     t.begin->walk = _walkStamp;
@@ -122,9 +123,9 @@ bool Compiler<Ch>::onlyEmpty(const Subexpr& t)
         State* s = work.back();
         work.pop_back();
         if (s == t.end) continue;
-        if (s->outCount == 0) return false;
+        if (onlyEmpty && s->outCount == 0) return false;
         for (Arc* a = s->outs; a; a = a->outNext) {
-            if (a->type != kEmpty) return false;
+            if (onlyEmpty && a->type != kEmpty) return false;
             if (a->to->walk == _walkStamp) continue;
             if (++seen > kSmallSpan) return false;
             a->to->walk = _walkStamp;
@@ -138,32 +139,9 @@ template <class Ch>
 void Compiler<Ch>::markTree(Subexpr* t)
 {
     t->flags |= kInUse;
-    if (t->op == '=' && t->begin && onlyEmpty(*t)) t->flags |= kEmptyOnly;
+    if (t->op == '=' && t->begin && (t->begin == t->end || smallSpan(*t, true))) t->flags |= kEmptyOnly;
     if (t->left) markTree(t->left);
     if (t->right) markTree(t->right);
-}
-
-// Whether the part of the main graph a node spans is small: a walk from its
-// begin that stops at its end, and at the limit.
-template <class Ch>
-bool Compiler<Ch>::smallSpan(const Subexpr& t)
-{
-    ++_walkStamp;
-    std::vector<State*> work{t.begin};
-    t.begin->walk = _walkStamp;
-    int seen = 1;
-    while (!work.empty()) {
-        State* s = work.back();
-        work.pop_back();
-        if (s == t.end) continue;
-        for (Arc* a = s->outs; a; a = a->outNext)
-            if (a->to->walk != _walkStamp) {
-                if (++seen > kSmallSpan) return false;
-                a->to->walk = _walkStamp;
-                work.push_back(a->to);
-            }
-    }
-    return true;
 }
 
 // Which nodes get an automaton of their own. The matcher walks a
@@ -178,7 +156,8 @@ void Compiler<Ch>::planAutomata(Subexpr* t, Need need)
 {
     const bool leaf = t->op == '=' || t->op == 'b' || t->op == '*';
     // A node that matches only the empty string answers without one.
-    bool own = !(t->flags & kEmptyOnly) && (need == kNeedOwn || (need == kNeedAnswer && (leaf || smallSpan(*t))));
+    bool own = !(t->flags & kEmptyOnly) &&
+               (need == kNeedOwn || (need == kNeedAnswer && (leaf || smallSpan(*t, false))));
     if (t->op == 'b' || t->op == '*') own = true;  // checked in place of every iteration
     if (own) t->flags |= kOwnAutomaton;
     const Need inner = need == kNeedAnswer && !own ? kNeedAnswer : kNeedNone;

@@ -121,8 +121,7 @@ private:
     void directors();
     int numberTree(Subexpr* t, int start);
     void markTree(Subexpr* t);
-    bool smallSpan(const Subexpr& t);
-    bool onlyEmpty(const Subexpr& t);
+    bool smallSpan(const Subexpr& t, bool onlyEmpty);
     void planAutomata(Subexpr* t, Need need);
     long buildAutomata(Subexpr* t);
     long buildNodeAutomaton(Subexpr& t);

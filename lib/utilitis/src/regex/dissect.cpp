@@ -95,7 +95,8 @@ int Splitter<Ch>::reach(const Subexpr* t, const Ch* b, const Ends*& out)
     ++_reachedUsed;
     if (_reachedUsed > kReachedInPlace) {
         if (_reachedIndex.empty())
-            for (size_t i = 0; i + 1 < _reachedUsed; ++i) _reachedIndex.emplace(Key{_reached[i].node, _reached[i].b, nullptr}, i);
+            for (size_t i = 0; i + 1 < _reachedUsed; ++i)
+                _reachedIndex.emplace(Key{_reached[i].node, _reached[i].b, nullptr}, i);
         _reachedIndex.emplace(Key{t, b, nullptr}, _reachedUsed - 1);
     }
     out = &slot.ends;

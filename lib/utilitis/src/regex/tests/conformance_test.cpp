@@ -493,7 +493,8 @@ TEST(RegexConformance, LargestBounds)
             const rxtest::Outcome got = wide ? rxtest::run<wchar_t>(E, rxtest::widen<wchar_t>(r.pattern),
                                                                     rxtest::widen<wchar_t>(subject))
                                              : rxtest::run<char>(E, r.pattern, subject);
-            const std::string where = std::string(r.pattern) + " on " + std::to_string(r.length) + (wide ? " wide" : " narrow");
+            const std::string where =
+                std::string(r.pattern) + " on " + std::to_string(r.length) + (wide ? " wide" : " narrow");
             EXPECT_EQ(got.compile ? got.compile : got.exec, r.code) << where;
             EXPECT_EQ(got.matches, r.expect) << where;
         }

@@ -53,7 +53,10 @@ private:
     std::string alternation(int depth)
     {
         std::string s = branch(depth);
-        while (pick(5) == 0) s += "|" + branch(depth);
+        while (pick(5) == 0) {
+            s += '|';
+            s += branch(depth);
+        }
         return s;
     }
 
@@ -189,7 +192,10 @@ private:
     std::string alternation(int depth)
     {
         std::string s = branch(depth);
-        while (pick(4) == 0) s += "|" + branch(depth);
+        while (pick(4) == 0) {
+            s += '|';
+            s += branch(depth);
+        }
         return s;
     }
 
@@ -225,7 +231,10 @@ private:
             return pick(2) ? "^" : "$";  // no quantifier may follow an anchor
         case 1:
         case 2:
-            if (!_closed.empty()) return "\\" + std::to_string(_closed[static_cast<size_t>(pick(static_cast<int>(_closed.size())))]) + quantifier();
+            if (!_closed.empty()) {
+                const int group = _closed[static_cast<size_t>(pick(static_cast<int>(_closed.size())))];
+                return "\\" + std::to_string(group) + quantifier();
+            }
             [[fallthrough]];
         case 3:
         case 4: return std::string(1, "abc"[pick(3)]) + quantifier();
@@ -282,8 +291,8 @@ std::string shown(const std::string& text)
 }
 
 template <class Ch>
-void againstReference(const std::string& pattern, int flags, rxref::Matcher& model, const std::vector<std::string>& subjects,
-                      int& compared)
+void againstReference(const std::string& pattern, int flags, rxref::Matcher& model,
+                      const std::vector<std::string>& subjects, int& compared)
 {
     const auto p = rxtest::widen<Ch>(pattern);
     Karu::RxObject o{};
@@ -302,9 +311,10 @@ void againstReference(const std::string& pattern, int flags, rxref::Matcher& mod
         ++compared;
         EXPECT_EQ(r == Karu::RX_OK, want.matched) << where << " subject \"" << shown(subject) << "\": result " << r
                                                   << ", model " << (want.matched ? render(want) : "no match");
-        if (r == Karu::RX_OK && want.matched)
+        if (r == Karu::RX_OK && want.matched) {
             EXPECT_EQ(render(m.data(), m.size()), render(want))
                 << where << " subject \"" << shown(subject) << "\" (group 0 first)";
+        }
     }
     Karu::rxfree(&o);
 }

@@ -416,7 +416,10 @@ private:
     using Then = std::function<bool(int)>;
 
     bool atStart(int p) const { return p == 0 || (_line && _s[static_cast<size_t>(p) - 1] == '\n'); }
-    bool atEnd(int p) const { return p == static_cast<int>(_s.size()) || (_line && _s[static_cast<size_t>(p)] == '\n'); }
+    bool atEnd(int p) const
+    {
+        return p == static_cast<int>(_s.size()) || (_line && _s[static_cast<size_t>(p)] == '\n');
+    }
 
     bool one(const Piece& p, int at, const Then& then)
     {
