@@ -1,5 +1,5 @@
-// Shared-memory objects: names, sizes, who removes what, and one mapping
-// seen by two processes.
+// Shared-memory objects: names, sizes, who removes what, one mapping seen by
+// two processes, the lines of a failure, and objects made whole by racers.
 #include <karu/misc/shmem.h>
 
 #include <gtest/gtest.h>
@@ -8,7 +8,9 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstring>
+#include <vector>
 
 #include "sync/tests/forktest.h"
 
@@ -89,6 +91,72 @@ TEST(SharedMemory, OneMappingAcrossProcessesAndTheCreatorRemoves)
                       "\n  flag        = 3\n  access mode = 2\n  error code  = 2\n"
                       "  error desc  = the shared memory object does not exist\n");
     }
+}
+
+TEST(SharedMemory, AMappingFailureNamesFlagAndAccessMode)
+{
+    const std::string name = UniqueName("empty");
+    SMO_HANDLE empty;
+    ASSERT_TRUE(CreateSharedMemoryObject(empty, name.c_str(), kAccessReadWrite, 0));
+    SMO_HANDLE opener;
+    try {
+        OpenMapView(opener, name.c_str(), kAccessReadWrite);
+        ADD_FAILURE() << "mapped an object of no size";
+    } catch (const shmemExp& e) {
+        EXPECT_EQ(e.code, 3);
+        EXPECT_EQ(std::string(e.message.c_str()),
+                  "SetupMapView - failed create memory view\n  smo name    = " + name +
+                      "\n  flag        = 3\n  access mode = 2\n  size        = 0\n  error code  = 22\n"
+                      "  error desc  = invalid size, address, or flags argument\n");
+    }
+    CloseAndRemoveSharedMemoryObject(empty, name.c_str());
+}
+
+// Processes racing to make one name: every racer that found the name free
+// sets up a draft of its own, exactly one draft is published, the others are
+// undone, and every racer maps the published one, already set up.
+TEST(SharedMemoryConcurrency, RacersPublishOneObjectWhole)
+{
+    constexpr int kRounds = kUnderThreadSanitizer ? 20 : 100, kRacers = 4;
+    struct Board {
+        std::atomic<int> go{0}, setUps{0}, undos{0}, creators{0}, whole{0}, mapped{0};
+    };
+    Board* board = MapShared<Board>();
+    ASSERT_NE(board, nullptr);
+    for (int round = 0; round < kRounds; ++round) {
+        board->~Board();
+        new (board) Board();
+        const std::string name = UniqueName("publish");
+        std::vector<pid_t> racers;
+        for (int i = 0; i < kRacers; ++i)
+            racers.push_back(StartChild([&, i] {
+                AwaitCondition([&] { return board->go.load() != 0; });
+                SMO_HANDLE handle;
+                const bool created = SetupInitialisedMapView(
+                    handle, name.c_str(), 64, kAccessReadWrite,
+                    [&, i](void* at) {
+                        ++board->setUps;
+                        std::memcpy(at, "made by ", 8);
+                        static_cast<char*>(at)[8] = char('0' + i);
+                    },
+                    [&](void*) { ++board->undos; });
+                board->creators += created ? 1 : 0;
+                board->whole += std::memcmp(handle.address, "made by ", 8) == 0 ? 1 : 0;
+                ++board->mapped;
+                if (created)  // the creator removes the name: it goes last
+                    AwaitCondition([&] { return board->mapped.load() == kRacers; }, 10000);
+                ReleaseMapView(handle);
+                return 0;
+            }));
+        board->go = 1;
+        for (pid_t racer : racers)
+            ASSERT_EQ(WaitChild(racer, 10000).status, 0) << "round " << round;
+        ASSERT_EQ(board->creators.load(), 1) << "round " << round;
+        ASSERT_EQ(board->setUps.load() - board->undos.load(), 1) << "round " << round;
+        ASSERT_EQ(board->whole.load(), kRacers) << "round " << round << ": a racer saw a half-made object";
+        ASSERT_FALSE(NameExists(name)) << "round " << round;
+    }
+    FreeShared(board);
 }
 
 }  // namespace
