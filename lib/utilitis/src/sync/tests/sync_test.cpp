@@ -210,10 +210,14 @@ TEST(ProcEvent, OneFlagAcrossProcesses)
     EXPECT_EQ(RunChild([&] { return CProcEvent(true, name.c_str()).IsSet() ? 1 : 0; }).status, 0);
     EXPECT_FALSE(first.IsSet());
 
-    // A child waits for the parent's Raise; an opener closing leaves the event working.
+    // A child waits for the parent's Raise, which wakes it long before its
+    // time runs out; an opener closing leaves the event working.
     const pid_t child = StartChild([&] {
         CProcEvent opened(name.c_str());
-        return opened.TimedWait(5000) ? 0 : 1;
+        const auto start = Clock::now();
+        if (!opened.TimedWait(10000))
+            return 1;
+        return MillisSince(start) < 5000 ? 0 : 2;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     first.Raise();
