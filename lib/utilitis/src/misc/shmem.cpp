@@ -110,6 +110,28 @@ ExpMessage SmoMessage(const char* head, const stringEx& name, uint32_t flag)
     Throw<shmemExp>(SmoMessage(head, name, flag).Errno(error, kOpenErrors), 1);
 }
 
+// Gives a new object its size (none for 0); on failure closes the
+// descriptor, removes `created` if given, and raises.
+void SizeNewObject(int fd, const stringEx& path, uint32_t flag, uint64_t size, const stringEx* created)
+{
+    if (size == 0)
+        return;
+    int result;
+    do {
+        result = ftruncate(fd, static_cast<off_t>(size));
+    } while (result != 0 && errno == EINTR);
+    if (result == 0)
+        return;
+    const int error = errno;
+    close(fd);
+    if (created)
+        shm_unlink(created->c_str());
+    Throw<shmemExp>(SmoMessage("CreateSharedMemoryObject - failed set the size of shared memory object\n", path, flag)
+                        .Detail("smo size", int64_t(size))
+                        .Errno(error, {}),
+                    1);
+}
+
 uint64_t DescriptorSize(int fd)
 {
     struct stat info {};
@@ -165,22 +187,8 @@ bool CreateSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t
         if (fd < 0)
             RaiseOpen("CreateSharedMemoryObject - failed create shared memory object\n", path, flag, errno);
     }
-    if (created && size > 0) {
-        int result;
-        do {
-            result = ftruncate(fd, static_cast<off_t>(size));
-        } while (result != 0 && errno == EINTR);
-        if (result != 0) {
-            const int error = errno;
-            close(fd);
-            shm_unlink(path.c_str());
-            Throw<shmemExp>(
-                SmoMessage("CreateSharedMemoryObject - failed set the size of shared memory object\n", path, flag)
-                    .Detail("smo size", int64_t(size))
-                    .Errno(error, {}),
-                1);
-        }
-    }
+    if (created)
+        SizeNewObject(fd, path, flag, size, &path);
     handle.fd = fd;
     handle.address = nullptr;
     handle.size = created ? size : DescriptorSize(fd);
@@ -275,21 +283,7 @@ bool PublishWhole(SMO_HANDLE& handle, const stringEx& path, uint64_t size, uint3
         const stringEx& name;
         ~DropDraft() { shm_unlink(name.c_str()); }  // published or not, the draft's name goes
     } dropDraft{draft};
-    if (size > 0) {
-        int result;
-        do {
-            result = ftruncate(fd, static_cast<off_t>(size));
-        } while (result != 0 && errno == EINTR);
-        if (result != 0) {
-            const int error = errno;
-            close(fd);
-            Throw<shmemExp>(
-                SmoMessage("CreateSharedMemoryObject - failed set the size of shared memory object\n", path, access)
-                    .Detail("smo size", int64_t(size))
-                    .Errno(error, {}),
-                1);
-        }
-    }
+    SizeNewObject(fd, path, access, size, nullptr);  // the draft's name goes with its guard
     SMO_HANDLE made;
     made.fd = fd;
     made.size = size;

@@ -361,17 +361,9 @@ bool CProcEvent::__Wait(uint32_t milliseconds, const char* head)
     SHARED* const shared = __Shared();
     if (shared->signaled || milliseconds == 0)
         return shared->signaled != 0;
-    timespec deadline{};
     const bool limited = milliseconds != kWaitInfinite;
-    if (limited) {
-        clock_gettime(CLOCK_MONOTONIC, &deadline);
-        deadline.tv_sec += milliseconds / 1000;
-        deadline.tv_nsec += long(milliseconds % 1000) * 1000000;
-        if (deadline.tv_nsec >= 1000000000) {
-            deadline.tv_sec += 1;
-            deadline.tv_nsec -= 1000000000;
-        }
-    }
+    // The futex call measures an absolute deadline on the monotonic clock.
+    const timespec deadline = IMPL::DeadlineOn(CLOCK_MONOTONIC, limited ? milliseconds : 0);
     const int32_t self = int32_t(getpid());
     Enlist(shared, self);
     struct Leave {

@@ -98,6 +98,19 @@ void CSem::ForgetWaitersAfterFork() noexcept
 
 namespace IMPL {
 
+timespec DeadlineOn(clockid_t clock, uint32_t milliseconds) noexcept
+{
+    timespec deadline{};
+    clock_gettime(clock, &deadline);
+    deadline.tv_sec += milliseconds / 1000;
+    deadline.tv_nsec += long(milliseconds % 1000) * 1000000;
+    if (deadline.tv_nsec >= 1000000000) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1000000000;
+    }
+    return deadline;
+}
+
 void SemP(sem_t* sem, const char* head)
 {
     while (sem_wait(sem) != 0) {
@@ -129,14 +142,7 @@ bool SemTimedP(sem_t* sem, uint32_t milliseconds, const char* head)
         SemP(sem, head);
         return true;
     }
-    timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += milliseconds / 1000;
-    deadline.tv_nsec += long(milliseconds % 1000) * 1000000;
-    if (deadline.tv_nsec >= 1000000000) {
-        deadline.tv_sec += 1;
-        deadline.tv_nsec -= 1000000000;
-    }
+    const timespec deadline = DeadlineOn(CLOCK_REALTIME, milliseconds);
     while (sem_timedwait(sem, &deadline) != 0) {
         if (errno == EINTR)
             continue;  // the deadline is absolute, so a restart keeps it

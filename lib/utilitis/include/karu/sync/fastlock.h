@@ -18,6 +18,7 @@
 #pragma once
 
 #include <semaphore.h>
+#include <time.h>
 
 #include <atomic>
 #include <cstdint>
@@ -56,6 +57,9 @@ private:
 };
 
 namespace IMPL {
+// The time of `clock` now, `milliseconds` later: the deadline of a wait.
+timespec DeadlineOn(clockid_t clock, uint32_t milliseconds) noexcept;
+
 // The semaphore calls of CSem and CProcSem; `head` names the operation in a
 // failure's message. Waits restart after a signal.
 void SemP(sem_t* sem, const char* head);

@@ -305,6 +305,22 @@ size_t Count(const std::string& text, const std::string& what)
     return n;
 }
 
+// A log with `stack` pushed and `main` as its main logger, installed with
+// the logging thread on; null if the thread could not start.
+CLog::Handle InstallThreaded(uint32_t capacity, std::initializer_list<LoggerHandle> stack,
+                             const LoggerHandle& main = nullptr)
+{
+    auto log = std::make_shared<CLog>();
+    for (const LoggerHandle& logger : stack)
+        log->PushLogger(logger);
+    if (main)
+        log->SetMainLogger(main);
+    if (!log->StartLoggingThread(true, capacity))
+        return nullptr;
+    CLog::SetInstance(log);
+    return log;
+}
+
 void ExpectEnd(const ChildEnd& end, int status)
 {
     EXPECT_FALSE(end.timedOut) << "hung";
@@ -333,11 +349,9 @@ TEST_F(LogConcurrency, AFaultInALoggerOnTheLoggingThreadWritesTheFatalRecord)
     const std::string path = testing::TempDir() + "karu_log_thread_fault.txt";
     unlink(path.c_str());
     const ChildEnd end = RunChild([&] {
-        auto log = std::make_shared<CLog>();
-        log->PushLogger(std::make_shared<Faulting>());
-        log->PushLogger(std::make_shared<CFileLogger<CSysFile>>(stringEx(path.c_str())));
-        log->StartLoggingThread(true, 4);
-        CLog::SetInstance(log);
+        if (!InstallThreaded(4, {std::make_shared<Faulting>(),
+                                 std::make_shared<CFileLogger<CSysFile>>(stringEx(path.c_str()))}))
+            return 2;
         CLog::LogInfo("util.test", stringEx("before"));
         CLog::LogInfo("util.test", stringEx("boom"));
         CLog::Flush();  // the thread faults meanwhile: the handler ends the process
@@ -366,13 +380,9 @@ public:
 TEST_F(LogConcurrency, ALoggerThatLogsDoesNotDeadlockAgainstAFullQueueOrAFlush)
 {
     const ChildEnd end = RunChild([] {
-        auto log = std::make_shared<CLog>();
         auto recorder = std::make_shared<Recorder>();
-        log->PushLogger(std::make_shared<Echoing>());
-        log->PushLogger(recorder);
-        if (!log->StartLoggingThread(true, 1))
+        if (!InstallThreaded(1, {std::make_shared<Echoing>(), recorder}))
             return 2;
-        CLog::SetInstance(log);
         constexpr int kThreads = 3, kRecords = 300;
         std::vector<std::thread> producers;
         for (int t = 0; t < kThreads; ++t)
@@ -408,13 +418,10 @@ TEST_F(LogConcurrency, AMainLoggerThatRaisesOnTheThreadIsReportedAndLosesNothing
                 return Recorder::Write(t, l, c, m);
             }
         };
-        auto log = std::make_shared<CLog>();
         auto stack = std::make_shared<Recorder>();
-        log->SetMainLogger(std::make_shared<RaisingOnBoom>());
-        log->PushLogger(stack);
-        if (!log->StartLoggingThread(true, 64))
+        const CLog::Handle log = InstallThreaded(64, {stack}, std::make_shared<RaisingOnBoom>());
+        if (!log)
             return 2;
-        CLog::SetInstance(log);
         CLog::LogInfo("util.test", stringEx("first"));
         CLog::LogInfo("util.test", stringEx("boom"));
         for (int i = 0; i < 40; ++i)
@@ -451,11 +458,9 @@ TEST_F(LogConcurrency, AChildForkedWhileTheThreadRunsLogsDirectly)
     unlink(path.c_str());
     constexpr int kChildren = 20;
     const ChildEnd end = RunScenario([&] {  // its own children go down with it at the deadline
-        auto log = std::make_shared<CLog>();
-        log->PushLogger(std::make_shared<CFileLogger<CSysFile>>(stringEx(path.c_str())));
-        if (!log->StartLoggingThread(true, 2))
+        const CLog::Handle log = InstallThreaded(2, {std::make_shared<CFileLogger<CSysFile>>(stringEx(path.c_str()))});
+        if (!log)
             return 2;
-        CLog::SetInstance(log);
         std::atomic<bool> stop{false};
         std::thread producer([&] {
             for (int i = 0; !stop; ++i)

@@ -64,17 +64,7 @@ volatile int* Nowhere()
     return reinterpret_cast<volatile int*>(g_nowhere);
 }
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kSanitizedAllocator = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kSanitizedAllocator = true;
-#else
-constexpr bool kSanitizedAllocator = false;
-#endif
-#else
-constexpr bool kSanitizedAllocator = false;
-#endif
+constexpr bool kSanitizedAllocator = kUnderAddressSanitizer || kUnderThreadSanitizer;
 
 TEST(ErrorHandler, EachFatalConditionEndsWithOneRecord)
 {

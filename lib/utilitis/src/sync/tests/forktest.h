@@ -36,16 +36,21 @@ struct ChildEnd {
 // A deadline generous enough for a loaded two-core machine under a sanitizer.
 constexpr int kChildDeadlineMs = 30000;
 
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kUnderThreadSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
+// Which sanitizer the test program runs under (GCC says it one way, Clang another).
+#if defined(__has_feature)
+#define KARU_TEST_HAS_FEATURE(name) __has_feature(name)
+#else
+#define KARU_TEST_HAS_FEATURE(name) 0
+#endif
+#if defined(__SANITIZE_THREAD__) || KARU_TEST_HAS_FEATURE(thread_sanitizer)
 constexpr bool kUnderThreadSanitizer = true;
 #else
 constexpr bool kUnderThreadSanitizer = false;
 #endif
+#if defined(__SANITIZE_ADDRESS__) || KARU_TEST_HAS_FEATURE(address_sanitizer)
+constexpr bool kUnderAddressSanitizer = true;
 #else
-constexpr bool kUnderThreadSanitizer = false;
+constexpr bool kUnderAddressSanitizer = false;
 #endif
 
 // Runs `body` in a child; its result is the child's exit status. The child

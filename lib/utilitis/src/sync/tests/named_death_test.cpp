@@ -262,32 +262,44 @@ TEST(ProcEventConcurrency, TheCreatorClosingOnALiveWaiterRaisesAndTheWaiterStill
 }
 
 // In-process objects: a thread waits while the object is destroyed. The
-// object lives in storage that outlasts it, as the waiter still uses it.
+// object lives in storage that outlasts it, as the waiter still uses it;
+// the waiter's timed wait then runs out on the object that was left as it was.
+template <class T, class Exp>
+int DestroyUnderAWaiter(const std::function<T*(void*)>& make, const std::function<bool(T&)>& wait,
+                        const std::string& expect)
+{
+    alignas(T) unsigned char room[sizeof(T)];
+    T* object = make(room);
+    std::atomic<bool> entering{false};
+    std::atomic<int> woken{-1};
+    std::thread waiter([&] {
+        entering = true;
+        woken = wait(*object) ? 1 : 0;
+    });
+    AwaitCondition([&] { return entering.load(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // into its wait
+    std::string message;
+    try {
+        object->~T();
+    } catch (const Exp& e) {
+        message = e.message.c_str();
+    }
+    waiter.join();
+    if (message != expect) {
+        fprintf(stderr, "raised: %s\n", message.c_str());
+        return 1;
+    }
+    return woken == 0 ? 0 : 2;
+}
+
 TEST(EventConcurrency, DestroyingAnEventWithAWaiterRaisesInsteadOfHanging)
 {
     ExpectClean(RunChild(
         [] {
-            alignas(CEvent) unsigned char room[sizeof(CEvent)];
-            CEvent* event = new (room) CEvent(false);
-            std::atomic<bool> entering{false};
-            std::atomic<int> woken{-1};
-            std::thread waiter([&] {
-                entering = true;
-                woken = event->TimedWait(1000) ? 1 : 0;
-            });
-            AwaitCondition([&] { return entering.load(); });
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));  // into its wait
-            std::string message;
-            try {
-                event->~CEvent();
-            } catch (const eventExp& e) {
-                message = e.message.c_str();
-            }
-            waiter.join();  // its wait runs out on the event that was left as it was
-            if (message != "CEvent::~CEvent - failed close event\n  error code = 16\n"
-                           "  error desc = attempt to destroy a waiting event\n")
-                return 1;
-            return woken == 0 ? 0 : 2;
+            return DestroyUnderAWaiter<CEvent, eventExp>(
+                [](void* room) { return new (room) CEvent(false); }, [](CEvent& e) { return e.TimedWait(1000); },
+                "CEvent::~CEvent - failed close event\n  error code = 16\n"
+                "  error desc = attempt to destroy a waiting event\n");
         },
         kScenarioDeadlineMs));
 }
@@ -296,27 +308,10 @@ TEST(SemConcurrency, DestroyingASemaphoreWithAWaiterRaises)
 {
     ExpectClean(RunChild(
         [] {
-            alignas(CSem) unsigned char room[sizeof(CSem)];
-            CSem* sem = new (room) CSem(0, 1);
-            std::atomic<bool> entering{false};
-            std::atomic<int> taken{-1};
-            std::thread waiter([&] {
-                entering = true;
-                taken = sem->TimedP(1000) ? 1 : 0;
-            });
-            AwaitCondition([&] { return entering.load(); });
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));  // into its wait
-            std::string message;
-            try {
-                sem->~CSem();
-            } catch (const semExp& e) {
-                message = e.message.c_str();
-            }
-            waiter.join();
-            if (message != "CSem::~CSem - failed destroy semaphore\n  error code = 16\n"
-                           "  error desc = there are currently processes blocked on the semaphore\n")
-                return 1;
-            return taken == 0 ? 0 : 2;
+            return DestroyUnderAWaiter<CSem, semExp>(
+                [](void* room) { return new (room) CSem(0, 1); }, [](CSem& s) { return s.TimedP(1000); },
+                "CSem::~CSem - failed destroy semaphore\n  error code = 16\n"
+                "  error desc = there are currently processes blocked on the semaphore\n");
         },
         kScenarioDeadlineMs));
 }

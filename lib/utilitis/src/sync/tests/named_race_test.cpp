@@ -72,13 +72,19 @@ std::vector<ChildEnd> RunRound(Board* board, const std::string& name, const std:
     return ends;
 }
 
-std::string Describe(const std::vector<ChildEnd>& ends)
+// Every racer ended of itself with status 0, and exactly one created the name.
+testing::AssertionResult CleanRound(const std::vector<ChildEnd>& ends, const Board* board)
 {
+    bool clean = board->creators.load() == 1;
     std::string text;
-    for (const ChildEnd& end : ends)
+    for (const ChildEnd& end : ends) {
+        clean = clean && end.exited && end.status == 0;
         text += end.timedOut ? " hung" : end.exited ? " status " + std::to_string(end.status)
                                                     : " signal " + std::to_string(end.signal);
-    return text;
+    }
+    if (clean)
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure() << text << ", creators " << board->creators.load();
 }
 
 // A racer's last step: the creator waits for every other racer to close first.
@@ -118,11 +124,7 @@ TEST(ProcMutexConcurrency, ProcessesRacingOnAFreshNameShareOneLock)
                 ++board->closed;
             return 0;
         });
-        bool clean = true;
-        for (const ChildEnd& end : ends)
-            clean = clean && end.exited && end.status == 0;
-        ASSERT_TRUE(clean) << "round " << round << ":" << Describe(ends);
-        ASSERT_EQ(board->creators.load(), 1) << "round " << round;
+        ASSERT_TRUE(CleanRound(ends, board)) << "round " << round;
         ASSERT_EQ(board->counter, kProcesses * kLocks) << "round " << round << ": two holders at once";
     }
     FreeShared(board);
@@ -161,11 +163,7 @@ TEST(ProcEventConcurrency, ProcessesRacingOnAFreshNameShareOneFlag)
                 ++board->closed;
             return 0;
         });
-        bool clean = true;
-        for (const ChildEnd& end : ends)
-            clean = clean && end.exited && end.status == 0;
-        ASSERT_TRUE(clean) << "round " << round << ":" << Describe(ends);
-        ASSERT_EQ(board->creators.load(), 1) << "round " << round;
+        ASSERT_TRUE(CleanRound(ends, board)) << "round " << round;
         ASSERT_EQ(board->passed.load(), kProcesses) << "round " << round;
     }
     FreeShared(board);
