@@ -435,6 +435,18 @@ bool CDir::__Next(CDirHandle& handle, stringEx& name, bool includeHidden, bool i
 uint32_t CDir::GetAllFiles(StringVector& result, const stringEx& pattern, bool recursive, bool includeHidden,
                            uint32_t reserved, const SearchProblemHandler& onProblem) const
 {
+    return __Search(result, pattern, recursive, includeHidden, false, true, reserved, onProblem);
+}
+
+uint32_t CDir::GetAllSubDirs(StringVector& result, const stringEx& pattern, bool recursive, bool includeHidden,
+                             bool includeDots, uint32_t reserved, const SearchProblemHandler& onProblem) const
+{
+    return __Search(result, pattern, recursive, includeHidden, includeDots, false, reserved, onProblem);
+}
+
+uint32_t CDir::__Search(StringVector& result, const stringEx& pattern, bool recursive, bool includeHidden,
+                        bool includeDots, bool files, uint32_t reserved, const SearchProblemHandler& onProblem) const
+{
     const stringEx base = SearchBase(_path);
     try {
         const stringEx wildcard = pattern.empty() ? stringEx("*") : pattern;
@@ -442,40 +454,18 @@ uint32_t CDir::GetAllFiles(StringVector& result, const stringEx& pattern, bool r
             // "./" and "../" are directory parts like any other.
             const stringEx dirPart = GetPathDir(wildcard);
             const CDir there(dirPart[0] == '/' ? dirPart : base + dirPart);
-            return there.GetAllFiles(result, GetPathFilename(wildcard), recursive, includeHidden, reserved,
-                                     onProblem);
+            return there.__Search(result, GetPathFilename(wildcard), recursive, includeHidden, includeDots, files,
+                                  reserved, onProblem);
         }
         const auto test = [&wildcard](const stringEx& name) { return WildcardMatch(name, wildcard); };
-        CTreeWalk<decltype(test)>(result, test, true, includeHidden, false, onProblem).Run(base, recursive, true);
+        CTreeWalk<decltype(test)>(result, test, files, includeHidden, includeDots, onProblem)
+            .Run(base, recursive, files);
     } catch (const karuExp& e) {
-        Throw<dirExp>(ExpMessage("CDir::GetAllFiles - failed find files\n")
+        Throw<dirExp>(ExpMessage(files ? "CDir::GetAllFiles - failed find files\n"
+                                       : "CDir::GetAllSubDirs - failed find subdirs\n")
                           .Text(stringEx("  base dir = ") + base + "\n")
                           .Cause(e),
-                      19);
-    }
-    return static_cast<uint32_t>(result.size());
-}
-
-uint32_t CDir::GetAllSubDirs(StringVector& result, const stringEx& pattern, bool recursive, bool includeHidden,
-                             bool includeDots, uint32_t reserved, const SearchProblemHandler& onProblem) const
-{
-    const stringEx base = SearchBase(_path);
-    try {
-        const stringEx wildcard = pattern.empty() ? stringEx("*") : pattern;
-        if (wildcard.Find('/') != stringEx::npos) {
-            const stringEx dirPart = GetPathDir(wildcard);
-            const CDir there(dirPart[0] == '/' ? dirPart : base + dirPart);
-            return there.GetAllSubDirs(result, GetPathFilename(wildcard), recursive, includeHidden, includeDots,
-                                       reserved, onProblem);
-        }
-        const auto test = [&wildcard](const stringEx& name) { return WildcardMatch(name, wildcard); };
-        CTreeWalk<decltype(test)>(result, test, false, includeHidden, includeDots, onProblem)
-            .Run(base, recursive, false);
-    } catch (const karuExp& e) {
-        Throw<dirExp>(ExpMessage("CDir::GetAllSubDirs - failed find subdirs\n")
-                          .Text(stringEx("  base dir = ") + base + "\n")
-                          .Cause(e),
-                      20);
+                      files ? 19 : 20);
     }
     return static_cast<uint32_t>(result.size());
 }

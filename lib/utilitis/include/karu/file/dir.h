@@ -237,6 +237,9 @@ protected:
 private:
     stringEx __Resolve(const stringEx& name) const;
     bool __Next(CDirHandle& handle, stringEx& name, bool includeHidden, bool includeDots, bool files) const;
+    // The wildcard searches: files, or with `files` clear directories.
+    uint32_t __Search(StringVector& result, const stringEx& pattern, bool recursive, bool includeHidden,
+                      bool includeDots, bool files, uint32_t reserved, const SearchProblemHandler& onProblem) const;
 
     stringEx _path;
 };

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "scratch_dir.h"
+
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,24 +20,7 @@ using namespace Karu;
 
 namespace {
 
-// A scratch directory, removed with its contents at the end.
-class Scratch {
-public:
-    Scratch()
-    {
-        char pattern[] = "/tmp/karu-file-XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~Scratch() { std::system(("rm -rf '" + path + "'").c_str()); }
-    std::string operator/(const std::string& name) const { return path + "/" + name; }
-    void Put(const std::string& name, const std::string& content) const { std::ofstream(*this / name) << content; }
-    std::string Get(const std::string& name) const
-    {
-        std::ifstream in(*this / name);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    std::string path;
-};
+using Scratch = karu_test::ScratchDir;
 
 std::string Message(void (*op)(const Scratch&), const Scratch& dir)
 {
@@ -149,7 +134,7 @@ TEST(Search, WideFormsListWhatTheNarrowFormsList)
 {
     const Scratch dir;
     for (const char* f : {"a.txt", ".h.txt", "sub/c.txt", "sub/.d/e.txt"})
-        CDir::MakeDir(CDir::GetPathDir((dir / f).c_str()), true), dir.Put(f, "content");
+        dir.Put(f, "content");
     const CDir narrowDir(dir.path.c_str());
     const CDir wideDir(SysMBtoWC(dir.path.c_str()));
     for (int flags = 0; flags < 8; ++flags) {
@@ -179,7 +164,7 @@ TEST(Search, FindsFilesByPatternDepthAndVisibility)
 {
     const Scratch dir;
     for (const char* f : {"a.txt", "B.TXT", ".hidden.txt", "sub/c.txt", "sub/deep/d.txt", ".git/e.txt", "x"})
-        CDir::MakeDir(CDir::GetPathDir((dir / f).c_str()), true), dir.Put(f, "content");
+        dir.Put(f, "content");
     CDir::MakeDir((dir / "dir.txt").c_str());  // a directory is never listed as a file
     ASSERT_EQ(symlink((dir / "a.txt").c_str(), (dir / "link.txt").c_str()), 0);
 

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "scratch_dir.h"
+
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,20 +27,10 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-class Tree {
+// A scratch tree: files with some content, directories and links.
+class Tree : public karu_test::ScratchDir {
 public:
-    Tree()
-    {
-        char pattern[] = "/tmp/karu-search-XXXXXX";
-        root = mkdtemp(pattern);
-    }
-    ~Tree() { std::system(("rm -rf '" + root + "'").c_str()); }
-    std::string operator/(const std::string& name) const { return root + "/" + name; }
-    void Put(const std::string& name) const
-    {
-        CDir::MakeDir(CDir::GetPathDir(stringEx((*this / name).c_str())), true);
-        std::ofstream(*this / name) << "content";
-    }
+    void Put(const std::string& name) const { ScratchDir::Put(name, "content"); }
     void Dir(const std::string& name) const { CDir::MakeDir(stringEx((*this / name).c_str()), true); }
     void Link(const std::string& target, const std::string& name) const
     {
@@ -49,12 +41,11 @@ public:
     {
         Names names;
         for (const stringEx& f : found)
-            names.push_back(std::string(f.c_str()).substr(root.size() + 1));
+            names.push_back(std::string(f.c_str()).substr(path.size() + 1));
         if (sorted)
             std::sort(names.begin(), names.end());
         return names;
     }
-    std::string root;
 };
 
 // Exposes the directory twin of the regular-expression search.
@@ -68,7 +59,7 @@ TEST(SearchPatterns, DirectoryPartsWithDotsAndWildcardCharactersInNames)
     const Tree t;
     for (const char* f : {"a.txt", "*note.txt", "x?y.txt", "b.dat", "sub/c.txt", "sub/deep/d.txt"})
         t.Put(f);
-    const std::string base = t.root.substr(t.root.rfind('/') + 1);  // "karu-search-..."
+    const std::string base = t.path.substr(t.path.rfind('/') + 1);  // "karu-search-..."
     struct Row {
         std::string pattern;
         Names expect;
@@ -91,7 +82,7 @@ TEST(SearchPatterns, DirectoryPartsWithDotsAndWildcardCharactersInNames)
     };
     for (const Row& r : rows) {
         StringVector found;
-        CDir(stringEx(t.root.c_str())).GetAllFiles(found, stringEx(r.pattern.c_str()));
+        CDir(stringEx(t.path.c_str())).GetAllFiles(found, stringEx(r.pattern.c_str()));
         EXPECT_EQ(t.Relative(found), r.expect) << r.pattern;
     }
 }
@@ -105,20 +96,20 @@ TEST(SearchProblems, BrokenEntriesAreToldAndSkippedOrEndTheSearch)
     t.Link("loop2", "sub/deep/loop1");
     t.Link("loop1", "sub/deep/loop2");
     t.Link("..", "sub/up");                  // back up the tree, relative
-    t.Link(t.root, "sub/deep/top");          // back to the start, absolute
+    t.Link(t.path, "sub/deep/top");          // back to the start, absolute
     t.Link(t / "sub", "sideways");           // to a directory searched anyway
 
     // With a handler every broken entry is told once and the rest is found,
     // each file once although links lead to it several ways.
     Names told;
     const SearchProblemHandler tell = [&](const stringEx& path, const karuExp& problem) {
-        told.push_back(std::string(path.c_str()).substr(t.root.size() + 1));
+        told.push_back(std::string(path.c_str()).substr(t.path.size() + 1));
         EXPECT_NE(std::string(problem.message.c_str()).find("PosixStat - failed retrive the status"),
                   std::string::npos);
         return true;
     };
     StringVector found;
-    CDir(stringEx(t.root.c_str())).GetAllFiles(found, "*.txt", true, true, 0, tell);
+    CDir(stringEx(t.path.c_str())).GetAllFiles(found, "*.txt", true, true, 0, tell);
     const Names all = t.Relative(found);
     EXPECT_EQ(all.size(), 3u) << ::testing::PrintToString(all);
     for (const char* name : {"a.txt", "b.txt", "c.txt"})
@@ -136,7 +127,7 @@ TEST(SearchProblems, BrokenEntriesAreToldAndSkippedOrEndTheSearch)
     // links to directories as the directories they are.
     StringVector dirs;
     told.clear();
-    CDir(stringEx(t.root.c_str())).GetAllSubDirs(dirs, "*", true, true, false, 0, tell);
+    CDir(stringEx(t.path.c_str())).GetAllSubDirs(dirs, "*", true, true, false, 0, tell);
     EXPECT_EQ(dirs.size(), 5u) << ::testing::PrintToString(t.Relative(dirs));
 
     // A handler that says stop ends the search with the problem, wrapped,
@@ -201,8 +192,8 @@ TEST(SearchDepth, DeeperThanTheDescriptorsAProcessMayHold)
         int failures = 0;
         const SearchProblemHandler count = [&](const stringEx&, const karuExp&) { return ++failures, true; };
         StringVector files, regexFiles;
-        CDir(stringEx(t.root.c_str())).GetAllFiles(files, "*.txt", true, true, 0, count);
-        CDir(stringEx(t.root.c_str())).GetAllFilesRegEx(regexFiles, "^[fg]\\.txt$", true, true, count);
+        CDir(stringEx(t.path.c_str())).GetAllFiles(files, "*.txt", true, true, 0, count);
+        CDir(stringEx(t.path.c_str())).GetAllFilesRegEx(regexFiles, "^[fg]\\.txt$", true, true, count);
         if (files.size() != 120 || regexFiles.size() != 120 || failures != 0)
             std::fprintf(stderr, "found %zu and %zu, %d problems\n", files.size(), regexFiles.size(), failures);
         return files.size() == 120 && regexFiles.size() == 120 && failures == 0;
@@ -218,8 +209,8 @@ TEST(SearchOrder, ChildrenFirstForWildcardsDirectlyForExpressions)
     for (const char* f : {"r.txt", "a/a.txt", "a/x/ax.txt", "b/b.txt", "b/y/by.txt"})
         t.Put(f);
     StringVector wild, regex;
-    CDir(stringEx(t.root.c_str())).GetAllFiles(wild, "*.txt", true, true);
-    CDir(stringEx(t.root.c_str())).GetAllFilesRegEx(regex, "txt$", true, true);
+    CDir(stringEx(t.path.c_str())).GetAllFiles(wild, "*.txt", true, true);
+    CDir(stringEx(t.path.c_str())).GetAllFilesRegEx(regex, "txt$", true, true);
     const Names w = t.Relative(wild, false), r = t.Relative(regex, false);
     ASSERT_EQ(w.size(), 5u);
     ASSERT_EQ(r.size(), 5u);
@@ -241,7 +232,7 @@ TEST(SearchRegex, ExpressionsOnTheLastComponent)
     const Tree t;
     for (const char* f : {"a.txt", "b.TXT", ".h.txt", "sub/c.txt", "sub/inner/d.log"})
         t.Put(f);
-    const SearchDir dir(stringEx(t.root.c_str()));
+    const SearchDir dir(stringEx(t.path.c_str()));
     struct Row {
         const char* expression;
         bool recursive, hidden;

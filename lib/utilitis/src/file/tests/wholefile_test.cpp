@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "scratch_dir.h"
+
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -22,26 +24,7 @@ using namespace Karu;
 
 namespace {
 
-class Scratch {
-public:
-    Scratch()
-    {
-        char pattern[] = "/tmp/karu-write-XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~Scratch() { std::system(("rm -rf '" + path + "'").c_str()); }
-    std::string operator/(const std::string& name) const { return path + "/" + name; }
-    void Put(const std::string& name, const std::string& content) const
-    {
-        std::ofstream(*this / name, std::ios::binary | std::ios::trunc) << content;
-    }
-    std::string Get(const std::string& name) const
-    {
-        std::ifstream in(*this / name, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    std::string path;
-};
+using Scratch = karu_test::ScratchDir;
 
 // Whether `now` is a state a killed write may leave (see wholefile.cpp).
 bool Allowed(const std::string& now, const std::string& before, const std::string& after)
