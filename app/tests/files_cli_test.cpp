@@ -179,6 +179,36 @@ TEST(TreeSearch, BrokenEntriesAreReportedAndSkippedOrStopTheRun)
     }
 }
 
+TEST(TreeSearch, BrokenEntriesThatCouldNotBeChosenAreNotReported)
+{
+    // A dangling link that no pattern could choose (an editor's lock file
+    // left out with -errstop, a name the pattern does not match) is no
+    // concern of the run.
+    struct Row {
+        const char* why;
+        Args args;
+        bool reported;
+    } rows[] = {
+        {"a name the pattern does not match", {"t.txt", "-f", "-argfile:p.txt"}, false},
+        {"a hidden name left out by -errstop", {"*.txt", "-f", "-argfile:p.txt", "-errstop"}, false},
+        {"a hidden name that is chosen", {"*.txt", "-f", "-argfile:p.txt"}, true},
+    };
+    for (const Row& row : rows) {
+        Sandbox box;
+        box.Put("p.txt", "a->b\n");
+        box.Put("t.txt", "a");
+        ASSERT_EQ(symlink("nowhere", box.Path("old.lnk").c_str()), 0);
+        ASSERT_EQ(symlink("me@host.1234", box.Path(".#t.txt").c_str()), 0);
+        const RunResult run = box.Run(row.args);
+        EXPECT_EQ(run.status, 0) << row.why << "\n" << run.err;
+        EXPECT_EQ(box.Get("t.txt"), "b") << row.why;
+        EXPECT_EQ(run.err, row.reported ? "[ERROR] failed searching: " + box.Path(".#t.txt") + "\n@ " + run.err.substr(
+                                                                                     run.err.find("@ ") + 2)
+                                         : "")
+            << row.why;
+    }
+}
+
 TEST(FailedWrites, AFileThatCannotBeWrittenWholeIsLeftAsItWas)
 {
     // A file-size limit of 8 KB: "big.txt" would grow past it, "small.txt"

@@ -281,13 +281,22 @@ private:
                 }
                 return true;
             }
-            const char* name = entry->d_name;
+            // Through a pointer: the name's array would be taken as a literal
+            // and held as a view of an entry the next readdir overwrites.
+            const stringEx component(static_cast<const char*>(entry->d_name));
+            const bool dots = IsDotName(entry->d_name);
+            const bool leftOut = component[0] == '.' && !(dots ? _includeDots && !_files : _includeHidden);
             bool isDir = entry->d_type == DT_DIR;
             if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) {
-                // A link is what it leads to; a broken one is a problem even
-                // when its name would not have been listed.
-                if (fstatat(fd, name, &status, 0) != 0) {
-                    const stringEx full = path + stringEx(name);
+                // A link is what it leads to. Without a handler a broken one
+                // ends the search whatever its name; a caller with a handler
+                // is told only of entries that could matter: not of a name
+                // left out, nor, where the search does not go down, of a
+                // name that does not match.
+                if (_onProblem && (leftOut || (!subDirs && !_test(component))))
+                    continue;
+                if (fstatat(fd, entry->d_name, &status, 0) != 0) {
+                    const stringEx full = path + component;
                     const int error = errno;
                     try {
                         IMPL::ThrowStatFailure(full, error);
@@ -298,14 +307,12 @@ private:
                 }
                 isDir = S_ISDIR(status.st_mode);
             }
-            const bool dots = IsDotName(name);
-            if (name[0] == '.' && !(dots ? _includeDots && !_files : _includeHidden))
+            if (leftOut)
                 continue;
             if (isDir && subDirs && !dots)
-                subDirs->push_back(SUB_DIR{stringEx(name), {}});
+                subDirs->push_back(SUB_DIR{component, {}});
             if (isDir == _files)
                 continue;
-            const stringEx component(name);
             if (_test(component))
                 _result.push_back(path + component);
         }
@@ -417,7 +424,7 @@ bool CDir::__Next(CDirHandle& handle, stringEx& name, bool includeHidden, bool i
             return false;
         }
         // Every entry is stat'ed before any filter, hidden ones included.
-        const stringEx full = base + stringEx(entry->d_name);
+        const stringEx full = base + stringEx(static_cast<const char*>(entry->d_name));
         struct stat status;
         if (fstatat(dirfd(handle._dir), entry->d_name, &status, 0) != 0)
             IMPL::ThrowStatFailure(full, errno);

@@ -130,6 +130,18 @@ TEST(SearchProblems, BrokenEntriesAreToldAndSkippedOrEndTheSearch)
     CDir(stringEx(t.path.c_str())).GetAllSubDirs(dirs, "*", true, true, false, 0, tell);
     EXPECT_EQ(dirs.size(), 5u) << ::testing::PrintToString(t.Relative(dirs));
 
+    // Nor is it told of an entry that could not have been listed: a hidden
+    // name left out, or a name that does not match where the search does
+    // not go down.
+    t.Link(t / "gone", "sub/.hidden.txt");
+    told.clear();
+    StringVector one;
+    CDir(stringEx((t / "sub").c_str())).GetAllFiles(one, "b.txt", false, true, 0, tell);
+    CDir(stringEx((t / "sub").c_str())).GetAllFiles(one, "*.txt", true, false, 0, tell);
+    std::sort(told.begin(), told.end());
+    EXPECT_EQ(told, (Names{"sub/dangling.txt", "sub/deep/loop1", "sub/deep/loop2"}))
+        << "the first search could list none of them, the second all but the hidden one";
+
     // A handler that says stop ends the search with the problem, wrapped,
     // and what was found before it stays.
     const SearchProblemHandler stop = [](const stringEx&, const karuExp&) { return false; };
