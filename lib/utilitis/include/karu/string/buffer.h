@@ -59,6 +59,18 @@ namespace IMPL {
 template <class T>
 inline constexpr T kEmptyUnits[1] = {T(0)};
 
+// kEmptyUnits as a pointer whose object the optimiser does not know. Code
+// that copies size() units from data() only reaches the copy with storage of
+// its own, but the compiler cannot tie the size to the pointer and would
+// warn of reading past a one-unit array. The empty statement emits nothing.
+template <class T>
+inline T* EmptyUnits() noexcept
+{
+    T* units = const_cast<T*>(kEmptyUnits<T>);
+    asm("" : "+r"(units));
+    return units;
+}
+
 // Asks the system to back a large block with large pages. Taking fresh memory
 // page by page costs more than most passes over it (several milliseconds per
 // megabyte on some virtual machines); with large pages the first touch of
@@ -227,7 +239,7 @@ public:
     size_type capacity() const noexcept { return _capacity; }
     bool empty() const noexcept { return _size == 0; }
 
-    const T* data() const noexcept { return _data ? _data : IMPL::kEmptyUnits<T>; }
+    const T* data() const noexcept { return _data ? _data : IMPL::EmptyUnits<T>(); }
     const T* c_str() const noexcept { return data(); }
     const T* begin() const noexcept { return data(); }
     const T* end() const noexcept { return data() + _size; }
@@ -238,7 +250,7 @@ public:
     {
         __Own();
         __ReserveExact(_size + kTerm);
-        return _data ? _data : const_cast<T*>(IMPL::kEmptyUnits<T>);
+        return _data ? _data : IMPL::EmptyUnits<T>();
     }
 
     // Room for n units, contents kept, then writable units.

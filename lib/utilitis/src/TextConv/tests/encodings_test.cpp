@@ -101,7 +101,7 @@ wstringEx Repertoire()
 
 std::string Quote(const stringEx& name)
 {
-    return "'" + S(name) + "'";
+    return std::string("'").append(S(name)).append("'");
 }
 
 // One row: the back end the factory picks must be the first of the

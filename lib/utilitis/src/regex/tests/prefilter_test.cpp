@@ -36,7 +36,8 @@ std::string runBoth(int flags, const std::basic_string<Ch>& pattern, const std::
         const int r = rxexec(&o, subject.data(), subject.size(), &details, m.size(), m.data(), runFlags);
         out[pass] = std::to_string(r);
         if (r == RX_OK)
-            for (const RxMatch& g : m) out[pass] += " " + std::to_string(g.start) + "," + std::to_string(g.end);
+            for (const RxMatch& g : m)
+                out[pass].append(" ").append(std::to_string(g.start)).append(",").append(std::to_string(g.end));
         rxfree(&o);
     }
     *withDetails = out[1];
@@ -203,8 +204,10 @@ std::string walk(const RxObject& o, const std::basic_string<Ch>& subject)
         }
         out += "|";
         for (const RxMatch& g : m)
-            out += " " + std::to_string(g.start < 0 ? -1 : g.start + static_cast<long>(pos)) + "," +
-                   std::to_string(g.end < 0 ? -1 : g.end + static_cast<long>(pos));
+            out.append(" ")
+                .append(std::to_string(g.start < 0 ? -1 : g.start + static_cast<long>(pos)))
+                .append(",")
+                .append(std::to_string(g.end < 0 ? -1 : g.end + static_cast<long>(pos)));
         pos += static_cast<size_t>(m[0].end > 0 ? m[0].end : 1);
     }
     return out;

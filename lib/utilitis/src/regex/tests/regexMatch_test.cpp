@@ -119,7 +119,7 @@ std::string Spans(bool found, const RegexMatches& m)
         return "";
     std::string s;
     for (const RegexSpan& g : m)
-        s += (s.empty() ? "" : " ") + std::to_string(g.offset) + ":" + std::to_string(g.length);
+        s.append(s.empty() ? "" : " ").append(std::to_string(g.offset)).append(":").append(std::to_string(g.length));
     return s;
 }
 

@@ -69,7 +69,8 @@ std::string runOn(const RxObject& object, const std::basic_string<Ch>& subject, 
     const int r = rxexec(&object, subject.data(), subject.size(), nullptr, m.size(), m.data(), runFlags);
     std::string out = std::to_string(r);
     if (r == RX_OK)
-        for (const RxMatch& g : m) out += " " + std::to_string(g.start) + "," + std::to_string(g.end);
+        for (const RxMatch& g : m)
+            out.append(" ").append(std::to_string(g.start)).append(",").append(std::to_string(g.end));
     return out;
 }
 

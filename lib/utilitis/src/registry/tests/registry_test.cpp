@@ -150,7 +150,7 @@ TEST(Registry, EnumerationFollowsEveryChange)
     CFakeRegistry key;
     std::set<std::string> subkeys, values;
     std::mt19937 random(7);
-    auto name = [&random] { return "n" + std::to_string(random() % 60); };
+    auto name = [&random] { return std::string("n").append(std::to_string(random() % 60)); };
     auto nth = [](const std::set<std::string>& model, uint64_t i) { return *std::next(model.begin(), long(i)); };
     for (int step = 0; step < 3000; ++step) {
         const std::string n = name();

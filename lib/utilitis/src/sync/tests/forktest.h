@@ -131,7 +131,7 @@ inline std::string UniqueName(const char* stem)
 // which a process killed half-way cannot remove itself.
 inline void RemoveNamesOf(pid_t pid)
 {
-    const std::string mark = "-" + std::to_string(pid) + "-";
+    const std::string mark = std::string("-").append(std::to_string(pid)).append("-");
     if (DIR* dir = opendir("/dev/shm")) {
         while (dirent* entry = readdir(dir)) {
             const std::string name = entry->d_name;
