@@ -32,27 +32,6 @@ constexpr size_t kFilterPositions = 3;
 constexpr double kFilterHitCost = 0.25;
 constexpr double kRareEnough = 1e-4;
 
-// How common a character is in text, roughly: what decides which needles are
-// rare. Letters by their frequency in English prose, capitals and digits far
-// less, blanks and common punctuation often, bytes of characters beyond ASCII
-// (UTF-8) now and then, control characters hardly ever.
-double characterWeight(uint32_t c)
-{
-    static const double kLetters[26] = {0.061, 0.011, 0.021, 0.032, 0.095, 0.017, 0.015, 0.046, 0.053,
-                                        0.001, 0.006, 0.030, 0.018, 0.051, 0.057, 0.014, 0.001, 0.045,
-                                        0.048, 0.068, 0.021, 0.008, 0.017, 0.002, 0.015, 0.001};
-    if (c >= 'a' && c <= 'z') return kLetters[c - 'a'];
-    if (c >= 'A' && c <= 'Z') return kLetters[c - 'A'] / 10;
-    if (c >= '0' && c <= '9') return 0.004;
-    if (c == ' ') return 0.15;
-    if (c == '\n' || c == '.' || c == ',') return 0.015;
-    if (c == '_') return 0.012;  // joins the words of identifiers in code
-    if (c == '\t' || c == '\r' || c == '(' || c == ')' || c == '-' || c == '"' || c == '\'') return 0.004;
-    if (c < 0x20 || c == 0x7F) return 0.00001;
-    if (c < 0x80) return 0.002;
-    return c < 0x100 ? 0.003 : 0.0003;
-}
-
 bool realColour(const ColourMap& map, colour c)
 {
     return c >= 0 && c <= map.max() && map.live(c) && !map.pseudo(c);
@@ -267,7 +246,7 @@ void analysePrefilter(Internals& in)
     for (uint32_t idx = 0; idx < map.alphabet(); ++idx) {
         const colour c = map.colourOf(idx);
         if (c < 0 || static_cast<size_t>(c) >= colours) continue;
-        weight[static_cast<size_t>(c)] += characterWeight(idx);
+        weight[static_cast<size_t>(c)] += CharacterFrequency(idx);
         if (members[static_cast<size_t>(c)].size() <= 4) members[static_cast<size_t>(c)].push_back(idx);
     }
 

@@ -10,9 +10,11 @@
 // the high nibble that some needle of the bucket allows there. Nibble tables
 // make that two table lookups a byte, which vector shuffles do 32 at once.
 // The filter lets through more than matches (nibbles of different needles
-// combine), so every candidate is checked whole. A single needle with two
-// positions that are each a byte, or a byte either way in one bit (a letter
-// in either case), is filtered more cheaply by the first and the last such.
+// combine), so every candidate is checked whole. Needles that differ in one
+// position only are taken as one. A single needle with two positions that
+// are each a byte, or a byte either way in one bit (a letter in either
+// case), is filtered more cheaply by the two such whose bytes are rarest in
+// text (CharacterFrequency).
 // Without the vector unit the nibble tables are read a position at a time;
 // all ways give the same answer.
 //
@@ -96,6 +98,13 @@ private:
     // What Find runs, chosen once for the needles and the machine.
     const char* (ByteNeedles::*_search)(const char*, const char*) const noexcept = &ByteNeedles::FindPortable;
 };
+
+// How common a character is in text, roughly: letters by their frequency in
+// English prose, capitals and digits far less, blanks and common punctuation
+// often, bytes of characters beyond ASCII (UTF-8) now and then, control
+// characters hardly ever. What decides which needles, or which of a
+// needle's positions, a search goes by.
+double CharacterFrequency(uint32_t c) noexcept;
 
 // The first unit in [from, to) equal to one of units[0 .. count) (count from
 // 1 to 4) or above 0xFFFF as an unsigned value; null if none.

@@ -67,6 +67,16 @@ TEST(NeedleSearch, Rows)
         {"a byte of the filter at a block's end", {Word("ab")}, std::string(31, '.') + "ab", 31},
         {"just past a block", {Word("ab")}, std::string(32, '.') + "ab", 32},
         {"no needles", {}, "anything", -1},
+        // Needles alike but in one position are searched as one.
+        {"alike but in the last position", {Word("struct a"), Word("struct b"), Word("struct c")}, pad + "struct b", 40},
+        {"alike but in the first position", {Word("xab"), Word("yab")}, pad + "zab yab", 44},
+        {"alike in none: no mixing of two places", {Word("ab"), Word("cd")}, pad + "ad cb cd", 46},
+        {"a needle twice", {Word("ab"), Word("ab")}, pad + "ab", 40},
+        {"one alike with two others in different places", {Word("abc"), Word("xbc"), Word("ayc")}, pad + "xyc ayc", 44},
+        // The pair a single needle goes by is its rarest positions; the
+        // rest must still be checked.
+        {"rare positions hold, the others do not", {Word("struct s")}, pad + "xtrucx s struct s", 49},
+        {"rare positions at the text's end", {Word("kxk")}, std::string(62, '.') + "kxk", 62},
     };
     for (const Row& row : rows) {
         const ByteNeedles needles(row.needles);
