@@ -15,6 +15,8 @@
 // them, so each input is still intact when it is read.
 #include <karu/string/replace.h>
 
+#include <karu/string/needleSearch.h>
+
 #include <cstring>
 #include <vector>
 
@@ -35,6 +37,40 @@ public:
 
 private:
     const basic_string_ex<T>& _find;
+};
+
+// In bytes, a find of two or more is looked for by its first and last byte
+// many positions at a time: a first byte alone is common in text (a "b" in
+// about every 60 bytes of English), and stopping at each one cost more than
+// the rest of a literal replace.
+template <>
+class CaseSensitive<char> {
+public:
+    explicit CaseSensitive(const basic_string_ex<char>& find) : _find(find)
+    {
+        if (find.size() < 2)
+            return;
+        std::vector<ByteNeedle> needles(1);
+        for (const char c : find) {
+            ByteSet exactly;
+            exactly.set(static_cast<unsigned char>(c));
+            needles[0].push_back(exactly);
+        }
+        _needles = ByteNeedles(needles);
+    }
+    uint64_t Next(const basic_string_ex<char>& text, uint64_t from) const noexcept
+    {
+        if (_needles.empty())
+            return Find<char>(text, _find, from);
+        if (from >= text.size())
+            return basic_string_ex<char>::npos;
+        const char* hit = _needles.Find(text.data() + from, text.data() + text.size());
+        return hit ? static_cast<uint64_t>(hit - text.data()) : basic_string_ex<char>::npos;
+    }
+
+private:
+    const basic_string_ex<char>& _find;
+    ByteNeedles _needles;
 };
 
 template <class T>

@@ -170,4 +170,34 @@ TEST(LiteralReplace, RandomTextsGiveTheSameResultInBothForms)
     }
 }
 
+// Bytes against a plain model (leftmost match, the scan going on behind
+// it): texts long enough for the search to look at many positions at once,
+// over few letters, so that a find's first bytes often come without its last.
+TEST(LiteralReplace, BytesAgreeWithAPlainModel)
+{
+    std::mt19937 random(11);
+    const char alphabet[] = "ab\xE9\n";
+    auto pick = [&](size_t minLength, size_t maxLength) {
+        std::string s(minLength + random() % (maxLength - minLength + 1), ' ');
+        for (char& c : s)
+            c = alphabet[random() % 4];
+        return s;
+    };
+    for (int round = 0; round < 3000; ++round) {
+        const std::string text = pick(0, 300), find = pick(1, 5), replace = pick(0, 4);
+        std::string model = text;
+        uint32_t count = 0;
+        for (size_t at = model.find(find); at != std::string::npos; at = model.find(find, at + replace.size())) {
+            model.replace(at, find.size(), replace);
+            ++count;
+        }
+        const stringEx source(text.data(), text.size()), f(find.data(), find.size()), r(replace.data(), replace.size());
+        stringEx dest, inPlace = source;
+        ASSERT_EQ(ReplaceCopy(source, dest, f, r), count) << "round " << round;
+        ASSERT_EQ(std::string(dest.data(), dest.size()), model) << "round " << round;
+        ASSERT_EQ(ReplaceInPlace(inPlace, f, r), count) << "round " << round;
+        ASSERT_EQ(std::string(inPlace.data(), inPlace.size()), model) << "round " << round;
+    }
+}
+
 }  // namespace
