@@ -2,6 +2,9 @@
 // value of a key in turn, and saving and opening a tree, each at n and 4n.
 // All of these must grow linearly; the program reports the fitted growth,
 // and the time per key of the two sizes must stay about the same.
+// Enumeration runs at 16n too: from 20,000 to 80,000 names the map
+// outgrows the processor's caches, so that step alone costs more than 4
+// times, and only the step beyond shows the growth of the walk itself.
 #include <benchmark/benchmark.h>
 
 #include <unistd.h>
@@ -39,7 +42,7 @@ void BM_EnumerateInTurn(benchmark::State& state)
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK(BM_EnumerateInTurn)->Arg(20000)->Arg(80000)->Unit(benchmark::kMillisecond)->Complexity(benchmark::oN);
+BENCHMARK(BM_EnumerateInTurn)->Arg(20000)->Arg(80000)->Arg(320000)->Unit(benchmark::kMillisecond)->Complexity(benchmark::oN);
 
 void BM_SaveAndOpen(benchmark::State& state)
 {

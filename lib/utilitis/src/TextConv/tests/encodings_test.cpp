@@ -17,6 +17,8 @@
 #include <thread>
 #include <vector>
 
+#include "file/tests/deadline.h"
+
 using namespace Karu;
 
 namespace {
@@ -160,6 +162,7 @@ std::string CheckRow(const stringEx& name, const EncInfo& info, const wstringEx&
 
 TEST(EncodingRows, EveryRowMatchesTheSystemTools)
 {
+    const KaruTest::Deadline deadline(std::chrono::seconds(180), "every row against the system's converters");
     const wstringEx repertoire = Repertoire();
     std::vector<std::pair<stringEx, EncInfo>> rows;
     EnumCookie cookie;

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <iconv.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "TextConv/textconv_impl.h"
+#include "file/tests/deadline.h"
 
 using namespace Karu;
 
@@ -535,8 +537,49 @@ TEST(TextConvReuse, AReusedConverterGivesWhatAFreshOneGives)
     }
 }
 
+// The same against the C library's decoder opened afresh for each text: a
+// converter that kept the byte order of the marks it reads while it is
+// being made would agree with a fresh one of its own and still be wrong.
+// The units of these texts are characters in either byte order, so the
+// order read is the only difference.
+TEST(TextConvReuse, AfterAMarkATextWithoutOneReadsAsAFreshSystemDecoder)
+{
+    auto system = [](const char* encoding, const std::string& bytes) {
+        const iconv_t cd = iconv_open("WCHAR_T", encoding);
+        if (cd == reinterpret_cast<iconv_t>(-1))
+            return std::wstring(L"(no decoder)");
+        wchar_t room[16];
+        char* in = const_cast<char*>(bytes.data());
+        size_t inLeft = bytes.size();
+        char* out = reinterpret_cast<char*>(room);
+        size_t outLeft = sizeof room;
+        const size_t result = iconv(cd, &in, &inLeft, &out, &outLeft);
+        iconv_close(cd);
+        return result == static_cast<size_t>(-1) ? std::wstring(L"(refused)")
+                                                 : std::wstring(room, (sizeof room - outLeft) / sizeof(wchar_t));
+    };
+    const std::string plain16("\x41\x00\x00\x42", 4), plain32("\x00\x01\x00\x00\x00\x00\x01\x00", 8);
+    const std::string marks16[] = {std::string("\xFE\xFF", 2), std::string("\xFF\xFE", 2)};
+    const std::string marks32[] = {std::string("\0\0\xFE\xFF", 4), std::string("\xFF\xFE\0\0", 4)};
+    struct Row {
+        const char* encoding;
+        const std::string& plain;
+        const std::string* marks;
+    } rows[] = {{"UTF-16", plain16, marks16}, {"UNICODE", plain16, marks16}, {"UTF-32", plain32, marks32}};
+    for (const Row& r : rows) {
+        const std::wstring expected = system(r.encoding, r.plain);
+        TextConvPtr reused = TTextConv::CreateConv(0, B(r.encoding));
+        EXPECT_EQ(W(reused->MBtoWC(B(r.plain))), expected) << r.encoding << ", before any mark";
+        for (int m = 0; m < 2; ++m) {
+            reused->MBtoWC(B(r.marks[m] + r.plain));
+            EXPECT_EQ(W(reused->MBtoWC(B(r.plain))), expected) << r.encoding << ", after mark " << m;
+        }
+    }
+}
+
 TEST(TextConvConcurrency, EachThreadHasItsOwnConverters)
 {
+    const KaruTest::Deadline deadline(std::chrono::seconds(60), "threads converting at once");
     constexpr int kThreads = 4;
     // Held, not merely noted: a converter freed when its thread ends could
     // leave its address to the next thread's.

@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -19,6 +20,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "deadline.h"
 
@@ -343,6 +345,7 @@ TEST(Backup, KeepsTheNewestAndRestoresThem)
 // working directory's two failures are told apart.
 TEST(DirOps, HandlesAndTheWorkingDirectoryReportTheirFailures)
 {
+    const KaruTest::Deadline deadline(std::chrono::seconds(30), "a child without its working directory");
     const Tree t;
     t.Put("d/a.txt", "a");
     const CDir dir(t.At("d"));
@@ -706,6 +709,51 @@ TEST(TransactionWrite, OldContentSurvivesAFailedWriter)
     CDir::TransactionWrite(path, writing("four", false));
     EXPECT_EQ(t.Get("store.bin"), "four");
     EXPECT_FALSE(t.Has("store.bin.trs"));
+}
+
+// A reader holds the file while it reads: a writer that comes meanwhile
+// waits until the reader lets go, so the reader gets the old content whole
+// however slowly it reads, and the writer then goes on.
+std::atomic<bool> g_writerLocked{false};
+
+void NoteWriterLocked(const char* step)
+{
+    if (std::strcmp(step, "TransactionWrite.locked") == 0)
+        g_writerLocked = true;
+}
+
+TEST(TransactionConcurrency, AWriterWaitsForAReader)
+{
+    const KaruTest::Deadline deadline(std::chrono::seconds(60), "a writer waiting for a reader");
+    const Tree t;
+    const stringEx path = t.At("store");
+    const std::string old(100000, 'o');
+    t.Put("store", old);
+    g_writerLocked = false;
+    IMPL::SetFileStepHook(NoteWriterLocked);
+    std::string written = "(not done)";
+    std::thread writer;
+    {
+        CSysFile file = CDir::TransactionRead(path, TransactionJudge());
+        ASSERT_TRUE(file.IsOpen());
+        writer = std::thread([&] {
+            written = Failure([&] { CDir::TransactionWrite(path, [](CSysFile& out) { IMPL::WriteAll(out, "new", 3); }); });
+        });
+        // Time for a writer that does not wait to cut the file.
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_FALSE(g_writerLocked) << "the writer went on while a reader held the file";
+        std::string read(old.size() + 1, '\0');
+        uint64_t got = 0;
+        while (const uint64_t n = file.Read(&read[got], read.size() - got))
+            got += n;
+        read.resize(got);
+        EXPECT_TRUE(read == old) << "the reader got " << read.size() << " bytes: " << read.substr(0, 10);
+    }
+    writer.join();
+    IMPL::SetFileStepHook(nullptr);
+    EXPECT_EQ(written, "(nothing raised)");
+    EXPECT_TRUE(g_writerLocked);
+    EXPECT_EQ(t.Get("store"), "new");
 }
 
 // What a writer that died leaves, and how a reader or the next writer

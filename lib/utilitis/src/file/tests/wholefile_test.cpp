@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "scratch_dir.h"
+#include "deadline.h"
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -42,6 +43,7 @@ void StopAt(const char* step)
 
 TEST(WholeFileFailure, AKillAtEachStepLeavesAnAllowedState)
 {
+    const KaruTest::Deadline deadline(std::chrono::seconds(60), "writers stopped at each step");
     const Scratch dir;
     // The cut falls where old and new first differ: at the start here, and
     // behind what they share in the second group.
@@ -108,6 +110,7 @@ TEST(WholeFileFailure, WhatOldAndNewShareAtTheStartStays)
 
 TEST(WholeFileFailure, AWriterKilledAtRandomLeavesAnAllowedState)
 {
+    const KaruTest::Deadline deadline(std::chrono::seconds(60), "writers killed at random");
     // The old content is longer than the new one, so that a write that went
     // over the old bytes in place would show old bytes behind new ones.
     const Scratch dir;
@@ -149,6 +152,7 @@ TEST(WholeFileFailure, AWriterKilledAtRandomLeavesAnAllowedState)
 
 TEST(WholeFileFailure, TheFileSizeLimitFailsBeforeAnythingChanges)
 {
+    const KaruTest::Deadline deadline(std::chrono::seconds(60), "writers under a file-size limit");
     const Scratch dir;
     const std::string old(3000, 'o');
     struct Row {

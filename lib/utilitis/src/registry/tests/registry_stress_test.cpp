@@ -32,6 +32,7 @@ namespace {
 // thread's own counter must end exact, and every snapshot must load again.
 TEST(RegistryConcurrency, ThreadsReadAndWriteOneTree)
 {
+    const KaruTest::Deadline deadline(std::chrono::seconds(120), "threads reading and writing one tree");
     constexpr int kThreads = 4;
     constexpr int kRounds = 1000;
     CFakeRegistry root;
@@ -108,6 +109,7 @@ TEST(RegistryConcurrency, ThreadsReadAndWriteOneTree)
 // alive. Saving and exporting it fail with the store's errors instead.
 TEST(RegistryDeep, AVeryDeepTreeIsFreedAndRefusedCleanly)
 {
+    const KaruTest::Deadline deadline(std::chrono::seconds(60), "a very deep tree on a thread of its own");
     constexpr int kLevels = 100000;
     // Room for a compile of the deepest tree a file may hold (about half a
     // kilobyte a level), and far less than freeing every level in turn
@@ -342,6 +344,7 @@ bool SaveInChild(CFakeRegistry tree, const stringEx& path, Arm arm)
 
 TEST(RegistryCrash, AKilledSaveLeavesTheOldOrTheNewContent)
 {
+    const KaruTest::Deadline deadline(std::chrono::seconds(240), "saves killed at every step and byte");
     char pattern[] = "/tmp/karu-crash-XXXXXX";
     const std::string dir = mkdtemp(pattern);
     const stringEx path((dir + "/store.reg").c_str());
