@@ -39,10 +39,10 @@ private:
     const basic_string_ex<T>& _find;
 };
 
-// In bytes, a find of two or more is looked for by its first and last byte
-// many positions at a time: a first byte alone is common in text (a "b" in
-// about every 60 bytes of English), and stopping at each one cost more than
-// the rest of a literal replace.
+// In bytes, a find of two or more is looked for by two of its bytes many
+// positions at a time (ByteNeedles): a first byte alone is common in text (a
+// "b" in about every 60 bytes of English), and stopping at each one cost more
+// than the rest of a literal replace.
 template <>
 class CaseSensitive<char> {
 public:
