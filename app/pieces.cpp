@@ -319,8 +319,12 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                 continue;
             }
             // The piece becomes the pairs' text where it lies; only what was
-            // read past it is copied, back into pending.
-            bytes.assign(pending.data() + cut, pending.size() - cut);
+            // read past it is copied, back into pending. The copy goes into
+            // the storage `bytes` already has: a fresh buffer for it would
+            // free that storage, and with the heap's top given back and taken
+            // again piece after piece, every piece paid for fresh pages.
+            bytes.clear();
+            bytes.append(pending.data() + cut, pending.size() - cut);
             bytes.swap(pending);
             bytes.SetSize(cut);
             if (skip)
