@@ -238,15 +238,27 @@ TEST(Process, SchedulingFailuresAreTheProcessLayers)
 int g_inThisProgram;
 
 // The main program is named by the path of its image, not by the argv[0]
-// it was started with: run again as "./karu_process_tests".
+// it was started with, however little that says from where the program is.
 TEST(Process, ModulePathsAreAbsolute)
 {
     if (!getenv("KARU_PROCESS_INNER")) {
-        const ChildEnd end = RunSelf("./karu_process_tests", "Process.ModulePathsAreAbsolute",
-                                     {"KARU_PROCESS_INNER=1"});
-        EXPECT_EQ(end.status, 0) << "the run with a relative argv[0] failed";
+        struct Row {
+            const char* why;
+            const char* argv0;
+            const char* inner;
+        } rows[] = {
+            {"a relative argv[0]", "./karu_process_tests", "KARU_PROCESS_INNER=here"},
+            {"a relative argv[0], after a change of directory", "./karu_process_tests", "KARU_PROCESS_INNER=away"},
+            {"a bare name, as found through the search path", "karu-renamed", "KARU_PROCESS_INNER=here"},
+        };
+        for (const Row& row : rows) {
+            const ChildEnd end = RunSelf(row.argv0, "Process.ModulePathsAreAbsolute", {row.inner});
+            EXPECT_EQ(end.status, 0) << row.why;
+        }
         return;
     }
+    if (std::string(getenv("KARU_PROCESS_INNER")) == "away")
+        ASSERT_EQ(chdir("/"), 0);
     char image[4096] = {};
     ASSERT_GT(readlink("/proc/self/exe", image, sizeof image - 1), 0);
     EXPECT_STREQ(CProcess::GetModuleFilePathByAny(&g_inThisProgram).c_str(), image);
