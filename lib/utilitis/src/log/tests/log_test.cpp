@@ -439,15 +439,19 @@ TEST_F(LogConcurrency, ALoggerThatLogsDoesNotDeadlockAgainstAFullQueueOrAFlush)
 
 // The main logger raises for one record on the thread: the thread ends, as
 // it does by design, its end is reported, and every record queued behind the
-// failing one is still delivered, in order.
+// failing one is still delivered, in order. The logger raises only once the
+// records behind are queued, so that they are the dead thread's leftovers.
 TEST_F(LogConcurrency, AMainLoggerThatRaisesOnTheThreadIsReportedAndLosesNothing)
 {
     const ChildEnd end = RunChild([] {
+        static std::atomic<bool> queued{false};
         struct RaisingOnBoom : Recorder {
             bool Write(const CTime& t, int32_t l, const stringEx& c, const stringEx& m) override
             {
-                if (std::string(m.c_str()) == "boom")
+                if (std::string(m.c_str()) == "boom") {
+                    AwaitCondition([] { return queued.load(); }, 10000);
                     throw logExp(stringEx("main logger refused"), 9);
+                }
                 return Recorder::Write(t, l, c, m);
             }
         };
@@ -459,6 +463,7 @@ TEST_F(LogConcurrency, AMainLoggerThatRaisesOnTheThreadIsReportedAndLosesNothing
         CLog::LogInfo("util.test", stringEx("boom"));
         for (int i = 0; i < 40; ++i)
             CLog::LogInfo("util.test", "after %d", i);
+        queued = true;
         CLog::Flush();
         if (log->IsLoggingThreadOn())
             return 3;
