@@ -257,8 +257,9 @@ TEST(Process, ModulePathsAreAbsolute)
         }
         return;
     }
-    if (std::string(getenv("KARU_PROCESS_INNER")) == "away")
+    if (std::string(getenv("KARU_PROCESS_INNER")) == "away") {
         ASSERT_EQ(chdir("/"), 0);
+    }
     char image[4096] = {};
     ASSERT_GT(readlink("/proc/self/exe", image, sizeof image - 1), 0);
     EXPECT_STREQ(CProcess::GetModuleFilePathByAny(&g_inThisProgram).c_str(), image);
