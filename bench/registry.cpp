@@ -2,9 +2,10 @@
 // value of a key in turn, and saving and opening a tree, each at n and 4n.
 // All of these must grow linearly; the program reports the fitted growth,
 // and the time per key of the two sizes must stay about the same.
-// Enumeration runs at 16n too: from 20,000 to 80,000 names the map
-// outgrows the processor's caches, so that step alone costs more than 4
-// times, and only the step beyond shows the growth of the walk itself.
+// Enumeration runs at 16n too. A step of the walk costs what the memory it
+// touches costs: the names of the largest size no longer fit the
+// processor's caches, so that the time per name rises to about one trip
+// to memory there, and then stays.
 #include <benchmark/benchmark.h>
 
 #include <unistd.h>
