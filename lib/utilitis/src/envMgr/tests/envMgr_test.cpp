@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "file/tests/deadline.h"
 #include "sync/tests/forktest.h"
 
 using namespace Karu;
@@ -125,6 +126,7 @@ TEST(Environment, SystemFacts)
 // does not wait for the command to end.
 TEST(EnvironmentConcurrency, AReaderDoesNotWaitForACommand)
 {
+    const Deadline deadline(std::chrono::seconds(60), "EnvironmentConcurrency.AReaderDoesNotWaitForACommand");
     using Clock = std::chrono::steady_clock;
     std::thread command([] { EXPECT_EQ(System(stringEx("sleep 2")), 0); });
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the shell has started

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "file/tests/deadline.h"
 #include "sync/tests/forktest.h"
 
 using namespace Karu;
@@ -192,6 +193,7 @@ TEST_F(LogFilter, MainLoggerAndStackFailures)
 
 TEST_F(LogConcurrency, ManyProducersLoseNothingAndKeepTheirOrder)
 {
+    const Deadline deadline(std::chrono::seconds(60), "LogConcurrency.ManyProducersLoseNothingAndKeepTheirOrder");
     auto log = Install();
     auto recorder = std::make_shared<Recorder>();
     log->PushLogger(recorder);
@@ -221,6 +223,7 @@ TEST_F(LogConcurrency, ManyProducersLoseNothingAndKeepTheirOrder)
 
 TEST_F(LogConcurrency, FlushWaitsForTheVeryRecordAndStopDeliversTheRest)
 {
+    const Deadline deadline(std::chrono::seconds(60), "LogConcurrency.FlushWaitsForTheVeryRecordAndStopDeliversTheRest");
     auto log = Install();
     struct Slow : Recorder {
         bool Write(const CTime& t, int32_t l, const stringEx& c, const stringEx& m) override
@@ -244,6 +247,7 @@ TEST_F(LogConcurrency, FlushWaitsForTheVeryRecordAndStopDeliversTheRest)
 
 TEST_F(LogConcurrency, StartFailuresAndAFailingMainLoggerLeaveTheLogSynchronous)
 {
+    const Deadline deadline(std::chrono::seconds(60), "LogConcurrency.StartFailuresAndAFailingMainLoggerLeaveTheLogSynchronous");
     auto log = Install();
     auto recorder = std::make_shared<Recorder>();
     log->PushLogger(recorder);

@@ -12,7 +12,10 @@
 #include <thread>
 #include <vector>
 
+#include "file/tests/deadline.h"
+
 using namespace Karu;
+using namespace KaruTest;
 
 namespace {
 
@@ -39,6 +42,7 @@ TEST(FastLock, RecursionReturnsToTheFreeState)
 
 TEST(FastLockConcurrency, ExcludesUnderContentionAndKeepsCounts)
 {
+    const Deadline deadline(std::chrono::seconds(60), "FastLockConcurrency.ExcludesUnderContentionAndKeepsCounts");
     static FAST_PCLOCK lock;  // a static instance needs no constructor run
     constexpr int kThreads = 6, kRounds = 20000;
     int64_t plain = 0;  // only ever touched under the lock
@@ -60,6 +64,7 @@ TEST(FastLockConcurrency, ExcludesUnderContentionAndKeepsCounts)
 
 TEST(FastLockConcurrency, ReleaseBeforeTheWaiterMadeTheSemaphoreIsNotLost)
 {
+    const Deadline deadline(std::chrono::seconds(60), "FastLockConcurrency.ReleaseBeforeTheWaiterMadeTheSemaphoreIsNotLost");
     // Many short rounds on fresh locks: a waiter counts itself in, and the
     // owner may release before the waiter has installed the semaphore.
     for (int round = 0; round < 300; ++round) {
@@ -99,6 +104,7 @@ void Ignore(int) {}
 
 TEST(SemConcurrency, SignalsDoNotEndAWait)
 {
+    const Deadline deadline(std::chrono::seconds(60), "SemConcurrency.SignalsDoNotEndAWait");
     struct sigaction action {};
     action.sa_handler = Ignore;  // no SA_RESTART: the wait sees EINTR
     sigaction(SIGUSR1, &action, nullptr);

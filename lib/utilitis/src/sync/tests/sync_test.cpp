@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "file/tests/deadline.h"
 #include "sync/tests/forktest.h"
 
 using namespace Karu;
@@ -25,6 +26,7 @@ long long MillisSince(Clock::time_point start)
 
 TEST(Mutex, TimedLockAgainstAnotherHolder)
 {
+    const Deadline deadline(std::chrono::seconds(60), "Mutex.TimedLockAgainstAnotherHolder");
     CMutex mutex(true);  // held by this thread
     struct Row {
         const char* why;
@@ -63,6 +65,7 @@ TEST(Mutex, TimedLockAgainstAnotherHolder)
 
 TEST(Mutex, RecursionAndOwnershipFailures)
 {
+    const Deadline deadline(std::chrono::seconds(60), "Mutex.RecursionAndOwnershipFailures");
     CMutex mutex;
     EXPECT_TRUE(mutex.Lock());
     EXPECT_TRUE(mutex.TryLock());  // recursive
@@ -185,6 +188,7 @@ TEST(Event, WaitsAndTimedWaits)
 
 TEST(EventConcurrency, RaiseReleasesEveryWaiter)
 {
+    const Deadline deadline(std::chrono::seconds(60), "EventConcurrency.RaiseReleasesEveryWaiter");
     CEvent event(false);
     std::atomic<int> passed{0};
     std::vector<std::thread> waiters;

@@ -10,7 +10,10 @@
 #include <atomic>
 #include <thread>
 
+#include "file/tests/deadline.h"
+
 using namespace Karu;
+using namespace KaruTest;
 
 namespace {
 
@@ -48,6 +51,7 @@ private:
 
 TEST(ThreadConcurrency, RunsHooksInOrderAndKeepsTheExitCode)
 {
+    const Deadline deadline(std::chrono::seconds(60), "ThreadConcurrency.RunsHooksInOrderAndKeepsTheExitCode");
     Counter thread;
     EXPECT_THROW(thread.GetPriority(), threadExp);  // no thread yet
     try {
@@ -65,6 +69,7 @@ TEST(ThreadConcurrency, RunsHooksInOrderAndKeepsTheExitCode)
 
 TEST(ThreadConcurrency, AutoDestroyDeletesTheObjectAfterTheEnd)
 {
+    const Deadline deadline(std::chrono::seconds(60), "ThreadConcurrency.AutoDestroyDeletesTheObjectAfterTheEnd");
     std::atomic<int> destroyed{0};
     auto* thread = new Counter(true, &destroyed);
     thread->Start(256 * 1024);
@@ -90,6 +95,7 @@ public:
 
 TEST(ThreadConcurrency, StopAndKill)
 {
+    const Deadline deadline(std::chrono::seconds(60), "ThreadConcurrency.StopAndKill");
     {
         Sleeper polite;
         polite.Start();
@@ -114,6 +120,7 @@ TEST(ThreadConcurrency, StopAndKill)
 
 TEST(ThreadConcurrency, TlsSlotsArePerThread)
 {
+    const Deadline deadline(std::chrono::seconds(60), "ThreadConcurrency.TlsSlotsArePerThread");
     CTls slot;
     int mine = 1, theirs = 2;
     slot.Set(&mine);
