@@ -39,38 +39,65 @@ private:
     const basic_string_ex<T>& _find;
 };
 
-// In bytes, a find of two or more is looked for by two of its bytes many
-// positions at a time (ByteNeedles): a first byte alone is common in text (a
-// "b" in about every 60 bytes of English), and stopping at each one cost more
-// than the rest of a literal replace.
+// In bytes, a find whose first byte is common in the text (a "b" comes in
+// about every 60 bytes of English) is looked for by two of its bytes many
+// positions at a time (ByteNeedles): stopping at each first byte cost more
+// than the rest of a literal replace. Making that search costs a few
+// microseconds, as much as some hundred stops, so a find starts with the
+// plain search and changes over once its first byte has misled it that
+// often; a run of ten thousand pairs, most of which never match, pays
+// nothing for it.
 template <>
 class CaseSensitive<char> {
 public:
-    explicit CaseSensitive(const basic_string_ex<char>& find) : _find(find)
+    explicit CaseSensitive(const basic_string_ex<char>& find) : _find(find) {}
+    uint64_t Next(const basic_string_ex<char>& text, uint64_t from) const noexcept
     {
-        if (find.size() < 2)
-            return;
+        constexpr uint64_t npos = basic_string_ex<char>::npos;
+        const uint64_t n = _find.size(), size = text.size();
+        if (n == 0 || from >= size || n > size - from)
+            return n == 0 && from <= size ? from : npos;
+        const char* base = text.data();
+        const char* key = _find.data();
+        if (!_needles.empty()) {
+            const char* hit = _needles.Find(base + from, base + size);
+            return hit ? static_cast<uint64_t>(hit - base) : npos;
+        }
+        const uint64_t lastStart = size - n;
+        for (uint64_t pos = from; pos <= lastStart;) {
+            const void* hit = std::memchr(base + pos, key[0], lastStart - pos + 1);
+            if (!hit)
+                return npos;
+            pos = static_cast<uint64_t>(static_cast<const char*>(hit) - base);
+            if (std::memcmp(base + pos + 1, key + 1, n - 1) == 0)
+                return pos;
+            ++pos;
+            if (++_misses == kMissesBeforeNeedles && n >= 2) {
+                MakeNeedles();
+                return Next(text, pos);
+            }
+        }
+        return npos;
+    }
+
+private:
+    static constexpr uint32_t kMissesBeforeNeedles = 256;
+
+    void MakeNeedles() const
+    {
         std::vector<ByteNeedle> needles(1);
-        for (const char c : find) {
+        for (const char c : _find) {
             ByteSet exactly;
             exactly.set(static_cast<unsigned char>(c));
             needles[0].push_back(exactly);
         }
         _needles = ByteNeedles(needles);
     }
-    uint64_t Next(const basic_string_ex<char>& text, uint64_t from) const noexcept
-    {
-        if (_needles.empty())
-            return Find<char>(text, _find, from);
-        if (from >= text.size())
-            return basic_string_ex<char>::npos;
-        const char* hit = _needles.Find(text.data() + from, text.data() + text.size());
-        return hit ? static_cast<uint64_t>(hit - text.data()) : basic_string_ex<char>::npos;
-    }
 
-private:
     const basic_string_ex<char>& _find;
-    ByteNeedles _needles;
+    // The search is a cache of the find, made on the way.
+    mutable uint32_t _misses = 0;
+    mutable ByteNeedles _needles;
 };
 
 template <class T>
