@@ -15,6 +15,7 @@
 #include <chrono>
 #include <thread>
 
+#include "file/tests/deadline.h"
 #include "sync/tests/forktest.h"
 
 using namespace Karu;
@@ -32,6 +33,7 @@ std::vector<stringEx> Args(std::initializer_list<const char*> words)
 
 TEST(Process, ExitCodesAndTimeLimits)
 {
+    const Deadline deadline(std::chrono::seconds(60), "Process.ExitCodesAndTimeLimits");
     struct Row {
         const char* why;
         const char* script;
@@ -83,6 +85,7 @@ TEST(Process, ReadinessAndBoost)
 
 TEST(Process, AProgramThatCannotStartRaisesInTheParent)
 {
+    const Deadline deadline(std::chrono::seconds(60), "Process.AProgramThatCannotStartRaisesInTheParent");
     CProcess child;
     try {
         child.Create("/nonexistent/program", Args({"program"}));
@@ -275,6 +278,7 @@ TEST(Process, ModulePathsAreAbsolute)
 
 TEST(Pipe, MegabytesThroughAChildWithoutDeadlock)
 {
+    const Deadline deadline(std::chrono::seconds(60), "Pipe.MegabytesThroughAChildWithoutDeadlock");
     CPipe toChildRead, toChildWrite, fromChildRead, fromChildWrite;
     CPipe::CreatePair(toChildRead, toChildWrite);
     CPipe::CreatePair(fromChildRead, fromChildWrite);
