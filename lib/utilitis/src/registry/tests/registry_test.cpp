@@ -11,6 +11,8 @@
 #include "file/tests/deadline.h"
 #include "regtest.h"
 
+#include <langinfo.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -633,6 +635,42 @@ TEST(RegistryText, EveryByteComesBackThroughTheLocale)
     }
     if (!missing.empty())
         std::printf("rows of %s not tried: the locale is not on this machine\n", missing.begin()->c_str());
+}
+
+// The store takes the environment's locale as the system's (the runs in the
+// C and EUC-JP locales set it): its file, ini and csv hold a text of that
+// locale as the conversion above gives it, so a file written where the
+// system is not UTF-8 is UTF-8 all the same, and read it back byte for byte.
+TEST(RegistryText, TheStoreWritesTextOfTheEnvironmentsLocale)
+{
+    const stringEx text("caf\xE9 \xA4\xA2 \xE4\xB8\xAD");
+    const locale_t environment = newlocale(LC_CTYPE_MASK, "", nullptr);
+    ASSERT_TRUE(environment) << "the locale of the environment is not on this machine";
+    // A UTF-8 system's text is UTF-8 by its own account, broken bytes and all.
+    const bool utf8System = strcasecmp(nl_langinfo_l(CODESET, environment), "UTF-8") == 0;
+    const stringEx utf8 = utf8System ? text : IMPL::RegLocaleToUtf8(text, environment);
+    freelocale(environment);
+    const std::string expected(utf8.data(), utf8.size());
+    CFakeRegistry key;
+    key.SetValue("t", text);
+    const byteEx file = Compiled(key);
+    const std::string forms[] = {std::string(reinterpret_cast<const char*>(file.data()), file.size()),
+                                 Exported(key, false), Exported(key, true)};
+    const char* const names[] = {"file", "ini", "csv"};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_NE(forms[i].find(expected), std::string::npos) << names[i] << " does not hold " << TextHex(utf8);
+        CFakeRegistry back;
+        if (i == 0) {
+            byteEx bytes(file.data(), file.size());
+            CMemorySource source(bytes);
+            back.Open(source);
+        } else {
+            EXPECT_EQ(Imported(back, forms[i], i == 2), "(nothing raised)") << names[i];
+        }
+        stringEx read;
+        back.ReadValueEx("t", read, stringEx());
+        EXPECT_EQ(TextHex(read), TextHex(text)) << names[i];
+    }
 }
 
 }  // namespace
