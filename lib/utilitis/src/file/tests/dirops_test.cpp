@@ -371,13 +371,25 @@ TEST(DirOps, HandlesAndTheWorkingDirectoryReportTheirFailures)
               "  error desc = invalid dir descriptor\n");
     EXPECT_FALSE(copy.IsOpen());
 
-    // The working directory gone: run in a child, which may lose its own.
+    // The working directory far longer than PATH_MAX, and then gone: run in
+    // a child, which may lose its own.
     fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
+        std::string deep = t.root;
+        const std::string step(200, 'd');
+        bool ready = chdir(t.root.c_str()) == 0;
+        for (int level = 0; ready && level < 30; ++level) {
+            ready = mkdir(step.c_str(), 0700) == 0 && chdir(step.c_str()) == 0;
+            deep += "/" + step;
+        }
+        std::string found;
+        Failure([&found] { found = CDir::GetPwd().c_str(); });
+        if (!ready || found != deep + "/")
+            _exit(2);
         const std::string gone = t / "gone";
         mkdir(gone.c_str(), 0700);
-        const bool ready = chdir(gone.c_str()) == 0 && rmdir(gone.c_str()) == 0;
+        ready = chdir(gone.c_str()) == 0 && rmdir(gone.c_str()) == 0;
         const std::string raised = Failure([] { CDir::GetPwd(); });
         _exit(ready && raised == "CDir::GetPwd - failed getting current working dir\n  error code = 2\n"
                                  "  error desc = the current working directory has been unlinked\n"
@@ -386,7 +398,9 @@ TEST(DirOps, HandlesAndTheWorkingDirectoryReportTheirFailures)
     }
     int status = 0;
     waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(WIFEXITED(status)) << "the child died";
+    EXPECT_NE(WEXITSTATUS(status), 2) << "a working directory longer than PATH_MAX was not found whole";
+    EXPECT_NE(WEXITSTATUS(status), 1) << "a working directory that is gone was not told as such";
 }
 
 // The whole-file forms relative to a directory, for each kind of content,
