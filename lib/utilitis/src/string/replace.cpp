@@ -18,6 +18,7 @@
 #include <karu/string/needleSearch.h>
 
 #include <cstring>
+#include <new>
 #include <vector>
 
 namespace Karu {
@@ -83,15 +84,20 @@ public:
 private:
     static constexpr uint32_t kMissesBeforeNeedles = 256;
 
-    void MakeNeedles() const
+    // Without the memory for it, the plain search goes on: it is slower,
+    // not wrong.
+    void MakeNeedles() const noexcept
     {
-        std::vector<ByteNeedle> needles(1);
-        for (const char c : _find) {
-            ByteSet exactly;
-            exactly.set(static_cast<unsigned char>(c));
-            needles[0].push_back(exactly);
+        try {
+            std::vector<ByteNeedle> needles(1);
+            for (const char c : _find) {
+                ByteSet exactly;
+                exactly.set(static_cast<unsigned char>(c));
+                needles[0].push_back(exactly);
+            }
+            _needles = ByteNeedles(needles);
+        } catch (const std::bad_alloc&) {
         }
-        _needles = ByteNeedles(needles);
     }
 
     const basic_string_ex<char>& _find;
