@@ -107,16 +107,6 @@ std::vector<ByteNeedle> Merged(std::vector<ByteNeedle> needles)
     return needles;
 }
 
-// How common a needle position's bytes are in text together.
-double Commonness(const ByteSet& set) noexcept
-{
-    double sum = 0;
-    for (unsigned b = 0; b < 256; ++b)
-        if (set[b])
-            sum += CharacterFrequency(b);
-    return sum;
-}
-
 }  // namespace
 
 double CharacterFrequency(uint32_t c) noexcept
@@ -197,7 +187,12 @@ ByteNeedles::ByteNeedles(const std::vector<ByteNeedle>& given)
         for (uint32_t j = 0; j < n.length; ++j) {
             if (std::find(_loose.begin(), _loose.end(), j) != _loose.end())
                 continue;
-            const double w = Commonness(needles[0][j]);
+            // Such a position holds one byte, or two that differ in the
+            // bits the mask leaves out: a long find costs no scan of all
+            // bytes per position here.
+            const uint8_t andMask = _and[n.masks + j], want = _want[n.masks + j];
+            const double w = CharacterFrequency(want) +
+                             (andMask != 0xFF ? CharacterFrequency(want | static_cast<uint8_t>(~andMask)) : 0.0);
             if (rarest < 0 || w < rarestWeight) {
                 next = rarest;
                 nextWeight = rarestWeight;
