@@ -4,7 +4,8 @@
 // case-blind count must be what the one-off search (folding at every
 // position) counts, and for a find of ASCII the bytes' case-blind replace
 // must give the wide result's bytes (no byte here widens into a unit that
-// folds into ASCII). The first
+// folds into ASCII). With case, the bytes' replace must give the wide
+// result's bytes too. The first
 // byte chooses case-blindness; the rest is cut at the first two 0x00 bytes
 // into text, find and replace, each byte widened into one unit (bytes from
 // 0x80 on become units with the upper bits set, as the plain conversion
@@ -62,8 +63,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         std::abort();
     if (copy.c_str()[copy.size()] != 0 || inPlace.c_str()[inPlace.size()] != 0)
         std::abort();
-    if (!noCase)
+    const auto bytesOf = [&](int k) { return stringEx(reinterpret_cast<const char*>(parts[k]), lengths[k]); };
+    const auto unitsOf = [](const stringEx& s) {
+        return Units(reinterpret_cast<const uint8_t*>(s.data()), s.size());
+    };
+    if (!noCase) {
+        // The bytes' search takes another way after many false starts; the
+        // wide search does not: byte for unit, both give the same.
+        const stringEx bytes = bytesOf(0), findBytes = bytesOf(1), replaceBytes = bytesOf(2);
+        stringEx byteCopy, byteInPlace(bytes.data(), bytes.size());
+        if (ReplaceCopy(bytes, byteCopy, findBytes, replaceBytes) != copied ||
+            ReplaceInPlace(byteInPlace, findBytes, replaceBytes) != copied)
+            std::abort();
+        if (!(unitsOf(byteCopy) == copy) || !(unitsOf(byteInPlace) == copy))
+            std::abort();
         return 0;
+    }
     uint32_t counted = 0;
     for (uint64_t at = text.FindNoCase(find); at != wstringEx::npos; at = text.FindNoCase(find, at + find.size()))
         ++counted;
@@ -74,10 +89,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         ascii = ascii && parts[1][i] < 0x80;
     if (!ascii)
         return 0;
-    stringEx bytes(reinterpret_cast<const char*>(parts[0]), lengths[0]);
-    ReplaceInPlaceAsciiNoCase(bytes, stringEx(reinterpret_cast<const char*>(parts[1]), lengths[1]),
-                              stringEx(reinterpret_cast<const char*>(parts[2]), lengths[2]));
-    if (!(Units(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()) == copy))
+    stringEx bytes = bytesOf(0);
+    ReplaceInPlaceAsciiNoCase(bytes, bytesOf(1), bytesOf(2));
+    if (!(unitsOf(bytes) == copy))
         std::abort();
     return 0;
 }
