@@ -84,26 +84,28 @@ unsigned char LowestByte(const ByteSet& set) noexcept
 // pair of its rarest positions.
 std::vector<ByteNeedle> Merged(std::vector<ByteNeedle> needles)
 {
-    for (bool merged = true; merged;) {
-        merged = false;
-        for (size_t a = 0; a < needles.size() && !merged; ++a)
-            for (size_t b = a + 1; b < needles.size() && !merged; ++b) {
-                if (needles[a].size() != needles[b].size())
-                    continue;
-                size_t differing = 0, at = 0;
+    // One pass: a needle takes in every later one that differs from it in
+    // one position, looking at them again after each change. A merge that a
+    // needle's earlier neighbour might still make is left out; merging
+    // less costs only speed, and the pass stays quadratic in the needles.
+    for (size_t a = 0; a < needles.size(); ++a)
+        for (size_t b = a + 1; b < needles.size();) {
+            size_t differing = 0, at = 0;
+            if (needles[a].size() == needles[b].size())
                 for (size_t j = 0; j < needles[a].size() && differing < 2; ++j)
                     if (needles[a][j] != needles[b][j]) {
                         ++differing;
                         at = j;
                     }
-                if (differing >= 2)
-                    continue;
-                if (differing == 1)
-                    needles[a][at] |= needles[b][at];
-                needles.erase(needles.begin() + static_cast<ptrdiff_t>(b));
-                merged = true;
+            if (needles[a].size() != needles[b].size() || differing >= 2) {
+                ++b;
+                continue;
             }
-    }
+            if (differing == 1)
+                needles[a][at] |= needles[b][at];
+            needles.erase(needles.begin() + static_cast<ptrdiff_t>(b));
+            b = a + 1;
+        }
     return needles;
 }
 
