@@ -12,20 +12,12 @@
 #include <vector>
 
 #include "../textconv_impl.h"
+#include "file/tests/text_helpers.h"
 
 using namespace Karu;
+using namespace KaruTest;
 
 namespace {
-
-std::string S(const stringEx& s)
-{
-    return std::string(s.data(), s.size());
-}
-
-stringEx B(const std::string& s)
-{
-    return stringEx(s.data(), s.size());
-}
 
 std::vector<uint32_t> Units(const wstringEx& s)
 {

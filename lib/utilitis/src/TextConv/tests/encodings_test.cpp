@@ -18,20 +18,12 @@
 #include <vector>
 
 #include "file/tests/deadline.h"
+#include "file/tests/text_helpers.h"
 
 using namespace Karu;
+using namespace KaruTest;
 
 namespace {
-
-std::string S(const stringEx& s)
-{
-    return std::string(s.data(), s.size());
-}
-
-std::wstring W(const wstringEx& s)
-{
-    return std::wstring(s.data(), s.size());
-}
 
 // Runs a shell command with `input` on its standard input; false if it fails.
 bool Filter(const std::string& command, const std::string& input, std::string& output)

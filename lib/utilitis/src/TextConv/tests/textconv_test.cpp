@@ -21,43 +21,10 @@
 
 #include "TextConv/textconv_impl.h"
 #include "file/tests/deadline.h"
+#include "file/tests/text_helpers.h"
 
 using namespace Karu;
-
-namespace {
-
-std::string S(const stringEx& s)
-{
-    return std::string(s.data(), s.size());
-}
-
-stringEx B(const std::string& s)
-{
-    return stringEx(s.data(), s.size());
-}
-
-std::wstring W(const wstringEx& s)
-{
-    return std::wstring(s.data(), s.size());
-}
-
-wstringEx WS(const std::wstring& s)
-{
-    return wstringEx(s.data(), s.size());
-}
-
-template <class F>
-std::string MessageOf(F f)
-{
-    try {
-        f();
-    } catch (const karuExp& e) {
-        return S(e.message);
-    }
-    return "(no exception)";
-}
-
-}  // namespace
+using namespace KaruTest;
 
 TEST(EncodingTable, RowsAreInLookupOrderAndEveryRowIsFound)
 {

@@ -23,26 +23,21 @@
 #include <thread>
 
 #include "deadline.h"
+#include "scratch_dir.h"
+#include "text_helpers.h"
 
 using namespace Karu;
+using namespace KaruTest;
 
 namespace {
 
-class Tree {
+// A scratch tree whose read-only parts (made by the tests of refusals) are
+// opened up before it is removed, and that tells a missing file from an
+// empty one.
+class Tree : public karu_test::ScratchDir {
 public:
-    Tree()
-    {
-        char pattern[] = "/tmp/karu-ops-XXXXXX";
-        root = mkdtemp(pattern);
-    }
-    ~Tree() { std::system(("chmod -R u+w '" + root + "'; rm -rf '" + root + "'").c_str()); }
-    std::string operator/(const std::string& name) const { return root + "/" + name; }
+    ~Tree() { std::system(("chmod -R u+w '" + root + "'").c_str()); }
     stringEx At(const std::string& name) const { return stringEx((*this / name).c_str()); }
-    void Put(const std::string& name, const std::string& content) const
-    {
-        CDir::MakeDir(CDir::GetPathDir(At(name)), true);
-        std::ofstream(*this / name) << content;
-    }
     std::string Get(const std::string& name) const
     {
         std::ifstream in(*this / name);
@@ -51,18 +46,8 @@ public:
         return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
     bool Has(const std::string& name) const { return CDir::Exists(At(name)); }
-    std::string root;
+    const std::string& root = path;
 };
-
-std::string Failure(const std::function<void()>& op)
-{
-    try {
-        op();
-    } catch (const karuExp& e) {
-        return e.message.c_str();
-    }
-    return "(nothing raised)";
-}
 
 TEST(DirOps, MovesCopiesRemovesAndLinks)
 {
@@ -100,7 +85,7 @@ TEST(DirOps, MovesCopiesRemovesAndLinks)
         {"nothing to make", [] { CDir::MakeHardLink("", "x"); }, "CDir::MakeHardLink - nothing to make"},
     };
     for (const Refusal& r : refusals)
-        EXPECT_EQ(Failure(r.op), r.message) << r.why;
+        EXPECT_EQ(MessageOf(r.op), r.message) << r.why;
 
     // A move keeps the file itself (a link, not a copy); overwrite replaces.
     struct stat before, after;
@@ -254,7 +239,7 @@ TEST(DirOps, MountTablesAndTheMountProgram)
         IMPL::SetMountTables(r.mtab.c_str(), r.mnttab.c_str(), r.liveTable.c_str());
         setenv("PATH", r.mountOnPath ? path : "/nonexistent", 1);
         std::vector<STORAGE_INFO> mounts;
-        const std::string raised = Failure([&] { CDir::GetStorageTopology(mounts); });
+        const std::string raised = MessageOf([&] { CDir::GetStorageTopology(mounts); });
         setenv("PATH", path, 1);
         if (r.atLeast == 0) {
             EXPECT_EQ(raised.rfind("CDir::GetStorageTopology - failed retrieve storage's topology info\n", 0), 0u)
@@ -366,7 +351,7 @@ TEST(DirOps, HandlesAndTheWorkingDirectoryReportTheirFailures)
     handle.Reset();
     EXPECT_EQ(descriptors().size(), 1u);  // the copy keeps the stream open
     ASSERT_EQ(close(descriptors().at(0)), 0);
-    EXPECT_EQ(Failure([&] { copy.Reset(); }),
+    EXPECT_EQ(MessageOf([&] { copy.Reset(); }),
               "CDirHandle::Reset - failed close the directory stream\n  error code = 9\n"
               "  error desc = invalid dir descriptor\n");
     EXPECT_FALSE(copy.IsOpen());
@@ -384,13 +369,13 @@ TEST(DirOps, HandlesAndTheWorkingDirectoryReportTheirFailures)
             deep += "/" + step;
         }
         std::string found;
-        Failure([&found] { found = CDir::GetPwd().c_str(); });
+        MessageOf([&found] { found = CDir::GetPwd().c_str(); });
         if (!ready || found != deep + "/")
             _exit(2);
         const std::string gone = t / "gone";
         mkdir(gone.c_str(), 0700);
         ready = chdir(gone.c_str()) == 0 && rmdir(gone.c_str()) == 0;
-        const std::string raised = Failure([] { CDir::GetPwd(); });
+        const std::string raised = MessageOf([] { CDir::GetPwd(); });
         _exit(ready && raised == "CDir::GetPwd - failed getting current working dir\n  error code = 2\n"
                                  "  error desc = the current working directory has been unlinked\n"
                   ? 0
@@ -473,7 +458,7 @@ TEST(DirOps, ForceRemovesWhatLeaveRefuses)
             return t / (dir + "/file.txt");
         };
         auto refusal = [](const std::string& file, bool force) {
-            const std::string raised = Failure([&] { CDir::RemoveFile(stringEx(file.c_str()), force); });
+            const std::string raised = MessageOf([&] { CDir::RemoveFile(stringEx(file.c_str()), force); });
             return raised.rfind("CDir::RemoveFile - failed remove file\n", 0) == 0 &&
                    raised.find("permission denied") != std::string::npos;
         };
@@ -483,7 +468,7 @@ TEST(DirOps, ForceRemovesWhatLeaveRefuses)
             mode(t / "locked") != 0500)
             return "without force";
         // With force the file goes, and its directory is as it was.
-        const std::string forced = Failure([&] { CDir::RemoveFile(stringEx(first.c_str()), true); });
+        const std::string forced = MessageOf([&] { CDir::RemoveFile(stringEx(first.c_str()), true); });
         if (forced != "(nothing raised)" || CDir::Exists(first.c_str()) || mode(t / "locked") != 0500)
             return "with force";
         // The directory is locked again after it was made writable: the
@@ -706,7 +691,7 @@ TEST(TransactionWrite, OldContentSurvivesAFailedWriter)
         {"failed replacement keeps the old", "thr", true, "two"},
     };
     for (const Row& r : rows) {
-        const std::string raised = Failure([&] { CDir::TransactionWrite(path, writing(r.content, r.fail)); });
+        const std::string raised = MessageOf([&] { CDir::TransactionWrite(path, writing(r.content, r.fail)); });
         EXPECT_EQ(raised, r.fail ? "writer failed" : "(nothing raised)") << r.why;
         EXPECT_EQ(t.Get("store.bin"), r.expect) << r.why;
         EXPECT_FALSE(t.Has("store.bin.trs")) << r.why;
@@ -714,7 +699,7 @@ TEST(TransactionWrite, OldContentSurvivesAFailedWriter)
     // A file in a directory that is not there: the open's failure, at once.
     {
         const KaruTest::Deadline deadline(std::chrono::seconds(30), "a write into a missing directory");
-        EXPECT_EQ(Failure([&] { CDir::TransactionWrite(t.At("missing/store.bin"), writing("x", false)); })
+        EXPECT_EQ(MessageOf([&] { CDir::TransactionWrite(t.At("missing/store.bin"), writing("x", false)); })
                       .rfind("PosixOpenFile - failed open specified file\n", 0),
                   0u);
     }
@@ -751,7 +736,7 @@ TEST(TransactionConcurrency, AWriterWaitsForAReader)
         CSysFile file = CDir::TransactionRead(path, TransactionJudge());
         ASSERT_TRUE(file.IsOpen());
         writer = std::thread([&] {
-            written = Failure([&] { CDir::TransactionWrite(path, [](CSysFile& out) { IMPL::WriteAll(out, "new", 3); }); });
+            written = MessageOf([&] { CDir::TransactionWrite(path, [](CSysFile& out) { IMPL::WriteAll(out, "new", 3); }); });
         });
         // Time for a writer that does not wait to cut the file.
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -837,7 +822,7 @@ TEST(TransactionRead, SettlesWhatADeadWriterLeft)
     for (const Stale& r : stale) {
         t.Put("store", r.file);
         t.Put("store.trs", "old.");
-        EXPECT_EQ(Failure([&] { CDir::TransactionWrite(path, failing, r.judged ? whole : TransactionJudge()); }),
+        EXPECT_EQ(MessageOf([&] { CDir::TransactionWrite(path, failing, r.judged ? whole : TransactionJudge()); }),
                   "writer failed")
             << r.why;
         EXPECT_EQ(t.Get("store"), r.after) << r.why;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "scratch_dir.h"
+#include "text_helpers.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,20 +18,11 @@
 #include <fstream>
 
 using namespace Karu;
+using namespace KaruTest;
 
 namespace {
 
 using Scratch = karu_test::ScratchDir;
-
-std::string Message(void (*op)(const Scratch&), const Scratch& dir)
-{
-    try {
-        op(dir);
-    } catch (const karuExp& e) {
-        return e.message.c_str();
-    }
-    return "(nothing raised)";
-}
 
 // Runs `hold` in a child process that keeps what it took until killed;
 // returns the child's pid once `hold` has run.
@@ -247,7 +239,7 @@ TEST(SysFile, FailuresCarryTheirMessages)
          "  error desc = the fildes argument is associated with a pipe, fifo, or socket\n"},
     };
     for (const Row& r : rows)
-        EXPECT_EQ(Message(r.op, dir).substr(0, r.expectStart.size()), r.expectStart) << r.name;
+        EXPECT_EQ(MessageOf([&] { r.op(dir); }).substr(0, r.expectStart.size()), r.expectStart) << r.name;
 }
 
 TEST(SysFile, DescriptorsAreSharedAndConsolesNeverClosed)

@@ -14,14 +14,12 @@
 #include <fstream>
 #include <string>
 
+#include "text_helpers.h"
+
 using namespace Karu;
+using namespace KaruTest;
 
 namespace {
-
-std::string S(const stringEx& s)
-{
-    return std::string(s.data(), s.size());
-}
 
 bool Mapped(void* address, size_t size)
 {

@@ -12,7 +12,11 @@
 #include <cstdlib>
 #include <string>
 
+#include "file/tests/text_helpers.h"
+
 namespace Karu::RegTest {
+
+using KaruTest::Hex;
 
 // A run in a locale that this machine lacks would test the C locale under
 // another name: every test is skipped instead, saying why.
@@ -35,17 +39,6 @@ inline ::testing::Environment* const kLocaleCheck = ::testing::AddGlobalTestEnvi
 // The locales made for these tests stand beside the system's, which must
 // still be found (C.UTF-8 among them); set before anything reads a locale.
 inline const bool kLocalePath = (setenv("LOCPATH", KARU_TEST_LOCALE_DIR ":/usr/lib/locale", 0), true);
-
-inline std::string Hex(const byteEx& bytes)
-{
-    std::string out;
-    char cell[4];
-    for (unsigned char b : bytes) {
-        std::snprintf(cell, sizeof cell, "%02x ", b);
-        out += cell;
-    }
-    return out;
-}
 
 // Every key, value, type and byte of a tree, one line each, indented by
 // depth; write times are left out.

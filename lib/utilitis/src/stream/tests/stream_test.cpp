@@ -18,7 +18,10 @@
 #include <string>
 #include <vector>
 
+#include "file/tests/text_helpers.h"
+
 using namespace Karu;
+using KaruTest::Hex;
 
 namespace {
 
@@ -27,17 +30,6 @@ byteEx Bytes(std::initializer_list<int> values)
     byteEx out;
     for (int v : values)
         out.push_back(static_cast<unsigned char>(v));
-    return out;
-}
-
-std::string Hex(const byteEx& bytes)
-{
-    std::string out;
-    char cell[4];
-    for (unsigned char b : bytes) {
-        std::snprintf(cell, sizeof cell, "%02x ", b);
-        out += cell;
-    }
     return out;
 }
 

@@ -1,0 +1,60 @@
+// The library's strings and exceptions in the form a test compares: its
+// byte and wide strings as standard ones and back (embedded NULs kept),
+// bytes as hex, and the message of whatever an operation throws.
+#pragma once
+
+#include <karu/string/buffer.h>
+#include <karu/string/karuExp.h>
+#include <karu/string/stringEx.h>
+
+#include <cstdio>
+#include <functional>
+#include <string>
+
+namespace KaruTest {
+
+inline std::string S(const Karu::stringEx& s)
+{
+    return std::string(s.data(), s.size());
+}
+
+inline Karu::stringEx B(const std::string& s)
+{
+    return Karu::stringEx(s.data(), s.size());
+}
+
+inline std::wstring W(const Karu::wstringEx& s)
+{
+    return std::wstring(s.data(), s.size());
+}
+
+inline Karu::wstringEx WS(const std::wstring& s)
+{
+    return Karu::wstringEx(s.data(), s.size());
+}
+
+// Bytes as two hex digits each, spaced, so that a failure shows where two
+// byte strings part.
+inline std::string Hex(const Karu::byteEx& bytes)
+{
+    std::string out;
+    char cell[4];
+    for (unsigned char b : bytes) {
+        std::snprintf(cell, sizeof cell, "%02x ", b);
+        out += cell;
+    }
+    return out;
+}
+
+// The message `op` throws, or a text no message of the library reads like.
+inline std::string MessageOf(const std::function<void()>& op)
+{
+    try {
+        op();
+    } catch (const Karu::karuExp& e) {
+        return S(e.message);
+    }
+    return "(nothing raised)";
+}
+
+}  // namespace KaruTest
