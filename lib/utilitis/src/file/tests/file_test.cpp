@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "scratch_dir.h"
+#include "sync/tests/forktest.h"
 #include "text_helpers.h"
 
 #include <sys/wait.h>
@@ -26,31 +27,23 @@ using Scratch = karu_test::ScratchDir;
 
 // Runs `hold` in a child process that keeps what it took until killed;
 // returns the child's pid once `hold` has run.
-template <class Hold>
-pid_t HoldInChild(Hold hold)
+pid_t HoldInChild(const std::function<void()>& hold)
 {
-    int ready[2];
-    if (pipe(ready) != 0)
-        return -1;
-    const pid_t child = fork();
-    if (child == 0) {
+    Baton ready;
+    const pid_t child = StartChild([&] {
         hold();
-        char go = 1;
-        (void)!write(ready[1], &go, 1);
+        ready.Pass();
         pause();
-        _exit(0);
-    }
-    char go;
-    (void)!read(ready[0], &go, 1);
-    close(ready[0]);
-    close(ready[1]);
+        return 0;
+    });
+    ready.Take();
     return child;
 }
 
 void Release(pid_t child)
 {
     kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    WaitChild(child);
 }
 
 TEST(Paths, NormaliseAsTextAgainstTheCurrentDirectory)
