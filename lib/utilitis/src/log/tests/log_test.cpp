@@ -88,9 +88,7 @@ TEST_F(LogLines, FileAndStreamRecordsLetterByLetter)
     EXPECT_STREQ(LogLevelName(6), "disabled");
     CLog::SetInstance(nullptr);  // closes the file
 
-    std::ifstream file(path);
-    std::stringstream fileText;
-    fileText << file.rdbuf();
+    const std::string fileText = ReadAll(path);
     std::string expectFile, expectStream;
     for (const Row& row : rows) {
         const std::string body = std::regex_replace(std::string(row.tag), std::regex(R"([\[\]])"), R"(\$&)") +
@@ -98,7 +96,7 @@ TEST_F(LogLines, FileAndStreamRecordsLetterByLetter)
         expectFile += kStamp + body + "\n";
         expectStream += kStamp + body + "\n\n";
     }
-    EXPECT_TRUE(std::regex_match(fileText.str(), std::regex(expectFile))) << fileText.str();
+    EXPECT_TRUE(std::regex_match(fileText, std::regex(expectFile))) << fileText;
     EXPECT_TRUE(std::regex_match(stream.str(), std::regex(expectStream))) << stream.str();
 }
 
@@ -293,14 +291,6 @@ TEST_F(LogConcurrency, RecordsQueuedAtExitAreWritten)
     EXPECT_EQ(count, kRecords);
 }
 
-std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 size_t Count(const std::string& text, const std::string& what)
 {
     size_t n = 0;
@@ -323,13 +313,6 @@ CLog::Handle InstallThreaded(uint32_t capacity, std::initializer_list<LoggerHand
         return nullptr;
     CLog::SetInstance(log);
     return log;
-}
-
-void ExpectEnd(const ChildEnd& end, int status)
-{
-    EXPECT_FALSE(end.timedOut) << "hung";
-    EXPECT_TRUE(end.exited) << "signal " << end.signal;
-    EXPECT_EQ(end.status, status);
 }
 
 volatile uintptr_t g_nowhere = 8;  // an unmapped address that is not null
@@ -361,8 +344,8 @@ TEST_F(LogConcurrency, AFaultInALoggerOnTheLoggingThreadWritesTheFatalRecord)
         CLog::Flush();  // the thread faults meanwhile: the handler ends the process
         return 1;
     });
-    ExpectEnd(end, 255);
-    const std::string text = ReadFile(path);
+    ExpectExit(end, 255);
+    const std::string text = ReadAll(path);
     EXPECT_EQ(Count(text, "(util.test) before\n"), 1u) << text;
     EXPECT_EQ(Count(text, "(util.errhnd) unrecoverable underlaying error ocurred: invalid memory reference\n"), 1u)
         << text;
@@ -437,7 +420,7 @@ TEST_F(LogConcurrency, ALoggerThatLogsDoesNotDeadlockAgainstAFullQueueOrAFlush)
             return app == kThreads * kRecords && echoes == app ? 0 : 1;
         }, 20000);
         SCOPED_TRACE(row.why);
-        ExpectEnd(end, 0);
+        ExpectExit(end, 0);
     }
 }
 
@@ -487,7 +470,7 @@ TEST_F(LogConcurrency, AMainLoggerThatRaisesOnTheThreadIsReportedAndLosesNothing
         }
         return 0;
     });
-    ExpectEnd(end, 0);
+    ExpectExit(end, 0);
 }
 
 // Children forked while the thread runs and another thread logs: each logs,
@@ -525,8 +508,8 @@ TEST_F(LogConcurrency, AChildForkedWhileTheThreadRunsLogsDirectly)
         CLog::SetInstance(nullptr);
         return failures == 0 ? 0 : 1;
     });
-    ExpectEnd(end, 0);
-    const std::string text = ReadFile(path);
+    ExpectExit(end, 0);
+    const std::string text = ReadAll(path);
     for (int c = 0; c < kChildren; ++c) {
         const std::string message = "child " + std::string(c < 10 ? "0" : "") + std::to_string(c);
         EXPECT_EQ(Count(text, message), 2u) << message;

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <new>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 
 #include "sync/tests/forktest.h"
@@ -28,14 +27,6 @@ void LogTo(const std::string& path)
     static std::string marker;
     marker = path + ".atexit";
     atexit([] { std::ofstream(marker) << "ran"; });
-}
-
-std::string ReadAll(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 void ThrowsOutsideItsList() try {

@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "sync/tests/forktest.h"
@@ -44,14 +43,6 @@ int main(int argc, char** argv)
     return 1;
 }
 )";
-
-std::string ReadAll(const std::string& path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 TEST(ErrorHandler, AProgramLinkedByHandGetsTheHandler)
 {

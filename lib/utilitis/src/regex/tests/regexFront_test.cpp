@@ -4,21 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include "string/tests/wide_text.h"
+
 #include <string>
 
 using namespace Karu;
 
 namespace {
 
-std::string Narrow(const std::wstring& w)
-{
-    return std::string(w.begin(), w.end());
-}
-
-std::wstring Show(const wstringEx& s)
-{
-    return std::wstring(s.data(), s.size());
-}
+using test::Narrow;
+using test::Show;
 
 TEST(RegexFront, ShorthandBecomesBracketExpressions)
 {

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "string/tests/wide_text.h"
+
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,15 +14,8 @@ using namespace Karu;
 
 namespace {
 
-std::string Narrow(const std::wstring& w)
-{
-    return std::string(w.begin(), w.end());
-}
-
-std::wstring Show(const wstringEx& s)
-{
-    return std::wstring(s.data(), s.size());
-}
+using test::Narrow;
+using test::Show;
 
 // The four switches of the tool, as (ignoreCase, newlineSensitive).
 struct Method {

@@ -17,10 +17,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <new>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <karu/string/karuExp.h>
 
 namespace KaruTest {
 
@@ -153,6 +159,33 @@ inline ChildEnd RunScenario(const std::function<int()>& body, int deadlineMs = k
     const ChildEnd end = WaitChild(pid, deadlineMs);
     RemoveNamesOf(pid);
     return end;
+}
+
+// Checks that a child ran to its end by itself and left with `status`.
+inline void ExpectExit(const ChildEnd& end, int status = 0)
+{
+    EXPECT_FALSE(end.timedOut) << "the child hung";
+    EXPECT_TRUE(end.exited) << "signal " << end.signal;
+    EXPECT_EQ(end.status, status);
+}
+
+// The whole of a file a child wrote; empty if there is none.
+inline std::string ReadAll(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Runs a child's body with a library failure printed, as `who` and the
+// process id, and turned into status 97, so that a report says why.
+inline int Guarded(const char* who, const std::function<int()>& body)
+{
+    try {
+        return body();
+    } catch (const Karu::karuExp& e) {
+        fprintf(stderr, "%s %d: %s\n", who, int(getpid()), e.message.c_str());
+        return 97;
+    }
 }
 
 // Anonymous memory that the processes forked after this call share; a T

@@ -31,24 +31,6 @@ namespace {
 constexpr int kScenarioDeadlineMs = 30000;
 constexpr uint32_t kStepMs = 5000;  // a single wait or lock within a scenario
 
-// A library failure is printed and becomes a status, so that the report says why.
-int Guarded(const std::function<int()>& body)
-{
-    try {
-        return body();
-    } catch (const karuExp& e) {
-        fprintf(stderr, "process %d: %s\n", int(getpid()), e.message.c_str());
-        return 97;
-    }
-}
-
-void ExpectClean(const ChildEnd& end)
-{
-    EXPECT_FALSE(end.timedOut) << "the scenario hung";
-    EXPECT_TRUE(end.exited) << "signal " << end.signal;
-    EXPECT_EQ(end.status, 0);
-}
-
 void SleepMicroseconds(long us)
 {
     std::this_thread::sleep_for(std::chrono::microseconds(us));
@@ -67,9 +49,9 @@ TEST(ProcMutexConcurrency, HoldersKilledAtRandomPointsNeverWedgeTheLock)
         GTEST_SKIP() << "the sanitizer does not count a timed lock that takes over a dead holder's lock as taken, "
                         "and then reports its release; the takeover is what this test is about";
     constexpr int kVictims = 40;
-    ExpectClean(RunScenario(
+    ExpectExit(RunScenario(
         [] {
-            return Guarded([] {
+            return Guarded("process", [] {
                 struct Shared {
                     std::atomic<int> stop{0};
                     std::atomic<long> survivorTurns{0};
@@ -78,7 +60,7 @@ TEST(ProcMutexConcurrency, HoldersKilledAtRandomPointsNeverWedgeTheLock)
                 const std::string name = UniqueName("death-mutex");
                 CProcMutex creator(false, name.c_str());
                 auto worker = [&](bool survivor) {
-                    return Guarded([&] {
+                    return Guarded("process", [&] {
                         CProcMutex mutex(name.c_str());
                         while (!shared->stop) {
                             if (!mutex.TimedLock(kStepMs))
@@ -118,9 +100,9 @@ TEST(ProcMutexConcurrency, HoldersKilledAtRandomPointsNeverWedgeTheLock)
 // it; a holder that closed the object first must have given its holds back.
 TEST(ProcMutexConcurrency, AHolderThatClosesTheObjectAndDiesGivesTheLockBack)
 {
-    ExpectClean(RunScenario(
+    ExpectExit(RunScenario(
         [] {
-            return Guarded([] {
+            return Guarded("process", [] {
                 const std::string name = UniqueName("closed-holder");
                 CProcMutex creator(false, name.c_str());
                 const ChildEnd holder = RunChild([&] {
@@ -151,14 +133,14 @@ TEST(ProcMutexConcurrency, AHolderThatClosesTheObjectAndDiesGivesTheLockBack)
 
 TEST(ProcMutexConcurrency, TheCreatorClosingWhileAnotherHoldsRaisesAndTheLockGoesOn)
 {
-    ExpectClean(RunScenario(
+    ExpectExit(RunScenario(
         [] {
-            return Guarded([] {
+            return Guarded("process", [] {
                 const std::string name = UniqueName("busy-creator");
                 auto* creator = new CProcMutex(false, name.c_str());
                 Baton held, closed;
                 const pid_t holder = StartChild([&] {
-                    return Guarded([&] {
+                    return Guarded("process", [&] {
                         CProcMutex opened(name.c_str());
                         opened.Lock();
                         held.Pass();
@@ -192,23 +174,23 @@ TEST(ProcMutexConcurrency, TheCreatorClosingWhileAnotherHoldsRaisesAndTheLockGoe
 TEST(ProcEventConcurrency, WaitersKilledAtRandomPointsLeaveTheEventWorking)
 {
     constexpr int kVictims = 30;
-    ExpectClean(RunScenario(
+    ExpectExit(RunScenario(
         [] {
-            return Guarded([] {
+            return Guarded("process", [] {
                 const std::string name = UniqueName("death-event");
                 CProcEvent creator(false, name.c_str());
                 std::mt19937 random(20240612);
                 for (int round = 0; round < kVictims; ++round) {
                     // Killed inside a wait, or between two, or while it holds the companion.
                     const pid_t victim = StartChild([&] {
-                        return Guarded([&]() -> int {
+                        return Guarded("process", [&]() -> int {
                             CProcEvent opened(name.c_str());
                             for (;;)
                                 opened.TimedWait(round % 2 ? 1 : 50);
                         });
                     });
                     const pid_t survivor = StartChild([&] {
-                        return Guarded([&] { return CProcEvent(name.c_str()).TimedWait(kStepMs) ? 0 : 1; });
+                        return Guarded("process", [&] { return CProcEvent(name.c_str()).TimedWait(kStepMs) ? 0 : 1; });
                     });
                     SleepMicroseconds(RandomPoint(random));
                     kill(victim, SIGKILL);
@@ -229,15 +211,15 @@ TEST(ProcEventConcurrency, WaitersKilledAtRandomPointsLeaveTheEventWorking)
 // creator's (faulty) close, so that whoever still has it open can wake it.
 TEST(ProcEventConcurrency, TheCreatorClosingOnALiveWaiterRaisesAndTheWaiterStillWakes)
 {
-    ExpectClean(RunScenario(
+    ExpectExit(RunScenario(
         [] {
-            return Guarded([] {
+            return Guarded("process", [] {
                 const std::string name = UniqueName("busy-event");
                 auto* creator = new CProcEvent(false, name.c_str());
                 CProcEvent opener(name.c_str());
                 Baton waiting;
                 const pid_t waiter = StartChild([&] {
-                    return Guarded([&] {
+                    return Guarded("process", [&] {
                         CProcEvent opened(name.c_str());
                         waiting.Pass();
                         return opened.TimedWait(kStepMs) ? 0 : 1;
@@ -294,7 +276,7 @@ int DestroyUnderAWaiter(const std::function<T*(void*)>& make, const std::functio
 
 TEST(EventConcurrency, DestroyingAnEventWithAWaiterRaisesInsteadOfHanging)
 {
-    ExpectClean(RunChild(
+    ExpectExit(RunChild(
         [] {
             return DestroyUnderAWaiter<CEvent, eventExp>(
                 [](void* room) { return new (room) CEvent(false); }, [](CEvent& e) { return e.TimedWait(1000); },
@@ -306,7 +288,7 @@ TEST(EventConcurrency, DestroyingAnEventWithAWaiterRaisesInsteadOfHanging)
 
 TEST(SemConcurrency, DestroyingASemaphoreWithAWaiterRaises)
 {
-    ExpectClean(RunChild(
+    ExpectExit(RunChild(
         [] {
             return DestroyUnderAWaiter<CSem, semExp>(
                 [](void* room) { return new (room) CSem(0, 1); }, [](CSem& s) { return s.TimedP(1000); },

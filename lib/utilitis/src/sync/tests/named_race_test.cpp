@@ -42,17 +42,6 @@ struct Board {
     volatile int counter = 0;    // changed only under the named lock
 };
 
-// A library failure in a racer is printed, so that the round's report says why.
-int Guarded(const std::function<int()>& body)
-{
-    try {
-        return body();
-    } catch (const karuExp& e) {
-        fprintf(stderr, "racer %d: %s\n", int(getpid()), e.message.c_str());
-        return 97;
-    }
-}
-
 // Starts the racers, lets them go at once, and collects how each ended.
 std::vector<ChildEnd> RunRound(Board* board, const std::string& name, const std::function<int(int)>& racer)
 {
@@ -60,7 +49,7 @@ std::vector<ChildEnd> RunRound(Board* board, const std::string& name, const std:
     new (board) Board();
     std::vector<pid_t> pids;
     for (int i = 0; i < kProcesses; ++i)
-        pids.push_back(StartChild([&, i] { return Guarded([&] { return racer(i); }); }));
+        pids.push_back(StartChild([&, i] { return Guarded("racer", [&] { return racer(i); }); }));
     board->go = 1;
     std::vector<ChildEnd> ends;
     const long long until = MonotonicMs() + kRoundDeadlineMs;
