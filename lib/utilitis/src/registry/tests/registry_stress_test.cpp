@@ -20,6 +20,8 @@
 #include <vector>
 
 #include "file/tests/deadline.h"
+#include "file/tests/scratch_dir.h"
+#include "sync/tests/forktest.h"
 #include "regtest.h"
 
 using namespace Karu;
@@ -228,19 +230,15 @@ std::string SaveAndOpenInTurn(const stringEx& path, const std::vector<std::strin
 
 // A store in a scratch directory, holding version 0, with the dump of each
 // version to check opens against.
-struct RaceStore {
+struct RaceStore : karu_test::ScratchDir {
     RaceStore()
     {
-        char pattern[] = "/tmp/karu-race-XXXXXX";
-        dir = mkdtemp(pattern);
-        path = stringEx((dir + "/store.reg").c_str());
+        path = stringEx((*this / "store.reg").c_str());
         for (uint32_t n = 0; n < kVersions; ++n)
             versions.push_back(Dump(Version(n)));
         Version(0).Save(path);
     }
-    ~RaceStore() { std::system(("rm -rf '" + dir + "'").c_str()); }
 
-    std::string dir;
     stringEx path;
     std::vector<std::string> versions;
 };
@@ -276,17 +274,14 @@ TEST(RegistryProcesses, SavesAndOpensOfOneFileAlwaysSeeAWholeVersion)
     constexpr int kWorkers = 2;
     std::vector<pid_t> children;
     for (int worker = 0; worker < kWorkers; ++worker) {
-        fflush(nullptr);
-        const pid_t child = fork();
-        if (child == 0) {
+        children.push_back(KaruTest::StartChild([&, worker] {
             alarm(50);  // the child's own deadline, should the parent be gone
             std::atomic<int> saves{0}, opens{0};
             const std::string outcome = SaveAndOpenInTurn(path, versions, worker, saves, opens);
             if (!outcome.empty())
                 std::fprintf(stderr, "worker %d: %s\n", worker, outcome.c_str());
-            _exit(outcome.empty() && saves > 10 && opens > 10 ? 0 : 1);
-        }
-        children.push_back(child);
+            return outcome.empty() && saves > 10 && opens > 10 ? 0 : 1;
+        }));
     }
     // The parent opens too, while the children work.
     std::string parentOutcome;
@@ -294,9 +289,8 @@ TEST(RegistryProcesses, SavesAndOpensOfOneFileAlwaysSeeAWholeVersion)
         parentOutcome = CheckOpen(path, versions);
     EXPECT_EQ(parentOutcome, "");
     for (pid_t child : children) {
-        int status = 0;
-        waitpid(child, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a worker failed, see its message above";
+        const KaruTest::ChildEnd end = KaruTest::WaitChild(child);
+        EXPECT_TRUE(end.exited && end.status == 0) << "a worker failed, see its message above";
     }
     EXPECT_EQ(CheckOpen(path, versions), "");
 }
@@ -322,32 +316,25 @@ void KillOnFileLimit(int)
 template <class Arm>
 bool SaveInChild(CFakeRegistry tree, const stringEx& path, Arm arm)
 {
-    const pid_t child = fork();
-    if (child == 0) {
+    const KaruTest::ChildEnd end = KaruTest::RunChild([&] {
         arm();
-        try {
-            tree.Save(path);
-        } catch (...) {
-            _exit(2);
-        }
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (WIFSIGNALED(status)) {
-        EXPECT_EQ(WTERMSIG(status), SIGKILL);
+        tree.Save(path);
+        return 0;
+    });
+    EXPECT_FALSE(end.timedOut);
+    if (end.signal) {
+        EXPECT_EQ(end.signal, SIGKILL);
         return true;
     }
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(end.status, 0);
     return false;
 }
 
 TEST(RegistryCrash, AKilledSaveLeavesTheOldOrTheNewContent)
 {
     const KaruTest::Deadline deadline(std::chrono::seconds(240), "saves killed at every step and byte");
-    char pattern[] = "/tmp/karu-crash-XXXXXX";
-    const std::string dir = mkdtemp(pattern);
-    const stringEx path((dir + "/store.reg").c_str());
+    const karu_test::ScratchDir dir;
+    const stringEx path((dir / "store.reg").c_str());
     // Small trees: the new file is cut at every one of its bytes.
     CFakeRegistry before = RichTree(0);
     CFakeRegistry after = RichTree(1);
@@ -403,7 +390,6 @@ TEST(RegistryCrash, AKilledSaveLeavesTheOldOrTheNewContent)
         seen.insert(outcome);
     }
     EXPECT_EQ(seen, (std::set<std::string>{"old", "new"}));
-    std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 }  // namespace

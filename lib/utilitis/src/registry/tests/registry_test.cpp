@@ -9,6 +9,7 @@
 
 #include "registry/regbody.h"
 #include "file/tests/deadline.h"
+#include "file/tests/scratch_dir.h"
 #include "regtest.h"
 
 #include <langinfo.h>
@@ -61,11 +62,6 @@ byteEx Compiled(CFakeRegistry key)
     return bytes;
 }
 
-std::string TempDir()
-{
-    char pattern[] = "/tmp/karu-reg-XXXXXX";
-    return mkdtemp(pattern);
-}
 
 TEST(Registry, KeysValuesAndTheirMessages)
 {
@@ -256,7 +252,8 @@ TEST(RegistryFile, WireBytes)
 
 TEST(RegistryFile, TreesRoundTripThroughFiles)
 try {
-    const std::string dir = TempDir();
+    const karu_test::ScratchDir scratch;
+    const std::string& dir = scratch.path;
     const stringEx path((dir + "/sub/dir/store.reg").c_str());
     CFakeRegistry tree = RichTree(300);
     tree.Save(path);  // makes the folders
@@ -301,7 +298,6 @@ try {
     EXPECT_EQ(Message([&] { Compiled(limited); }).substr(0, 101),
               "RegCompile - io failed when trying compile fake registry\n@ CISXFBasic::_CheckBound - buffer "
               "overflow\n");
-    std::system(("rm -rf '" + dir + "'").c_str());
 } catch (const karuExp& e) {
     FAIL() << e.message.c_str();
 }
@@ -332,7 +328,8 @@ private:
 TEST(RegistryFile, FailedSavesChangeNothing)
 {
     const KaruTest::Deadline deadline(std::chrono::seconds(30), "saves and opens of things that are no store");
-    const std::string dir = TempDir();
+    const karu_test::ScratchDir scratch;
+    const std::string& dir = scratch.path;
     const stringEx path((dir + "/store.reg").c_str());
     const CFakeRegistry old = RichTree(2);
     CFakeRegistry(old).Save(path);
@@ -397,7 +394,6 @@ TEST(RegistryFile, FailedSavesChangeNothing)
         EXPECT_EQ(Dump(reread), oldDump) << r.why;
         EXPECT_FALSE(CDir::Exists(CDir::TransactionFileName(path))) << r.why;
     }
-    std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 // Nested keys written by hand: a chain of `levels` subkeys named "".
