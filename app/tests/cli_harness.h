@@ -12,6 +12,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <initializer_list>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -199,6 +200,17 @@ inline std::string Visible(const std::string& bytes)
         }
     }
     return out;
+}
+
+// Text in the tool's wide-unit layout: four bytes a unit, low byte first.
+template <class Units32 = std::initializer_list<uint32_t>>
+std::string Units(const Units32& units)
+{
+    std::string bytes;
+    for (uint32_t u : units)
+        for (int shift = 0; shift < 32; shift += 8)
+            bytes += static_cast<char>((u >> shift) & 0xFF);
+    return bytes;
 }
 
 }  // namespace ostrel_test

@@ -14,17 +14,8 @@ namespace {
 
 using Args = std::vector<std::string>;
 
-// Four bytes a unit, low byte first, as the tool keeps wide units.
-std::string Units(std::initializer_list<uint32_t> units)
-{
-    std::string bytes;
-    for (uint32_t u : units)
-        for (int shift = 0; shift < 32; shift += 8)
-            bytes += static_cast<char>((u >> shift) & 0xFF);
-    return bytes;
-}
-
-TEST(WideUnits, FilesRoundTripByteForByte)
+// Files round trip byte for byte in wide units, and signatures come and go as asked.
+TEST(WideUnits, FilesRoundTripByteForByteWithTheirSignatures)
 {
     struct Row {
         const char* why;
@@ -44,6 +35,12 @@ TEST(WideUnits, FilesRoundTripByteForByte)
          Units({'C'})},
         {"wide output of byte input", {"-encin:ISO-8859-1", "-encout:UTF-16"}, "A", Units({'C'})},
         {"swapped output of byte input", {"-encin:ISO-8859-1", "-encout:CP1201"}, "A", Units({0x4300})},
+        // Of the signatures, only UTF-8 by that name gets one.
+        {"UTF-8 signature added on request", {"-encin:UTF-8", "-unisign"}, "A", "\xEF\xBB\xBF" "C"},
+        {"any case of the name", {"-encin:UTF-8", "-encout:utf-8", "-unisign"}, "A", "\xEF\xBB\xBF" "C"},
+        {"dropped on reading, not restored unasked", {"-encin:UTF-8"}, "\xEF\xBB\xBF" "A", "C"},
+        {"another spelling gets none", {"-encin:UTF-8", "-encout:UTF8", "-unisign", "-force"}, "A", "C"},
+        {"byte encodings get none", {"-encin:ISO-8859-1", "-unisign"}, "A", "C"},
     };
     for (const Row& row : rows) {
         Sandbox box;
@@ -82,32 +79,6 @@ TEST(WideUnits, StreamsAndArgumentsFile)
         const RunResult run = box.Run(row.args, {row.input});
         EXPECT_EQ(run.status, 0) << row.why << run.err;
         EXPECT_EQ(Visible(run.out), Visible(row.out)) << row.why;
-    }
-}
-
-TEST(Signatures, OnlyUtf8ByThatNameGetsOne)
-{
-    struct Row {
-        const char* why;
-        std::string before;
-        Args args;
-        std::string after;
-    } rows[] = {
-        {"added on request", "A", {"-encin:UTF-8", "-unisign"}, "\xEF\xBB\xBF" "C"},
-        {"any case of the name", "A", {"-encin:UTF-8", "-encout:utf-8", "-unisign"}, "\xEF\xBB\xBF" "C"},
-        {"dropped on reading, not restored unasked", "\xEF\xBB\xBF" "A", {"-encin:UTF-8"}, "C"},
-        {"another spelling gets none", "A", {"-encin:UTF-8", "-encout:UTF8", "-unisign", "-force"}, "C"},
-        {"byte encodings get none", "A", {"-encin:ISO-8859-1", "-unisign"}, "C"},
-    };
-    for (const Row& row : rows) {
-        Sandbox box;
-        box.Put("p.txt", "A->C\n");
-        box.Put("t.txt", row.before);
-        Args args = {"t.txt", "-f", "-argfile:p.txt"};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        const RunResult run = box.Run(args);
-        EXPECT_EQ(run.status, 0) << row.why << run.out << run.err;
-        EXPECT_EQ(Visible(box.Get("t.txt")), Visible(row.after)) << row.why;
     }
 }
 
