@@ -24,6 +24,7 @@
 
 #include "deadline.h"
 #include "scratch_dir.h"
+#include "sync/tests/forktest.h"
 #include "text_helpers.h"
 
 using namespace Karu;
@@ -358,9 +359,7 @@ TEST(DirOps, HandlesAndTheWorkingDirectoryReportTheirFailures)
 
     // The working directory far longer than PATH_MAX, and then gone: run in
     // a child, which may lose its own.
-    fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
+    const ChildEnd end = RunChild([&] {
         std::string deep = t.root;
         const std::string step(200, 'd');
         bool ready = chdir(t.root.c_str()) == 0;
@@ -371,21 +370,19 @@ TEST(DirOps, HandlesAndTheWorkingDirectoryReportTheirFailures)
         std::string found;
         MessageOf([&found] { found = CDir::GetPwd().c_str(); });
         if (!ready || found != deep + "/")
-            _exit(2);
+            return 2;
         const std::string gone = t / "gone";
         mkdir(gone.c_str(), 0700);
         ready = chdir(gone.c_str()) == 0 && rmdir(gone.c_str()) == 0;
         const std::string raised = MessageOf([] { CDir::GetPwd(); });
-        _exit(ready && raised == "CDir::GetPwd - failed getting current working dir\n  error code = 2\n"
-                                 "  error desc = the current working directory has been unlinked\n"
-                  ? 0
-                  : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status)) << "the child died";
-    EXPECT_NE(WEXITSTATUS(status), 2) << "a working directory longer than PATH_MAX was not found whole";
-    EXPECT_NE(WEXITSTATUS(status), 1) << "a working directory that is gone was not told as such";
+        return ready && raised == "CDir::GetPwd - failed getting current working dir\n  error code = 2\n"
+                                  "  error desc = the current working directory has been unlinked\n"
+                   ? 0
+                   : 1;
+    });
+    EXPECT_TRUE(end.exited) << "the child died";
+    EXPECT_NE(end.status, 2) << "a working directory longer than PATH_MAX was not found whole";
+    EXPECT_NE(end.status, 1) << "a working directory that is gone was not told as such";
 }
 
 // The whole-file forms relative to a directory, for each kind of content,
@@ -489,26 +486,17 @@ TEST(DirOps, ForceRemovesWhatLeaveRefuses)
         EXPECT_EQ(rows(), "");
         return;
     }
-    fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-        if (setgid(kNobody) != 0 || setuid(kNobody) != 0)
-            _exit(3);
-        std::string failed;
-        try {
-            failed = rows();
-        } catch (const karuExp& e) {
-            failed = e.message.c_str();
-        } catch (...) {
-            failed = "an exception";
-        }
-        if (!failed.empty())
-            std::fprintf(stderr, "row failed: %s\n", failed.c_str());
-        _exit(failed.empty() ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a row failed, see its name above";
+    const ChildEnd end = RunChild([&] {
+        return Guarded("refusals as nobody", [&] {
+            if (setgid(kNobody) != 0 || setuid(kNobody) != 0)
+                return 3;
+            const std::string failed = rows();
+            if (!failed.empty())
+                std::fprintf(stderr, "row failed: %s\n", failed.c_str());
+            return failed.empty() ? 0 : 1;
+        });
+    });
+    EXPECT_TRUE(end.exited && end.status == 0) << "a row failed, see its name above";
 }
 
 // A backup is named by the local time of the moment it is made, to the

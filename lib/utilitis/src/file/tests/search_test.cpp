@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "scratch_dir.h"
+#include "sync/tests/forktest.h"
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -170,18 +171,12 @@ TEST(SearchProblems, BrokenEntriesAreToldAndSkippedOrEndTheSearch)
     }
 }
 
-// Runs `body` in a child with a deadline; true when it ended with status 0.
-template <class Body>
-bool InChild(Body body)
+// Runs `body` in a child, where a walk that never ends fails at the
+// deadline instead of hanging; true when `body` held.
+bool InChild(const std::function<bool()>& body)
 {
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(20);  // a walk that never ends fails here instead of hanging
-        _exit(body() ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    const KaruTest::ChildEnd end = KaruTest::RunChild([&] { return body() ? 0 : 1; }, 20000);
+    return end.exited && end.status == 0;
 }
 
 TEST(SearchDepth, DeeperThanTheDescriptorsAProcessMayHold)

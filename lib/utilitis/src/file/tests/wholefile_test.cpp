@@ -8,6 +8,7 @@
 
 #include "scratch_dir.h"
 #include "deadline.h"
+#include "sync/tests/forktest.h"
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -63,17 +64,15 @@ TEST(WholeFileFailure, AKillAtEachStepLeavesAnAllowedState)
     };
     for (const Row& row : rows) {
         dir.Put("f", row.before);
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(20);
-            g_stopAt = row.step;
-            IMPL::SetFileStepHook(StopAt);
-            CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(row.after.c_str()));
-            _exit(1);  // the step was never reached
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << row.step;
+        const KaruTest::ChildEnd end = KaruTest::RunChild(
+            [&] {
+                g_stopAt = row.step;
+                IMPL::SetFileStepHook(StopAt);
+                CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(row.after.c_str()));
+                return 1;  // the step was never reached
+            },
+            20000);
+        EXPECT_TRUE(end.exited && end.status == 0) << row.step;
         EXPECT_EQ(dir.Get("f").size(), row.expect.size()) << row.step;
         EXPECT_TRUE(dir.Get("f") == row.expect) << row.step;
     }
@@ -170,27 +169,23 @@ TEST(WholeFileFailure, TheFileSizeLimitFailsBeforeAnythingChanges)
         dir.Put("f", old);
         const utimbuf stamp{1000000000, 1000000000};
         utime((dir / "f").c_str(), &stamp);
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(20);
+        const KaruTest::ChildEnd end = KaruTest::RunChild([&] {
             signal(SIGXFSZ, SIG_DFL);  // a write past the limit would end the child: it must not come to that
             const rlimit limit = {8192, 8192};
             if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
-                _exit(3);
+                return 3;
             try {
                 CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(std::string(row.newSize, 'n').c_str()),
                                 false, row.append);
             } catch (const sysfileExp& e) {
                 const bool named = std::strstr(e.message.c_str(), "CDir::WriteFile - no room for the new content\n") &&
                                    std::strstr(e.message.c_str(), "past the file size limit");
-                _exit(named ? 2 : 4);
+                return named ? 2 : 4;
             }
-            _exit(0);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        ASSERT_TRUE(WIFEXITED(status)) << row.why << ": ended by signal " << WTERMSIG(status);
-        EXPECT_EQ(WEXITSTATUS(status), row.fails ? 2 : 0) << row.why;
+            return 0;
+        }, 20000);
+        ASSERT_TRUE(end.exited) << row.why << ": ended by signal " << end.signal;
+        EXPECT_EQ(end.status, row.fails ? 2 : 0) << row.why;
         struct stat after {};
         stat((dir / "f").c_str(), &after);
         if (row.fails) {
