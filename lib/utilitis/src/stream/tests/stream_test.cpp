@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "file/tests/scratch_dir.h"
 #include "file/tests/text_helpers.h"
 
 using namespace Karu;
@@ -49,15 +50,6 @@ public:
 private:
     CByteIO _io;
 };
-
-std::string TempFile(const char* content, size_t size)
-{
-    char path[] = "/tmp/karu-stream-XXXXXX";
-    const int fd = mkstemp(path);
-    EXPECT_EQ(write(fd, content, size), static_cast<ssize_t>(size));
-    close(fd);
-    return path;
-}
 
 TEST(MemoryStream, ReadsSeeksAndFillsGaps)
 {
@@ -92,7 +84,9 @@ TEST(MemoryStream, ReadsSeeksAndFillsGaps)
 
 TEST(BufferedStream, SourceServesFromItsBlockAndSeeksByLogicalPosition)
 {
-    const std::string path = TempFile("0123456789abcdefghij", 20);
+    const karu_test::ScratchDir dir;
+    dir.Put("f", "0123456789abcdefghij");
+    const std::string path = dir / "f";
     CSysFile file(path.c_str(), O_RDONLY);
     CBufferedSeekableSource<CSysFile> source(file, 8);
     char got[32] = {};
@@ -112,17 +106,14 @@ TEST(BufferedStream, SourceServesFromItsBlockAndSeeksByLogicalPosition)
     EXPECT_EQ(source.Read(got, 32), 7u);
     EXPECT_TRUE(source.IsEof());
     EXPECT_EQ(source.Read(got, 1), 0u);
-    std::remove(path.c_str());
 }
 
 TEST(BufferedStream, SinkGathersUntilTheBlockIsFull)
 {
-    const std::string path = TempFile("", 0);
-    auto onDisk = [&] {
-        byteEx content;
-        CDir::ReadFile(path.c_str(), content);
-        return std::string(reinterpret_cast<const char*>(content.data()), content.size());
-    };
+    const karu_test::ScratchDir dir;
+    dir.Put("f", "");
+    const std::string path = dir / "f";
+    auto onDisk = [&] { return dir.Get("f"); };
     {
         CSysFile file(path.c_str(), O_WRONLY);
         CBufferedSeekableSink<CSysFile> sink(file, 4);
@@ -140,7 +131,6 @@ TEST(BufferedStream, SinkGathersUntilTheBlockIsFull)
         EXPECT_EQ(onDisk(), "abcd0123456789YZ");
     }  // the destructor writes out the last byte at the shared position
     EXPECT_EQ(onDisk(), "abcd0123456789YZx");
-    std::remove(path.c_str());
 }
 
 // ---- ISXF ---------------------------------------------------------------------------------
