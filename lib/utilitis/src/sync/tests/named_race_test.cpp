@@ -42,14 +42,18 @@ struct Board {
     volatile int counter = 0;    // changed only under the named lock
 };
 
-// Starts the racers, lets them go at once, and collects how each ended.
+// Starts the racers, lets them go at once (a racer that never sees the go
+// ends with 20), and collects how each ended.
 std::vector<ChildEnd> RunRound(Board* board, const std::string& name, const std::function<int(int)>& racer)
 {
     board->~Board();
     new (board) Board();
     std::vector<pid_t> pids;
     for (int i = 0; i < kProcesses; ++i)
-        pids.push_back(StartChild([&, i] { return Guarded("racer", [&] { return racer(i); }); }));
+        pids.push_back(StartChild([&, i] {
+            const auto go = [&] { return board->go.load() != 0; };
+            return Guarded("racer", [&] { return AwaitCondition(go) ? racer(i) : 20; });
+        }));
     board->go = 1;
     std::vector<ChildEnd> ends;
     const long long until = MonotonicMs() + kRoundDeadlineMs;
@@ -90,8 +94,6 @@ TEST(ProcMutexConcurrency, ProcessesRacingOnAFreshNameShareOneLock)
     for (int round = 0; round < kRounds; ++round) {
         const std::string name = UniqueName("race-mutex");
         const auto ends = RunRound(board, name, [&](int) {
-            if (!AwaitCondition([&] { return board->go.load() != 0; }))
-                return 20;
             bool created;
             {
                 CProcMutex mutex(false, name.c_str());
@@ -126,8 +128,6 @@ TEST(ProcEventConcurrency, ProcessesRacingOnAFreshNameShareOneFlag)
     for (int round = 0; round < kRounds; ++round) {
         const std::string name = UniqueName("race-event");
         const auto ends = RunRound(board, name, [&](int index) {
-            if (!AwaitCondition([&] { return board->go.load() != 0; }))
-                return 20;
             bool created;
             {
                 CProcEvent event(false, name.c_str());
