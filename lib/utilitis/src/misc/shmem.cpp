@@ -168,6 +168,19 @@ void Map(SMO_HANDLE& handle, uint32_t access, void* address)
                     3);
 }
 
+// Takes an open descriptor into the handle, not yet mapped. `created` is
+// the name the handle removes when it closes: empty for an object it only
+// opened.
+void Adopt(SMO_HANDLE& handle, int fd, uint64_t size, const stringEx& created, const stringEx& path, uint32_t flag)
+{
+    handle.fd = fd;
+    handle.address = nullptr;
+    handle.size = size;
+    handle.created = created;
+    handle.name = path;
+    handle.flag = flag;
+}
+
 }  // namespace
 
 bool CreateSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t flag, uint64_t size)
@@ -189,12 +202,7 @@ bool CreateSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t
     }
     if (created)
         SizeNewObject(fd, path, flag, size, &path);
-    handle.fd = fd;
-    handle.address = nullptr;
-    handle.size = created ? size : DescriptorSize(fd);
-    handle.created = created ? path : stringEx();
-    handle.name = path;
-    handle.flag = flag;
+    Adopt(handle, fd, created ? size : DescriptorSize(fd), created ? path : stringEx(), path, flag);
     return created;
 }
 
@@ -204,12 +212,7 @@ void OpenSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name, uint32_t f
     const int fd = ShmOpen(path, OpenFlags(flag));
     if (fd < 0)
         RaiseOpen("OpenSharedMemoryObject - failed create shared memory object\n", path, flag, errno);
-    handle.fd = fd;
-    handle.address = nullptr;
-    handle.size = DescriptorSize(fd);
-    handle.created = stringEx();
-    handle.name = path;
-    handle.flag = flag;
+    Adopt(handle, fd, DescriptorSize(fd), stringEx(), path, flag);
 }
 
 void CloseAndRemoveSharedMemoryObject(SMO_HANDLE& handle, const stringEx& name)
@@ -331,12 +334,7 @@ bool SetupInitialisedMapView(SMO_HANDLE& handle, const stringEx& name, uint64_t 
     for (;;) {
         const int fd = ShmOpen(path, OpenFlags(access));
         if (fd >= 0) {
-            handle.fd = fd;
-            handle.address = nullptr;
-            handle.size = DescriptorSize(fd);
-            handle.created = stringEx();
-            handle.name = path;
-            handle.flag = access;
+            Adopt(handle, fd, DescriptorSize(fd), stringEx(), path, access);
             Map(handle, access, nullptr);
             return false;
         }
