@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include <karu/regex/rx.h>
+#include <karu/string/regexReplace.h>
 #include <karu/string/replace.h>
 
 namespace Karu {
@@ -44,13 +46,19 @@ struct BYTE_PAIR {
     PairPattern regex;
 };
 
-// The pairs in UTF-8 as `out` writes them, when a piece may be worked as
-// bytes (see pieces.h), and what a piece must not hold for it.
+// The pairs as `out` writes them, when a piece may be worked as bytes (see
+// pieces.h), and what a piece must not hold for it.
 struct BYTE_PAIRS {
     std::vector<BYTE_PAIR> pairs;  // empty: no piece is worked as bytes
     // Case-blind finds: the characters that fold into ASCII like a letter of
     // a find, in UTF-8. A piece holding one is converted.
     std::vector<stringEx> foldingIntoFinds;
+    // Patterns over an encoding other than UTF-8: each searches the piece's
+    // ASCII view. Whether the replace texts read back as themselves there
+    // is known once the converter can give a view at all (replaceViewed).
+    bool viewed = false;
+    bool replaceChecked = false;
+    bool replaceViewed = false;
 };
 
 bool AllScalars(const wstringEx& text) noexcept
@@ -96,14 +104,23 @@ bool NoteFoldingIntoFinds(const ReplacePairs& pairs, TTextConv& out, std::vector
     return true;
 }
 
-BYTE_PAIRS PairsForBytes(int32_t method, const ReplacePairs& pairs, const TTextConv& in, TTextConv& out)
+BYTE_PAIRS PairsForBytes(int32_t method, const ReplacePairs& pairs, TTextConv& in, TTextConv& out)
 {
     BYTE_PAIRS encoded;
-    if ((method != kMethodLiteral && method != kMethodLiteralNoCase && method != kMethodRegex) || !in.IsPlainUtf8() ||
-        !out.IsPlainUtf8())
+    if (method != kMethodLiteral && method != kMethodLiteralNoCase && method != kMethodRegex)
         return encoded;
+    // Another encoding keeps the bytes of unmatched text only when it is
+    // written back as it was read.
+    encoded.viewed = !(in.IsPlainUtf8() && out.IsPlainUtf8());
+    if (encoded.viewed && (method != kMethodRegex || in.Encoding().empty() || in.Encoding() != out.Encoding() ||
+                           in.BackEnd() != out.BackEnd()))
+        return BYTE_PAIRS();
     for (const REPLACE_PAIR& pair : pairs) {
         if (!AllScalars(pair.find) || !AllScalars(pair.replace))
+            return BYTE_PAIRS();
+        // A replace text the encoding cannot hold is for the text's way to
+        // refuse or carry.
+        if (encoded.viewed && !(in.MBtoWC(out.WCtoMB(pair.replace)) == pair.replace))
             return BYTE_PAIRS();
         // A pattern that did not compile replaces nothing, in bytes as well.
         if (method == kMethodRegex && pair.regex && !pair.bytesRegex)
@@ -115,6 +132,23 @@ BYTE_PAIRS PairsForBytes(int32_t method, const ReplacePairs& pairs, const TTextC
     if (method == kMethodLiteralNoCase && !NoteFoldingIntoFinds(pairs, out, encoded.foldingIntoFinds))
         return BYTE_PAIRS();
     return encoded;
+}
+
+// Whether every replace text, in bytes, is whole characters of `in` with
+// its backslashes its own: a backslash that is the second byte of a
+// character would be read as an escape. The view of a replaced text is then
+// sure to be had again for the next pair.
+bool ReplaceTextsViewed(const std::vector<BYTE_PAIR>& pairs, const TTextConv& in)
+{
+    stringEx view;
+    for (const BYTE_PAIR& pair : pairs) {
+        if (!in.AsciiView(view, pair.replace))
+            return false;
+        for (uint64_t i = 0; i < view.size(); ++i)
+            if (pair.replace[i] == '\\' && view[i] != '\\')
+                return false;
+    }
+    return true;
 }
 
 // Whether the piece holds one of the characters that keep it from being
@@ -248,11 +282,11 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
         }
     };
     PIECES_RESULT result;
-    const BYTE_PAIRS bytePairs = PairsForBytes(method, pairs, in, out);
+    BYTE_PAIRS bytePairs = PairsForBytes(method, pairs, in, out);
     // The cuts of long lines, worked out when the first one comes.
     std::array<bool, 256> cuts{};
     bool cutsKnown = false, moreCuts = false;
-    stringEx pending, pieceOut, bytes, byteScratch;
+    stringEx pending, pieceOut, bytes, byteScratch, view;
     wstringEx text, scratch;
     // The copying replace reserves some room above its text's size, and the
     // two buffers change roles at every pair: both sized for a piece with
@@ -295,10 +329,22 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
         }
         if (cut == 0)
             break;
-        const bool byteWay = !bytePairs.pairs.empty() &&
-                             (options.escapes == EscapeWriting::kCarry || IsWellFormedUtf8(pending.data(), cut)) &&
-                             (method != kMethodRegex || !BeyondBmp(pending.data(), cut)) &&
-                             !HoldsAny(pending.data(), cut, bytePairs.foldingIntoFinds);
+        const stringEx piece = basic_buffer<char>::View(pending.data(), cut);
+        bool byteWay = !bytePairs.pairs.empty();
+        if (byteWay && !bytePairs.viewed)
+            byteWay = (options.escapes == EscapeWriting::kCarry || IsWellFormedUtf8(pending.data(), cut)) &&
+                      (method != kMethodRegex || !BeyondBmp(pending.data(), cut)) &&
+                      !HoldsAny(pending.data(), cut, bytePairs.foldingIntoFinds);
+        // A view holds no broken bytes; the first piece, which may start
+        // with a signature, is decoded.
+        if (byteWay && bytePairs.viewed) {
+            byteWay = !result.empty && in.AsciiView(view, piece);
+            if (byteWay && !bytePairs.replaceChecked) {
+                bytePairs.replaceChecked = true;
+                bytePairs.replaceViewed = ReplaceTextsViewed(bytePairs.pairs, in);
+            }
+            byteWay = byteWay && bytePairs.replaceViewed;
+        }
         if (byteWay) {
             uint64_t skip = 0;
             if (result.empty && cut >= 3 && std::memcmp(pending.data(), kUtf8Signature, 3) == 0)
@@ -329,17 +375,28 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
             bytes.SetSize(cut);
             if (skip)
                 bytes.erase(0, skip);
-            for (const BYTE_PAIR& pair : bytePairs.pairs) {
-                bool known;
-                result.replaced += ApplyPair<char>(method, pair.find, pair.replace, pair.regex, bytes, byteScratch,
-                                                   options.inPlace, known);
+            for (size_t k = 0; k < bytePairs.pairs.size(); ++k) {
+                const BYTE_PAIR& pair = bytePairs.pairs[k];
+                if (!bytePairs.viewed) {
+                    bool known;
+                    result.replaced += ApplyPair<char>(method, pair.find, pair.replace, pair.regex, bytes,
+                                                       byteScratch, options.inPlace, known);
+                    continue;
+                }
+                // No pattern that pieces allow matches empty: the copying
+                // form does what the in-place one would.
+                const uint32_t replaced =
+                    RegexReplaceCopy(bytes, view, byteScratch, pair.regex, pair.replace, false, false, true);
+                bytes.swap(byteScratch);
+                result.replaced += replaced;
+                if (replaced > 0 && k + 1 < bytePairs.pairs.size() && !in.AsciiView(view, bytes))
+                    throw std::logic_error("ReplaceByPieces: a replaced text lost its view");
             }
             append(bytes.data(), bytes.size());
             flush();
             continue;
         }
         // The decoder reads the piece where it lies.
-        const stringEx piece = basic_buffer<char>::View(pending.data(), cut);
         in.MBtoWCCarrying(text, piece);
         if (!text.empty()) {
             if (result.empty && text[0] == L'\uFEFF')

@@ -138,6 +138,29 @@ def make_case(rng, case_id):
     }
 
 
+# Texts past the size at which a double-byte encoding fills its tables: the
+# tool then searches pieces of GBK for patterns of ASCII in a view of their
+# bytes, where second bytes that read as ASCII (0x81 0x61 is U+4E64, 0x81 0x5C
+# U+4E57) must not match, and where a replace text that holds such bytes
+# must not match the next pair either.
+LARGE_LETTERS = "ab A\u4e64\u4e65\u4e57\u4e2d"
+LARGE_FINDS = ["ab", "b a", "a", "ba", "A b", "b"]
+LARGE_REPLACES = ["", "\u4e64", "\u4e57x", "a\u4e65", "B"]
+
+
+def make_large_case(rng, case_id):
+    lines = ["".join(rng.choice(LARGE_LETTERS) for _ in range(rng.randint(0, 40))) for _ in range(60000)]
+    if rng.random() < 0.5:
+        lines[rng.randrange(len(lines))] += "\udcff"  # a broken byte, read as the decoder carries it
+    pairs = [(rng.choice(LARGE_FINDS), rng.choice(LARGE_REPLACES)) for _ in range(rng.randint(1, 3))]
+    method = rng.choice(["-r", "-ric"])
+    return {
+        "id": case_id, "encoding": "GBK", "codec": "gbk", "locale": "C.UTF-8", "text": "\n".join(lines),
+        "pairs": pairs, "method": method, "blind": method == "-ric", "noexp": rng.random() < 0.3,
+        "stream": rng.random() < 0.4, "pieces": None,
+    }
+
+
 def model(before, pairs_file, case):
     """What the bytes become: both the text and the pairs are decoded from
     their bytes, as a broken byte may join what follows it."""
@@ -196,11 +219,17 @@ def run_case(case, ostrel, work):
     if done.returncode != 0:
         return "status %d: %s" % (done.returncode, done.stderr.decode(errors="replace"))
     if got != expected:
-        return "got %r, expected %r" % (got, expected)
+        if len(expected) < 200:
+            return "got %r, expected %r" % (got, expected)
+        at = next((k for k, (g, e) in enumerate(zip(got, expected)) if g != e), min(len(got), len(expected)))
+        return "differs from byte %d of %d: got %r, expected %r" % (
+            at, len(expected), got[max(0, at - 20):at + 20], expected[max(0, at - 20):at + 20])
     return None
 
 
 def describe(case):
+    if len(case["text"]) > 200:
+        case = dict(case, text=case["text"][:100] + "...")
     return ("case %d: %s (%s, %s) %s%s%s%s\n  text %r\n  pairs %r" % (
         case["id"], case["encoding"], case["codec"], case["locale"], case["method"],
         " -noexp" if case["noexp"] else "", " stream" if case["stream"] else " file",
@@ -224,12 +253,13 @@ def main():
     parser.add_argument("--only", type=int, default=-1, help="run this case alone")
     args = parser.parse_args()
     cases = args.cases or (60 if sanitized(args.ostrel) else 300)
+    large = 2 if sanitized(args.ostrel) else 6
     rng = random.Random(args.seed)
     failures = 0
     work = tempfile.mkdtemp(prefix="ostrel-differential-")
     try:
-        for case_id in range(cases):
-            case = make_case(rng, case_id)
+        for case_id in range(cases + large):
+            case = make_case(rng, case_id) if case_id < cases else make_large_case(rng, case_id)
             if args.only >= 0 and case_id != args.only:
                 continue
             problem = run_case(case, os.path.abspath(args.ostrel), work)
@@ -242,7 +272,7 @@ def main():
                     break
     finally:
         shutil.rmtree(work, ignore_errors=True)
-    print("%d cases, %d failed" % (cases, failures))
+    print("%d cases, %d failed" % (cases + large, failures))
     return 1 if failures else 0
 
 

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <random>
 #include <string>
+#include <vector>
 
 #include <karu/string/unicode.h>
 
@@ -53,6 +54,15 @@ std::string Whole(const std::string& bytes, int32_t method, const ReplacePairs& 
     stringEx encoded;
     EncodeText(out, escapes, text, encoded);
     return std::string(encoded.data(), encoded.size());
+}
+
+// A double-byte converter fills its tables, and with them its ASCII view,
+// only once a large text has gone through it; later converters of the
+// encoding find them made.
+void FillTables(const char* encoding)
+{
+    wstringEx text;
+    TTextConv::CreateConv(0, stringEx(encoding))->MBtoWC(text, stringEx(std::string(1 << 20, 'x').c_str()));
 }
 
 PIECES_OPTIONS Sized(uint64_t pieceBytes, EscapeWriting escapes = EscapeWriting::kCarry, bool inPlace = false)
@@ -134,7 +144,18 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
          Pairs({{std::wstring(1, EscapeUnit(0xE9)).c_str(), L"\u00e9"}}), "caf\xE9 caf\xC3\xA9\ncaf\xE9"},
         {"the C locale's ASCII carries every other byte", "ANSI_X3.4-1968", "ANSI_X3.4-1968", kMethodLiteral,
          Pairs({{L"cat", L"dog"}}), "caf\xC3\xA9 cat \xE4\xB8\xAD\xE6\x96\x87 cat\n\x80\xFF"},
+        // Pieces after the first are searched in their ASCII view: second
+        // bytes that read as s, t, a, b and a backslash are not letters,
+        // neither in the text nor in what a pair writes for the next one.
+        {"double-byte patterns: second bytes that look like ASCII", "GBK", "GBK", kMethodRegex,
+         Patterns({{L"s?truct [a-z]+", L"<\\0>"}, {L"x", L"\u4e64\u4e65"}, {L"ab|b", L"[\\0]"}}),
+         "first\n\x81struct ab\x81s\n\x81struct \x81\x61\x81\x62 x\xD6\xD0\n\x81\x5C\x81\x74 truct\n"},
+        {"double-byte patterns: a backslash inside a replace text", "GBK", "GBK", kMethodRegex,
+         Patterns({{L"t", L"\u4e57t"}}), "first\nt\x81\x74t\n"},
+        {"double-byte patterns: broken bytes and a lone lead byte", "GBK", "GBK", kMethodRegex,
+         Patterns({{L"ab", L"-"}}), "first\n\xFF" "ab\nab\x81\n\x81\x61\x62\n"},
     };
+    FillTables("GBK");
     for (const Row& row : rows) {
         const TextConvPtr in = TTextConv::CreateConv(0, stringEx(row.in));
         const TextConvPtr out = TTextConv::CreateConv(0, stringEx(row.out));
@@ -225,9 +246,10 @@ TEST(Pieces, AnEmptyFileIsNoText)
 
 // Random patterns over random lines: wherever the analysis lets a pattern be
 // worked by pieces, the pieces must give the whole text's bytes, and so must
-// the bytes of a UTF-8 piece wherever a pattern is compiled for them. The
-// text has characters of every UTF-8 length, one beyond U+FFFF whose low 16
-// bits are an 'a'.
+// the bytes of a piece wherever a pattern is compiled for them: UTF-8 as it
+// is, GBK through its ASCII view. The UTF-8 text has characters of every
+// length, one beyond U+FFFF whose low 16 bits are an 'a'; the GBK text has
+// characters whose second byte is a, b or a backslash, and broken bytes.
 TEST(Pieces, RandomPatternsGiveTheWholeTextsBytes)
 {
     const wchar_t* const atoms[] = {L"a",  L"b",   L".",    L"[^a]", L"\\w", L"\\s", L"\\n", L"^",     L"$",
@@ -235,36 +257,50 @@ TEST(Pieces, RandomPatternsGiveTheWholeTextsBytes)
                                     L"\u00e9", L"[a\u00e9]", L"\\d", L"[[:alpha:]]", L"\\m", L"\\M", L"[a-z]"};
     const wchar_t* const quantifiers[] = {L"", L"", L"*", L"+", L"?", L"{2}", L"*?"};
     const wchar_t* const prefixes[] = {L"", L"***:"};
-    const TextConvPtr conv = TTextConv::CreateConv(0, stringEx("UTF-8"));
-    std::mt19937 rng(20261123);
-    const char* const letters[] = {"a", "b", " ", "A", "\n", "\xC3\xA9", "\xE4\xB8\xAD", "\xF0\x90\x81\xA1"};
-    int worked = 0, inBytes = 0;
-    for (int round = 0; round < 3000; ++round) {
-        std::wstring pattern = prefixes[rng() % 2];
-        for (int n = 1 + static_cast<int>(rng() % 4); n > 0; --n) {
-            pattern += atoms[rng() % std::size(atoms)];
-            pattern += quantifiers[rng() % std::size(quantifiers)];
+    const wchar_t* const replaces[] = {L"<\\0\\1>", L"\u4e64\\0", L"\u4e57"};
+    const struct Text {
+        const char* encoding;
+        std::vector<const char*> letters;
+    } texts[] = {
+        {"UTF-8", {"a", "b", " ", "A", "\n", "\xC3\xA9", "\xE4\xB8\xAD", "\xF0\x90\x81\xA1"}},
+        {"GBK", {"a", "b", " ", "A", "\n", "\n", "\xA8\xA6", "\xD6\xD0", "\x81\x61", "\x81\x62", "\x81\x5C",
+                 "\xFF", "\x81"}},
+    };
+    FillTables("GBK");
+    for (const Text& t : texts) {
+        const TextConvPtr conv = TTextConv::CreateConv(0, stringEx(t.encoding));
+        std::mt19937 rng(20261123);
+        int worked = 0, inBytes = 0;
+        for (int round = 0; round < 3000; ++round) {
+            std::wstring pattern = prefixes[rng() % 2];
+            for (int n = 1 + static_cast<int>(rng() % 4); n > 0; --n) {
+                pattern += atoms[rng() % std::size(atoms)];
+                pattern += quantifiers[rng() % std::size(quantifiers)];
+            }
+            const bool ignoreCase = rng() % 4 == 0, ignoreNewline = rng() % 3 == 0;
+            ReplacePairs pairs = Patterns({{pattern.c_str(), replaces[rng() % std::size(replaces)]}, {L"a", L"\\\\"}},
+                                          ignoreCase, ignoreNewline);
+            pairs.resize(1 + rng() % 2);
+            if (!pairs[0].regex || !PairsAllowPieces(kMethodRegex, pairs))
+                continue;
+            ++worked;
+            inBytes += pairs[0].bytesRegex ? 1 : 0;
+            std::string text = "first line\n";
+            for (int n = static_cast<int>(rng() % 30); n > 0; --n)
+                text += t.letters[rng() % t.letters.size()];
+            uint32_t wholeCount;
+            const std::string whole = Whole(text, kMethodRegex, pairs, *conv, *conv, wholeCount);
+            stringEx encoded;
+            const PIECES_RESULT result = ReplaceByPieces(stringEx(text.data(), text.size()), kMethodRegex, pairs,
+                                                         *conv, *conv, encoded, Sized(1));
+            const std::string where = std::string(t.encoding) + ": pattern " +
+                                      std::string(pattern.begin(), pattern.end()) + " on \"" + text + "\"";
+            ASSERT_EQ(std::string(encoded.data(), encoded.size()), whole) << where;
+            ASSERT_EQ(result.replaced, wholeCount) << where;
         }
-        const bool ignoreCase = rng() % 4 == 0, ignoreNewline = rng() % 3 == 0;
-        const ReplacePairs pairs = Patterns({{pattern.c_str(), L"<\\0\\1>"}}, ignoreCase, ignoreNewline);
-        if (!pairs[0].regex || !PairsAllowPieces(kMethodRegex, pairs))
-            continue;
-        ++worked;
-        inBytes += pairs[0].bytesRegex ? 1 : 0;
-        std::string text;
-        for (int n = static_cast<int>(rng() % 30); n > 0; --n)
-            text += letters[rng() % std::size(letters)];
-        uint32_t wholeCount;
-        const std::string whole = Whole(text, kMethodRegex, pairs, *conv, *conv, wholeCount);
-        stringEx encoded;
-        const PIECES_RESULT result =
-            ReplaceByPieces(stringEx(text.data(), text.size()), kMethodRegex, pairs, *conv, *conv, encoded, Sized(1));
-        const std::string where = "pattern " + std::string(pattern.begin(), pattern.end()) + " on \"" + text + "\"";
-        ASSERT_EQ(std::string(encoded.data(), encoded.size()), whole) << where;
-        ASSERT_EQ(result.replaced, wholeCount) << where;
+        EXPECT_GT(worked, 300) << t.encoding << ": too few patterns qualified to test anything";
+        EXPECT_GT(inBytes, 100) << t.encoding << ": too few patterns were worked in bytes";
     }
-    EXPECT_GT(worked, 300) << "too few patterns qualified to test anything";
-    EXPECT_GT(inBytes, 100) << "too few patterns were worked in bytes";
 }
 
 // Case-blind finds over random lines of characters that fold across

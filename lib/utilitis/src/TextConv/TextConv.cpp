@@ -258,6 +258,11 @@ bool TTextConv::IsPlainUtf8() const
     return false;
 }
 
+bool TTextConv::AsciiView(stringEx&, const stringEx&) const
+{
+    return false;
+}
+
 namespace IMPL {
 namespace {
 

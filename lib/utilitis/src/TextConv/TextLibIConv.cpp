@@ -621,6 +621,11 @@ bool CTextLibIConv::IsPlainUtf8() const
     return _fast && _fast->IsPlainUtf8();
 }
 
+bool CTextLibIConv::AsciiView(stringEx& view, const stringEx& bytes) const
+{
+    return _fast && _fast->AsciiView(view, bytes);
+}
+
 stringEx CTextLibIConv::Shortcut() const
 {
     return _fast ? stringEx(_fast->Kind()) : stringEx();

@@ -482,6 +482,13 @@ public:
 
     bool IsPlainUtf8() const noexcept override { return true; }
 
+    // A byte below 0x80 is never part of a longer sequence, broken or not.
+    bool AsciiView(stringEx& view, const stringEx& src) const override
+    {
+        view = src;
+        return true;
+    }
+
     bool Encode(stringEx& dst, const wstringEx& src) const override
     {
         const wchar_t* in = src.data();
@@ -901,6 +908,9 @@ struct DoubleByteTables {
     std::vector<uint32_t> bytesOf = std::vector<uint32_t>(65536, 0);
     // ASCII converts to itself both ways, so runs of it go in blocks.
     bool asciiSelf = false;
+    // And nothing else reads as ASCII: a search for ASCII text may look at
+    // the bytes with the second bytes of pairs masked (AsciiView).
+    bool asciiApart = false;
 };
 
 // Fewer lead bytes or pairs than these: not a double-byte code page.
@@ -1020,6 +1030,11 @@ std::unique_ptr<DoubleByteTables> BuildDoubleByte(const ByteImages& images, cons
     tables->asciiSelf = true;
     for (uint32_t c = 0; c < 0x80; ++c)
         tables->asciiSelf &= images[c] == c && tables->bytesOf[c] == PairForm(1, c, 0);
+    tables->asciiApart = tables->asciiSelf;
+    for (uint32_t b = 0x80; b < 0x100; ++b)
+        tables->asciiApart &= images[b] == kNoImage || images[b] >= 0x80;
+    for (const uint32_t p : pairs)
+        tables->asciiApart &= tables->pair[p] >= 0x80;
     return tables;
 }
 
@@ -1057,6 +1072,41 @@ public:
     // next one read afresh.
     bool DecodeCarrying(wstringEx& dst, const stringEx& src) const override { return DecodeWith<true>(dst, src); }
     bool EncodeCarrying(stringEx& dst, const wstringEx& src) const override { return EncodeWith<true>(dst, src); }
+
+    // Every pair in the tables, its second byte masked where it is below
+    // 0x80; anything else (a broken byte, a lead byte at the end) fails.
+    bool AsciiView(stringEx& view, const stringEx& src) const override
+    {
+        const DoubleByteTables* t = Ready(src.size());
+        if (!t || !t->asciiApart)
+            return false;
+        const auto* in = reinterpret_cast<const unsigned char*>(src.data());
+        const size_t n = src.size();
+        auto* out = reinterpret_cast<unsigned char*>(FreshBuffer(view, n + kBlockSlack));
+        size_t i = 0;
+        while (i < n) {
+            if (i + 16 <= n) {
+                const unsigned ascii = AsciiPrefix(in + i);
+                if (ascii > 0) {
+                    std::memcpy(out + i, in + i, 16);
+                    i += ascii;
+                    continue;
+                }
+            }
+            const unsigned char lead = in[i];
+            if (t->single[lead] != kNoImage) {
+                out[i++] = lead;
+                continue;
+            }
+            if (i + 1 == n || t->pair[static_cast<uint32_t>(lead) << 8 | in[i + 1]] == kNoImage)
+                return false;
+            out[i] = lead;
+            out[i + 1] = in[i + 1] < 0x80 ? 0x80 : in[i + 1];
+            i += 2;
+        }
+        view.SetSize(n);
+        return true;
+    }
 
     // Nothing once the back end has turned out not to fit the tables.
     const char* Kind() const noexcept override

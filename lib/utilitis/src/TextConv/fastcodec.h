@@ -32,6 +32,9 @@ public:
     // Decodes well-formed UTF-8 and encodes every scalar value in the
     // standard way, so that literal work on such text may run on its bytes.
     virtual bool IsPlainUtf8() const noexcept { return false; }
+    // The bytes as a search for ASCII text sees them (TTextConv::AsciiView);
+    // false where the shortcut cannot say.
+    virtual bool AsciiView(stringEx&, const stringEx&) const { return false; }
 };
 
 // Readies a large block that is about to be written from start to end.

@@ -17,6 +17,7 @@
 #include <karu/string/regexReplace.h>
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 namespace Karu {
@@ -115,9 +116,18 @@ uint32_t RegexReplaceCopy(const basic_string_ex<T>& source, basic_string_ex<T>& 
                           const RegexHandle& handle, basic_string_ex<T> replacement, bool notBol, bool notEol,
                           bool expandEscapes)
 {
-    // Holding the source keeps its text readable even when the destination
-    // shares its storage and detaches below.
-    const basic_string_ex<T> src = source;
+    return RegexReplaceCopy(source, source, destination, handle, std::move(replacement), notBol, notEol,
+                            expandEscapes);
+}
+
+template <class T>
+uint32_t RegexReplaceCopy(const basic_string_ex<T>& source, const basic_string_ex<T>& view,
+                          basic_string_ex<T>& destination, const RegexHandle& handle, basic_string_ex<T> replacement,
+                          bool notBol, bool notEol, bool expandEscapes)
+{
+    // Holding both keeps their text readable even when the destination
+    // shares their storage and detaches below.
+    const basic_string_ex<T> src = source, seen = view;
     if (!handle) {
         // A pattern that did not compile replaces nothing: the destination
         // must still carry the whole text, since the caller takes it as the
@@ -135,7 +145,7 @@ uint32_t RegexReplaceCopy(const basic_string_ex<T>& source, basic_string_ex<T>& 
     RegexMatches matches;
     uint64_t offset = 0, mark = 0;
     uint32_t count = 0;
-    while (RegexFind(src, matches, handle, 0, offset, notBol, notEol, false)) {
+    while (RegexFind(seen, matches, handle, 0, offset, notBol, notEol, false)) {
         const uint64_t start = static_cast<uint64_t>(matches[0].offset);
         const uint64_t length = static_cast<uint64_t>(matches[0].length);
         destination.append(src.data() + mark, start - mark);
@@ -183,6 +193,9 @@ uint32_t RegexReplaceInPlace(basic_string_ex<T>& text, const RegexHandle& handle
                                                     const basic_string_ex<T>&);                              \
     template uint32_t RegexReplaceCopy<T>(const basic_string_ex<T>&, basic_string_ex<T>&, const RegexHandle&, \
                                           basic_string_ex<T>, bool, bool, bool);                              \
+    template uint32_t RegexReplaceCopy<T>(const basic_string_ex<T>&, const basic_string_ex<T>&,              \
+                                          basic_string_ex<T>&, const RegexHandle&, basic_string_ex<T>, bool,  \
+                                          bool, bool);                                                        \
     template uint32_t RegexReplaceInPlace<T>(basic_string_ex<T>&, const RegexHandle&, basic_string_ex<T>, bool, \
                                              bool, bool);
 

@@ -111,6 +111,15 @@ public:
     // text and its bytes then correspond character by character, and a
     // literal search may run on either.
     virtual bool IsPlainUtf8() const;
+    // The bytes as a search for text of ASCII only sees them: `view` gets
+    // as many bytes as `bytes`, the same at each byte that is an ASCII
+    // character by itself and 0x80 or above at every other. Such a search
+    // then finds in the view what it finds in the decoded text, at the
+    // matching byte offsets, even where the second byte of a character looks
+    // like a letter. False, with `view` unspecified, where the converter
+    // cannot vouch for that: an encoding with states, or bytes it does not
+    // read as whole characters. In UTF-8 the view shares the bytes.
+    virtual bool AsciiView(stringEx& view, const stringEx& bytes) const;
 
     // Whether a text cut just after each line feed converts, piece by piece,
     // to exactly what the whole converts to, in both directions: the encoding

@@ -21,6 +21,15 @@ uint32_t RegexReplaceCopy(const basic_string_ex<T>& source, basic_string_ex<T>& 
                           const RegexHandle& handle, basic_string_ex<T> replacement, bool notBol, bool notEol,
                           bool expandEscapes);
 
+// The same, with the matches sought in `view`: a text as long as `source`
+// that differs from it nowhere a match can lie, as the ASCII view of a
+// double-byte text is for a pattern that matches only ASCII
+// (TTextConv::AsciiView). Everything is copied from `source`.
+template <class T>
+uint32_t RegexReplaceCopy(const basic_string_ex<T>& source, const basic_string_ex<T>& view,
+                          basic_string_ex<T>& destination, const RegexHandle& handle, basic_string_ex<T> replacement,
+                          bool notBol, bool notEol, bool expandEscapes);
+
 // The same on `text` itself.
 template <class T>
 uint32_t RegexReplaceInPlace(basic_string_ex<T>& text, const RegexHandle& handle, basic_string_ex<T> replacement,
