@@ -99,7 +99,10 @@ bool NoteFoldingIntoFinds(const ReplacePairs& pairs, TTextConv& out, std::vector
             for (const wchar_t c : pair.replace)
                 if (c == unit)
                     return false;
-        found.push_back(out.WCtoMB(wstringEx(1, unit)));
+        // One the encoding cannot hold cannot be in its text.
+        const stringEx bytes = out.WCtoMB(wstringEx(1, unit));
+        if (out.MBtoWC(bytes) == wstringEx(1, unit))
+            found.push_back(bytes);
     }
     return true;
 }
@@ -112,8 +115,8 @@ BYTE_PAIRS PairsForBytes(int32_t method, const ReplacePairs& pairs, TTextConv& i
     // Another encoding keeps the bytes of unmatched text only when it is
     // written back as it was read.
     encoded.viewed = !(in.IsPlainUtf8() && out.IsPlainUtf8());
-    if (encoded.viewed && (method != kMethodRegex || in.Encoding().empty() || in.Encoding() != out.Encoding() ||
-                           in.BackEnd() != out.BackEnd()))
+    if (encoded.viewed &&
+        (in.Encoding().empty() || in.Encoding() != out.Encoding() || in.BackEnd() != out.BackEnd()))
         return BYTE_PAIRS();
     for (const REPLACE_PAIR& pair : pairs) {
         if (!AllScalars(pair.find) || !AllScalars(pair.replace))
@@ -125,7 +128,8 @@ BYTE_PAIRS PairsForBytes(int32_t method, const ReplacePairs& pairs, TTextConv& i
         // A pattern that did not compile replaces nothing, in bytes as well.
         if (method == kMethodRegex && pair.regex && !pair.bytesRegex)
             return BYTE_PAIRS();
-        if (method == kMethodLiteralNoCase && !AllAscii(pair.find))
+        // A view shows only ASCII as it is.
+        if ((method == kMethodLiteralNoCase || (encoded.viewed && method == kMethodLiteral)) && !AllAscii(pair.find))
             return BYTE_PAIRS();
         encoded.pairs.push_back({out.WCtoMB(pair.find), out.WCtoMB(pair.replace), pair.bytesRegex});
     }
@@ -134,21 +138,32 @@ BYTE_PAIRS PairsForBytes(int32_t method, const ReplacePairs& pairs, TTextConv& i
     return encoded;
 }
 
-// Whether every replace text, in bytes, is whole characters of `in` with
-// its backslashes its own: a backslash that is the second byte of a
-// character would be read as an escape. The view of a replaced text is then
-// sure to be had again for the next pair.
-bool ReplaceTextsViewed(const std::vector<BYTE_PAIR>& pairs, const TTextConv& in)
+// Whether every replace text, in bytes, is whole characters of `in`, and,
+// for patterns, with its backslashes its own: a backslash that is the second
+// byte of a character would be read as an escape. The view of a replaced
+// text is then sure to be had again for the next pair.
+bool ReplaceTextsViewed(int32_t method, const std::vector<BYTE_PAIR>& pairs, const TTextConv& in)
 {
     stringEx view;
     for (const BYTE_PAIR& pair : pairs) {
         if (!in.AsciiView(view, pair.replace))
             return false;
         for (uint64_t i = 0; i < view.size(); ++i)
-            if (pair.replace[i] == '\\' && view[i] != '\\')
+            if (method == kMethodRegex && pair.replace[i] == '\\' && view[i] != '\\')
                 return false;
     }
     return true;
+}
+
+// One pair over a piece searched in its view, into `out`.
+uint32_t ApplyPairViewed(int32_t method, const BYTE_PAIR& pair, const stringEx& bytes, const stringEx& view,
+                         stringEx& out)
+{
+    // No pattern that pieces allow matches empty: the copying form does
+    // what the in-place one would.
+    if (method == kMethodRegex)
+        return RegexReplaceCopy(bytes, view, out, pair.regex, pair.replace, false, false, true);
+    return ReplaceCopyViewed(bytes, view, out, pair.find, pair.replace, method == kMethodLiteralNoCase);
 }
 
 // Whether the piece holds one of the characters that keep it from being
@@ -333,15 +348,15 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
         bool byteWay = !bytePairs.pairs.empty();
         if (byteWay && !bytePairs.viewed)
             byteWay = (options.escapes == EscapeWriting::kCarry || IsWellFormedUtf8(pending.data(), cut)) &&
-                      (method != kMethodRegex || !BeyondBmp(pending.data(), cut)) &&
-                      !HoldsAny(pending.data(), cut, bytePairs.foldingIntoFinds);
+                      (method != kMethodRegex || !BeyondBmp(pending.data(), cut));
+        byteWay = byteWay && !HoldsAny(pending.data(), cut, bytePairs.foldingIntoFinds);
         // A view holds no broken bytes; the first piece, which may start
         // with a signature, is decoded.
         if (byteWay && bytePairs.viewed) {
             byteWay = !result.empty && in.AsciiView(view, piece);
             if (byteWay && !bytePairs.replaceChecked) {
                 bytePairs.replaceChecked = true;
-                bytePairs.replaceViewed = ReplaceTextsViewed(bytePairs.pairs, in);
+                bytePairs.replaceViewed = ReplaceTextsViewed(method, bytePairs.pairs, in);
             }
             byteWay = byteWay && bytePairs.replaceViewed;
         }
@@ -351,7 +366,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                 skip = 3;
             consumed += cut;
             result.empty = false;
-            if (method != kMethodRegex) {
+            if (method != kMethodRegex && !bytePairs.viewed) {
                 // Literals are replaced in place in the result itself,
                 // which spares the piece a copy.
                 const uint64_t start = encoded.size();
@@ -383,10 +398,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                                                        byteScratch, options.inPlace, known);
                     continue;
                 }
-                // No pattern that pieces allow matches empty: the copying
-                // form does what the in-place one would.
-                const uint32_t replaced =
-                    RegexReplaceCopy(bytes, view, byteScratch, pair.regex, pair.replace, false, false, true);
+                const uint32_t replaced = ApplyPairViewed(method, pair, bytes, view, byteScratch);
                 bytes.swap(byteScratch);
                 result.replaced += replaced;
                 if (replaced > 0 && k + 1 < bytePairs.pairs.size() && !in.AsciiView(view, bytes))

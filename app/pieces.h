@@ -38,8 +38,18 @@
 // piece has no character beyond U+FFFF, which the wide matcher reads by its
 // low 16 bits.
 // A broken piece goes this way only when its escape units are to be written
-// back as bytes (EscapeWriting::kCarry). Any other piece takes the
-// conversions.
+// back as bytes (EscapeWriting::kCarry).
+//
+// Text in another encoding, read and written in that same encoding, goes as
+// bytes too when its converter gives an ASCII view of each piece
+// (TTextConv::AsciiView: in a double-byte code page, the second bytes that
+// look like ASCII masked) and every find is ASCII or every pattern has
+// RX_MATCHES_ASCII. Finds and patterns search the view; what is copied comes
+// from the bytes, so unmatched text keeps its bytes without being converted
+// at all. The first piece (it may begin with a signature), pieces with broken
+// bytes, and replace texts the encoding cannot hold or that hold a backslash
+// as a second byte (a pattern's replace text reads it as an escape) take the
+// conversions. Any other piece takes the conversions as well.
 #pragma once
 
 #include <array>

@@ -139,8 +139,8 @@ def make_case(rng, case_id):
 
 
 # Texts past the size at which a double-byte encoding fills its tables: the
-# tool then searches pieces of GBK for patterns of ASCII in a view of their
-# bytes, where second bytes that read as ASCII (0x81 0x61 is U+4E64, 0x81 0x5C
+# tool then searches pieces of GBK for finds and patterns of ASCII in a view
+# of their bytes, where second bytes that read as ASCII (0x81 0x61 is U+4E64, 0x81 0x5C
 # U+4E57) must not match, and where a replace text that holds such bytes
 # must not match the next pair either.
 LARGE_LETTERS = "ab A\u4e64\u4e65\u4e57\u4e2d"
@@ -153,10 +153,10 @@ def make_large_case(rng, case_id):
     if rng.random() < 0.5:
         lines[rng.randrange(len(lines))] += "\udcff"  # a broken byte, read as the decoder carries it
     pairs = [(rng.choice(LARGE_FINDS), rng.choice(LARGE_REPLACES)) for _ in range(rng.randint(1, 3))]
-    method = rng.choice(["-r", "-ric"])
+    method = rng.choice(["-f", "-fic", "-r", "-ric"])
     return {
         "id": case_id, "encoding": "GBK", "codec": "gbk", "locale": "C.UTF-8", "text": "\n".join(lines),
-        "pairs": pairs, "method": method, "blind": method == "-ric", "noexp": rng.random() < 0.3,
+        "pairs": pairs, "method": method, "blind": method in ("-fic", "-ric"), "noexp": rng.random() < 0.3,
         "stream": rng.random() < 0.4, "pieces": None,
     }
 

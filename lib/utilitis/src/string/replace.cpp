@@ -116,16 +116,18 @@ private:
     NoCaseFinder<T> _finder;
 };
 
+// Matches are sought in `viewArg`, which is `sourceArg` itself but for the
+// view form.
 template <class Search, class T>
-uint32_t CopyReplacing(const basic_string_ex<T>& sourceArg, basic_string_ex<T>& dest,
-                       const basic_string_ex<T>& findArg, const basic_string_ex<T>& replaceArg, uint64_t start)
+uint32_t CopyReplacing(const basic_string_ex<T>& sourceArg, const basic_string_ex<T>& viewArg,
+                       basic_string_ex<T>& dest, const basic_string_ex<T>& findArg,
+                       const basic_string_ex<T>& replaceArg, uint64_t start, const Search& search)
 {
-    const basic_string_ex<T> source = sourceArg, find = findArg, replace = replaceArg;
+    const basic_string_ex<T> source = sourceArg, view = viewArg, find = findArg, replace = replaceArg;
     dest.clear();
     const uint64_t n = source.size(), f = find.size(), r = replace.size();
     if (n <= start || f == 0)
         return 0;
-    const Search search(find);
 
     uint64_t expected = n;
     if (f < r)
@@ -140,7 +142,7 @@ uint32_t CopyReplacing(const basic_string_ex<T>& sourceArg, basic_string_ex<T>& 
     uint32_t count = 0;
     uint64_t copied = 0;
     for (uint64_t pos = start;;) {
-        const uint64_t match = search.Next(source, pos);
+        const uint64_t match = search.Next(view, pos);
         if (match == basic_string_ex<T>::npos)
             break;
         if (match > copied)
@@ -239,14 +241,24 @@ template <class T>
 uint32_t ReplaceCopy(const basic_string_ex<T>& source, basic_string_ex<T>& dest, const basic_string_ex<T>& find,
                      const basic_string_ex<T>& replace, uint64_t start)
 {
-    return CopyReplacing<CaseSensitive<T>>(source, dest, find, replace, start);
+    const basic_string_ex<T> held = find;
+    return CopyReplacing(source, source, dest, held, replace, start, CaseSensitive<T>(held));
 }
 
 template <class T>
 uint32_t ReplaceCopyNoCase(const basic_string_ex<T>& source, basic_string_ex<T>& dest,
                            const basic_string_ex<T>& find, const basic_string_ex<T>& replace, uint64_t start)
 {
-    return CopyReplacing<CaseBlind<T>>(source, dest, find, replace, start);
+    return CopyReplacing(source, source, dest, find, replace, start, CaseBlind<T>(find));
+}
+
+uint32_t ReplaceCopyViewed(const stringEx& source, const stringEx& view, stringEx& dest, const stringEx& find,
+                           const stringEx& replace, bool asciiNoCase)
+{
+    const stringEx held = find;
+    if (asciiNoCase)
+        return CopyReplacing(source, view, dest, held, replace, 0, CaseBlind<char>(held, true));
+    return CopyReplacing(source, view, dest, held, replace, 0, CaseSensitive<char>(held));
 }
 
 template <class T>

@@ -49,4 +49,12 @@ uint32_t ReplaceInPlaceNoCase(basic_string_ex<T>& text, const basic_string_ex<T>
 uint32_t ReplaceInPlaceAsciiNoCase(stringEx& text, const stringEx& find, const stringEx& replace, uint64_t start = 0,
                                    bool all = true);
 
+// The copying form with the matches sought in `view`: a text as long as
+// `source` that differs from it nowhere a match can lie, as the ASCII view of
+// a double-byte text is for a find of ASCII (TTextConv::AsciiView).
+// Everything is copied from `source`. Case-blind, it folds as
+// ReplaceInPlaceAsciiNoCase does.
+uint32_t ReplaceCopyViewed(const stringEx& source, const stringEx& view, stringEx& dest, const stringEx& find,
+                           const stringEx& replace, bool asciiNoCase);
+
 }  // namespace Karu
