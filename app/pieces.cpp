@@ -398,10 +398,16 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                                                        byteScratch, options.inPlace, known);
                     continue;
                 }
+                // The view may be the very storage of the bytes (in UTF-8
+                // or a single-byte code page), held by no one: the bytes
+                // change hands only with a result, and then the view is made
+                // again.
                 const uint32_t replaced = ApplyPairViewed(method, pair, bytes, view, byteScratch);
-                bytes.swap(byteScratch);
+                if (replaced == 0)
+                    continue;
                 result.replaced += replaced;
-                if (replaced > 0 && k + 1 < bytePairs.pairs.size() && !in.AsciiView(view, bytes))
+                bytes.swap(byteScratch);
+                if (k + 1 < bytePairs.pairs.size() && !in.AsciiView(view, bytes))
                     throw std::logic_error("ReplaceByPieces: a replaced text lost its view");
             }
             append(bytes.data(), bytes.size());

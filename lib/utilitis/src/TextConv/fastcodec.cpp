@@ -715,6 +715,19 @@ public:
 
     const char* Kind() const noexcept override { return "table"; }
 
+    // The bytes themselves, when no byte of them is a hole (the back end
+    // might read it with what follows).
+    bool AsciiView(stringEx& view, const stringEx& src) const override
+    {
+        if (!asciiApart)
+            return false;
+        for (const char byte : src)
+            if (toWide[static_cast<unsigned char>(byte)] == kNoImage)
+                return false;
+        view = src;
+        return true;
+    }
+
     int ByteOf(uint32_t c) const noexcept
     {
         if (c > 0xFFFF)
@@ -780,6 +793,9 @@ public:
     std::array<uint32_t, 256> toWide{};
     ProbeDecode decode;  // the back end, for the holes of the carrying form
     bool sevenBit = false;  // no hole starts a longer character (SevenBit)
+    // ASCII reads as itself and nothing else reads as ASCII, and every
+    // character is written back as the byte it was read from.
+    bool asciiApart = false;
     // Wide to byte in two levels: pageOf selects one of the pages by the
     // character's high byte; page 0 is the empty one.
     std::array<uint8_t, 256> pageOf{};
@@ -890,6 +906,12 @@ std::unique_ptr<CFastCodec> MakeTableCodec(const ByteImages& images, const Probe
         return nullptr;
     if (!encode(sequenceWide, bytes) || !(bytes == sequence))
         return nullptr;
+    codec->asciiApart = true;
+    for (uint32_t b = 0; b < 256; ++b) {
+        const uint32_t c = images[b];
+        if (c != kNoImage)
+            codec->asciiApart &= (b < 0x80 ? c == b : c >= 0x80) && codec->ByteOf(c) == static_cast<int>(b);
+    }
     return codec;
 }
 
