@@ -353,7 +353,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
         // A view holds no broken bytes; the first piece, which may start
         // with a signature, is decoded.
         if (byteWay && bytePairs.viewed) {
-            byteWay = !result.empty && in.AsciiView(view, piece);
+            byteWay = !result.empty && in.AsciiView(view, piece, options.escapes == EscapeWriting::kCarry);
             if (byteWay && !bytePairs.replaceChecked) {
                 bytePairs.replaceChecked = true;
                 bytePairs.replaceViewed = ReplaceTextsViewed(method, bytePairs.pairs, in);
@@ -407,7 +407,8 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                     continue;
                 result.replaced += replaced;
                 bytes.swap(byteScratch);
-                if (k + 1 < bytePairs.pairs.size() && !in.AsciiView(view, bytes))
+                if (k + 1 < bytePairs.pairs.size() &&
+                    !in.AsciiView(view, bytes, options.escapes == EscapeWriting::kCarry))
                     throw std::logic_error("ReplaceByPieces: a replaced text lost its view");
             }
             append(bytes.data(), bytes.size());

@@ -38,9 +38,10 @@ ReplacePairs Patterns(std::initializer_list<std::pair<const wchar_t*, const wcha
 }
 
 // What the tool does with the text held whole.
+// `refused`: whether the output ended in front of a broken byte.
 std::string Whole(const std::string& bytes, int32_t method, const ReplacePairs& pairs, TTextConv& in,
                   TTextConv& out, uint32_t& replaced, EscapeWriting escapes = EscapeWriting::kCarry,
-                  bool inPlace = false)
+                  bool inPlace = false, bool* refused = nullptr)
 {
     wstringEx text, scratch;
     in.MBtoWCCarrying(text, stringEx(bytes.data(), bytes.size()));
@@ -52,7 +53,9 @@ std::string Whole(const std::string& bytes, int32_t method, const ReplacePairs& 
         replaced += ApplyPair(method, pair, text, scratch, inPlace, known);
     }
     stringEx encoded;
-    EncodeText(out, escapes, text, encoded);
+    const uint64_t stop = EncodeText(out, escapes, text, encoded);
+    if (refused)
+        *refused = stop != wstringEx::npos;
     return std::string(encoded.data(), encoded.size());
 }
 
@@ -144,6 +147,9 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
          Pairs({{std::wstring(1, EscapeUnit(0xE9)).c_str(), L"\u00e9"}}), "caf\xE9 caf\xC3\xA9\ncaf\xE9"},
         {"the C locale's ASCII carries every other byte", "ANSI_X3.4-1968", "ANSI_X3.4-1968", kMethodLiteral,
          Pairs({{L"cat", L"dog"}}), "caf\xC3\xA9 cat \xE4\xB8\xAD\xE6\x96\x87 cat\n\x80\xFF"},
+        {"the C locale, patterns and case-blind finds past the first line", "ANSI_X3.4-1968", "ANSI_X3.4-1968",
+         kMethodRegex, Patterns({{L"c[a-z]t", L"dog"}, {L"CAF", L"-"}}, true),
+         "first\ncaf\xC3\xA9 cat \xE4\xB8\xAD\xE6\x96\x87 cAt\n\x80\xFF cat\n"},
         // Pieces after the first are searched in their ASCII view: second
         // bytes that read as s, t, a, b and a backslash are not letters,
         // neither in the text nor in what a pair writes for the next one.
@@ -169,39 +175,51 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
         const TextConvPtr out = TTextConv::CreateConv(0, stringEx(row.out));
         ASSERT_TRUE(in->ConvertsByLines() && out->ConvertsByLines()) << row.name;
         ASSERT_TRUE(PairsAllowPieces(row.method, row.pairs)) << row.name;
-        uint32_t wholeCount;
-        const std::string whole = Whole(row.text, row.method, row.pairs, *in, *out, wholeCount);
-        for (const uint64_t pieceBytes : {1, 2, 3, 7, 4096}) {
-            // The input given whole, and trickling in a few bytes a read;
-            // the output kept, and taken piece by piece as a stream's is.
-            for (const uint64_t trickle : {uint64_t(0), uint64_t(1), uint64_t(5)}) {
-                uint64_t at = 0;
-                const PieceReader read = [&](char* room, uint64_t n) {
-                    const uint64_t take = std::min({n, trickle, row.text.size() - at});
-                    std::memcpy(room, row.text.data() + at, take);
-                    at += take;
-                    return take;
-                };
-                for (const bool inPlace : {false, true}) {
-                    at = 0;
-                    stringEx encoded("head:");
-                    std::string streamed;
-                    PIECES_OPTIONS options = Sized(pieceBytes, EscapeWriting::kCarry, inPlace);
-                    if (trickle == 5)
-                        options.flush = [&streamed](stringEx& out) {
-                            streamed.append(out.data(), out.size());
-                            out.clear();
-                        };
-                    const stringEx bytes(row.text.data(), row.text.size());
-                    const PIECES_RESULT result =
-                        trickle ? ReplaceByPieces(read, row.method, row.pairs, *in, *out, encoded, options)
-                                : ReplaceByPieces(bytes, row.method, row.pairs, *in, *out, encoded, options);
-                    const std::string where = std::string(row.name) + ", pieces of " + std::to_string(pieceBytes) +
-                                              ", reads of " + std::to_string(trickle) +
-                                              (inPlace ? ", in place" : "");
-                    EXPECT_EQ(streamed + std::string(encoded.data(), encoded.size()), "head:" + whole) << where;
-                    EXPECT_EQ(result.replaced, wholeCount) << where;
-                    EXPECT_FALSE(result.empty) << where;
+        // Broken bytes carried, or refused: then the output ends in front of
+        // the first, as the whole's does. (Written ordinarily, under -force,
+        // a broken byte is dropped or marked by where the conversion's
+        // rounds fall, in the whole as in pieces.)
+        for (const EscapeWriting escapes : {EscapeWriting::kCarry, EscapeWriting::kRefuse}) {
+            uint32_t wholeCount;
+            bool refused;
+            const std::string whole =
+                Whole(row.text, row.method, row.pairs, *in, *out, wholeCount, escapes, false, &refused);
+            for (const uint64_t pieceBytes : {1, 2, 3, 7, 4096}) {
+                // The input given whole, and trickling in a few bytes a read;
+                // the output kept, and taken piece by piece as a stream's is.
+                for (const uint64_t trickle : {uint64_t(0), uint64_t(1), uint64_t(5)}) {
+                    uint64_t at = 0;
+                    const PieceReader read = [&](char* room, uint64_t n) {
+                        const uint64_t take = std::min({n, trickle, row.text.size() - at});
+                        std::memcpy(room, row.text.data() + at, take);
+                        at += take;
+                        return take;
+                    };
+                    for (const bool inPlace : {false, true}) {
+                        at = 0;
+                        stringEx encoded("head:");
+                        std::string streamed;
+                        PIECES_OPTIONS options = Sized(pieceBytes, escapes, inPlace);
+                        if (trickle == 5)
+                            options.flush = [&streamed](stringEx& out) {
+                                streamed.append(out.data(), out.size());
+                                out.clear();
+                            };
+                        const stringEx bytes(row.text.data(), row.text.size());
+                        const PIECES_RESULT result =
+                            trickle ? ReplaceByPieces(read, row.method, row.pairs, *in, *out, encoded, options)
+                                    : ReplaceByPieces(bytes, row.method, row.pairs, *in, *out, encoded, options);
+                        const std::string where = std::string(row.name) + ", pieces of " + std::to_string(pieceBytes) +
+                                                  ", reads of " + std::to_string(trickle) +
+                                                  (inPlace ? ", in place" : "") +
+                                                  (escapes == EscapeWriting::kRefuse ? ", refused" : "");
+                        EXPECT_EQ(streamed + std::string(encoded.data(), encoded.size()), "head:" + whole) << where;
+                        EXPECT_EQ(result.unwritable, refused) << where;
+                        if (!refused) {
+                            EXPECT_EQ(result.replaced, wholeCount) << where;
+                        }
+                        EXPECT_FALSE(result.empty) << where;
+                    }
                 }
             }
         }

@@ -258,7 +258,7 @@ bool TTextConv::IsPlainUtf8() const
     return false;
 }
 
-bool TTextConv::AsciiView(stringEx&, const stringEx&) const
+bool TTextConv::AsciiView(stringEx&, const stringEx&, bool) const
 {
     return false;
 }

@@ -621,9 +621,9 @@ bool CTextLibIConv::IsPlainUtf8() const
     return _fast && _fast->IsPlainUtf8();
 }
 
-bool CTextLibIConv::AsciiView(stringEx& view, const stringEx& bytes) const
+bool CTextLibIConv::AsciiView(stringEx& view, const stringEx& bytes, bool carried) const
 {
-    return _fast && _fast->AsciiView(view, bytes);
+    return _fast && _fast->AsciiView(view, bytes, carried);
 }
 
 stringEx CTextLibIConv::Shortcut() const

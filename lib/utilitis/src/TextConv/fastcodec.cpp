@@ -483,7 +483,7 @@ public:
     bool IsPlainUtf8() const noexcept override { return true; }
 
     // A byte below 0x80 is never part of a longer sequence, broken or not.
-    bool AsciiView(stringEx& view, const stringEx& src) const override
+    bool AsciiView(stringEx& view, const stringEx& src, bool) const override
     {
         view = src;
         return true;
@@ -715,15 +715,16 @@ public:
 
     const char* Kind() const noexcept override { return "table"; }
 
-    // The bytes themselves, when no byte of them is a hole (the back end
-    // might read it with what follows).
-    bool AsciiView(stringEx& view, const stringEx& src) const override
+    // The bytes themselves, when no byte of them is a hole that the back
+    // end might read with what follows, or that is not carried.
+    bool AsciiView(stringEx& view, const stringEx& src, bool carried) const override
     {
         if (!asciiApart)
             return false;
-        for (const char byte : src)
-            if (toWide[static_cast<unsigned char>(byte)] == kNoImage)
-                return false;
+        if (!(carried && sevenBit))
+            for (const char byte : src)
+                if (toWide[static_cast<unsigned char>(byte)] == kNoImage)
+                    return false;
         view = src;
         return true;
     }
@@ -1097,7 +1098,7 @@ public:
 
     // Every pair in the tables, its second byte masked where it is below
     // 0x80; anything else (a broken byte, a lead byte at the end) fails.
-    bool AsciiView(stringEx& view, const stringEx& src) const override
+    bool AsciiView(stringEx& view, const stringEx& src, bool) const override
     {
         const DoubleByteTables* t = Ready(src.size());
         if (!t || !t->asciiApart)

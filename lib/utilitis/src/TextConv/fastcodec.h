@@ -34,7 +34,7 @@ public:
     virtual bool IsPlainUtf8() const noexcept { return false; }
     // The bytes as a search for ASCII text sees them (TTextConv::AsciiView);
     // false where the shortcut cannot say.
-    virtual bool AsciiView(stringEx&, const stringEx&) const { return false; }
+    virtual bool AsciiView(stringEx&, const stringEx&, bool /*carried*/) const { return false; }
 };
 
 // Readies a large block that is about to be written from start to end.

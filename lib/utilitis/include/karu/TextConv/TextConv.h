@@ -119,7 +119,10 @@ public:
     // like a letter. False, with `view` unspecified, where the converter
     // cannot vouch for that: an encoding with states, or bytes it does not
     // read as whole characters. In UTF-8 the view shares the bytes.
-    virtual bool AsciiView(stringEx& view, const stringEx& bytes) const;
+    // `carried`: for a text read and written in the carrying form, where a
+    // byte that stands alone undecoded is an escape unit, never ASCII; such
+    // bytes then keep their place in the view instead of failing it.
+    virtual bool AsciiView(stringEx& view, const stringEx& bytes, bool carried = false) const;
 
     // Whether a text cut just after each line feed converts, piece by piece,
     // to exactly what the whole converts to, in both directions: the encoding

@@ -44,7 +44,7 @@ public:
     bool ConvertsByLines() const override;
     bool CutsAfter(char byte) const override;
     bool IsPlainUtf8() const override;
-    bool AsciiView(stringEx& view, const stringEx& bytes) const override;
+    bool AsciiView(stringEx& view, const stringEx& bytes, bool carried = false) const override;
 
     // The conversions exactly as the library gives them, bypassing the
     // shortcuts for common encodings (which must agree with these).
