@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "file/tests/text_helpers.h"
+
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +16,7 @@
 #include <vector>
 
 using namespace Karu;
+using namespace KaruTest;
 
 namespace {
 
@@ -22,11 +25,6 @@ using Rows = std::vector<std::vector<std::string>>;
 std::shared_ptr<TDataSource> SourceOf(byteEx& bytes)
 {
     return std::make_shared<CMemorySource>(bytes);
-}
-
-byteEx BytesOf(const std::string& text)
-{
-    return byteEx(reinterpret_cast<const unsigned char*>(text.data()), text.size());
 }
 
 // All rows of a text, or the failure's message as the only cell.
@@ -100,7 +98,7 @@ std::string Written(const Rows& rows, uint32_t mode, const char* lineEnd = "\n")
             writer.AppendRow(cells);
         }
     }  // dropped without Close: the destructor hands the block over
-    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    return TextOf(bytes);
 }
 
 TEST(CsvWriter, QuotesWhatWouldSplitAndRoundTrips)
@@ -124,13 +122,9 @@ TEST(CsvWriter, QuotesWhatWouldSplitAndRoundTrips)
 
     byteEx sink;
     CCsvWriter writer(std::make_shared<CMemorySink>(sink));
-    try {
-        writer.AppendRow({});
-        ADD_FAILURE();
-    } catch (const csvExp& e) {
-        EXPECT_EQ(e.message, stringEx("CCsvWriter::AppendRow - nothing to append"));
-        EXPECT_EQ(e.code, 2);
-    }
+    int32_t code = 0;
+    EXPECT_EQ(MessageOf<csvExp>([&] { writer.AppendRow({}); }, &code), "CCsvWriter::AppendRow - nothing to append");
+    EXPECT_EQ(code, 2);
 
     // Fields with separators and line ends, some larger than a block, come back.
     Rows many;
@@ -189,7 +183,7 @@ TEST(CsvTable, OpensByBothParsersGuessesLineEndsAndEdits)
     byteEx out;
     CMemorySink sink(out);
     table.Save(sink);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(out.data()), out.size()), "\"x,1\",\"y\ny\"\n,\"q,r\"\n");
+    EXPECT_EQ(TextOf(out), "\"x,1\",\"y\ny\"\n,\"q,r\"\n");
 
     struct Failure {
         const char* why;
@@ -208,14 +202,8 @@ TEST(CsvTable, OpensByBothParsersGuessesLineEndsAndEdits)
          },
          "CCsv::Save - nothing to save"},
     };
-    for (const Failure& f : failures) {
-        try {
-            f.op();
-            ADD_FAILURE() << f.why;
-        } catch (const csvExp& e) {
-            EXPECT_EQ(e.message, stringEx(f.message)) << f.why;
-        }
-    }
+    for (const Failure& f : failures)
+        EXPECT_EQ(MessageOf<csvExp>(f.op), f.message) << f.why;
 }
 
 TEST(CFile, StreamCallsAndTheirFailures)
@@ -270,13 +258,9 @@ TEST(CFile, StreamCallsAndTheirFailures)
          "CCFile::UnGetChar - failed unget char\n  system error is : Invalid argument\n", 12},
     };
     for (const Row& r : rows) {
-        try {
-            r.op();
-            ADD_FAILURE() << r.why;
-        } catch (const cfileExp& e) {
-            EXPECT_EQ(std::string(e.message.c_str()), r.message) << r.why;
-            EXPECT_EQ(e.code, r.code) << r.why;
-        }
+        int32_t code = 0;
+        EXPECT_EQ(MessageOf<cfileExp>(r.op, &code), r.message) << r.why;
+        EXPECT_EQ(code, r.code) << r.why;
     }
     std::remove(path);
 }

@@ -74,12 +74,7 @@ TEST(Paths, NormaliseAsTextAgainstTheCurrentDirectory)
     ASSERT_EQ(chdir(saved.c_str()), 0);
 
     stringEx empty;
-    try {
-        CDir::ConvToFullPath(empty);
-        ADD_FAILURE();
-    } catch (const dirExp& e) {
-        EXPECT_EQ(e.message, stringEx("CDir::ConvToFullPath - nothing to convert"));
-    }
+    EXPECT_EQ(MessageOf<dirExp>([&] { CDir::ConvToFullPath(empty); }), "CDir::ConvToFullPath - nothing to convert");
     EXPECT_EQ(CDir::GetPathDir("sub/*.txt"), stringEx("sub/"));
     EXPECT_EQ(CDir::GetPathDir("*.txt"), stringEx("./"));
     EXPECT_EQ(CDir::GetPathFilename("/a/b.txt"), stringEx("b.txt"));
@@ -174,18 +169,13 @@ TEST(Search, FindsFilesByPatternDepthAndVisibility)
     // A dangling link ends the whole search, whatever its name.
     ASSERT_EQ(symlink((dir / "gone").c_str(), (dir / "dangling").c_str()), 0);
     StringVector found;
-    try {
-        CDir(dir.path.c_str()).GetAllFiles(found, "*.txt");
-        ADD_FAILURE();
-    } catch (const dirExp& e) {
-        const std::string m = e.message.c_str();
-        EXPECT_EQ(m.rfind("CDir::GetAllFiles - failed find files\n  base dir = " + dir.path + "/\n"
-                          "@ PosixStat - failed retrive the status of giving path\n",
-                          0),
-                  0u)
-            << m;
-        EXPECT_NE(m.find("  error desc = path does not exists\n"), std::string::npos) << m;
-    }
+    const std::string m = MessageOf<dirExp>([&] { CDir(dir.path.c_str()).GetAllFiles(found, "*.txt"); });
+    EXPECT_EQ(m.rfind("CDir::GetAllFiles - failed find files\n  base dir = " + dir.path + "/\n"
+                      "@ PosixStat - failed retrive the status of giving path\n",
+                      0),
+              0u)
+        << m;
+    EXPECT_NE(m.find("  error desc = path does not exists\n"), std::string::npos) << m;
     // A missing directory in the pattern is reported, with the working directory.
     EXPECT_THROW(CDir(dir.path.c_str()).GetAllFiles(found, "nowhere/*"), dirExp);
 }
@@ -304,7 +294,7 @@ TEST(WholeFile, WritesInPlaceAndReadsWhole)
         EXPECT_EQ(dir.Get("w"), s.after);
         byteEx back;
         CDir::ReadFile(path, back);
-        EXPECT_EQ(std::string(reinterpret_cast<const char*>(back.data()), back.size()), s.after);
+        EXPECT_EQ(TextOf(back), s.after);
     }
     // Wide text goes out as its units.
     CDir::WriteFile(path, wstringEx(L"\u00E9x"));
@@ -313,13 +303,8 @@ TEST(WholeFile, WritesInPlaceAndReadsWhole)
     EXPECT_EQ(wide, wstringEx(L"\u00E9x"));
 
     stringEx data("stale");
-    try {
-        CDir::ReadFile("", data);
-        ADD_FAILURE();
-    } catch (const dirExp& e) {
-        EXPECT_EQ(e.message, stringEx("CDir::ReadFile - read what ?"));
-        EXPECT_TRUE(data.empty());
-    }
+    EXPECT_EQ(MessageOf<dirExp>([&] { CDir::ReadFile("", data); }), "CDir::ReadFile - read what ?");
+    EXPECT_TRUE(data.empty());
     EXPECT_THROW(CDir::WriteFile("", stringEx("x")), dirExp);
     EXPECT_THROW(CDir::ReadFile(dir.path.c_str(), data), sysfileExp);  // a directory
 }

@@ -11,9 +11,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <functional>
 #include <string>
+#include <vector>
 
+#include "sync/tests/forktest.h"
 #include "text_helpers.h"
 
 using namespace Karu;
@@ -24,12 +26,6 @@ namespace {
 bool Mapped(void* address, size_t size)
 {
     return msync(address, size, MS_ASYNC) == 0 || errno != ENOMEM;
-}
-
-std::string ReadAll(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 }  // namespace
@@ -71,34 +67,24 @@ TEST(DllLoader, NameSearchAndFailureCodes)
     }
 
     // A name given whole is used as it stands: no "lib" in front of it.
-    for (const wstringEx& whole : {wstringEx(L"icuuc.so.72"), wstringEx(L"libicuuc.so.72")}) {
-        try {
-            CDllLoader loader(whole);
-            EXPECT_EQ(S(loader.Path()), "libicuuc.so.72");
-        } catch (const dlllExp& e) {
-            EXPECT_EQ(S(e.message).rfind("CDllLoader::CDllLoader - error loading dynamic library\n"
-                                         "  dll path       = icuuc.so.72\n",
-                                         0),
-                      0u)
-                << S(e.message);
-        }
-    }
-    EXPECT_THROW(CDllLoader(stringEx("icuuc.so.72")), dlllExp);
+    EXPECT_EQ(S(CDllLoader(wstringEx(L"libicuuc.so.72")).Path()), "libicuuc.so.72");
+    for (const std::function<void()>& whole : std::vector<std::function<void()>>{
+             [] { CDllLoader(wstringEx(L"icuuc.so.72")); }, [] { CDllLoader(stringEx("icuuc.so.72")); }})
+        EXPECT_EQ(MessageOf<dlllExp>(whole).rfind("CDllLoader::CDllLoader - error loading dynamic library\n"
+                                                  "  dll path       = icuuc.so.72\n",
+                                                  0),
+                  0u);
 
     CDllLoader self(stringEx(""));
     EXPECT_NE(self.GetProc(stringEx("iconv_open")), nullptr);
     EXPECT_NE(self.GetProc(wstringEx(L"iconv_close")), nullptr);
-    try {
-        self.GetProc(stringEx("no_such_symbol_here"));
-        ADD_FAILURE();
-    } catch (const dlllExp& e) {
-        EXPECT_EQ(e.code, kDllSymbolMissing);
-        EXPECT_EQ(S(e.message).rfind("CDllLoader::GetProc - error get the address of specific proc\n"
-                                     "  proc name      = no_such_symbol_here\n"
-                                     "  sys error desc = ",
-                                     0),
-                  0u);
-    }
+    int32_t code = 0;
+    EXPECT_EQ(MessageOf<dlllExp>([&] { self.GetProc(stringEx("no_such_symbol_here")); }, &code)
+                  .rfind("CDllLoader::GetProc - error get the address of specific proc\n"
+                         "  proc name      = no_such_symbol_here\n  sys error desc = ",
+                         0),
+              0u);
+    EXPECT_EQ(code, kDllSymbolMissing);
 }
 
 TEST(FileMapping, ViewsShareAndTheLastOneUnmaps)
@@ -151,25 +137,16 @@ TEST(FileMapping, ViewsShareAndTheLastOneUnmaps)
 
 TEST(FileMapping, Failures)
 {
-    try {
-        CFileMapping missing(stringEx("/nonexistent/file"), O_RDONLY);
-        ADD_FAILURE();
-    } catch (const fmppExp& e) {
-        EXPECT_EQ(S(e.message).rfind("CFileMapping::CFileMapping - error open file mapping\n"
-                                     "  file path = /nonexistent/file\n@ ",
-                                     0),
-                  0u);
-    }
+    EXPECT_EQ(MessageOf<fmppExp>([] { CFileMapping(stringEx("/nonexistent/file"), O_RDONLY); })
+                  .rfind("CFileMapping::CFileMapping - error open file mapping\n  file path = /nonexistent/file\n@ ", 0),
+              0u);
     CFileMapping::CView view;
     int64_t offset = 0;
-    try {
-        SetupMapView(view, -1, offset, 4096, PROT_READ, nullptr);
-        ADD_FAILURE();
-    } catch (const fmppExp& e) {
-        EXPECT_EQ(e.code, EBADF);
-        EXPECT_NE(S(e.message).find("  error desc  = invalid descriptor\n"), std::string::npos) << S(e.message);
-        EXPECT_EQ(S(e.message).rfind("SetupMapView - failed create file view\n  size        = 4096\n", 0), 0u);
-    }
+    int32_t code = 0;
+    const std::string failed = MessageOf<fmppExp>([&] { SetupMapView(view, -1, offset, 4096, PROT_READ, nullptr); }, &code);
+    EXPECT_EQ(code, EBADF);
+    EXPECT_NE(failed.find("  error desc  = invalid descriptor\n"), std::string::npos) << failed;
+    EXPECT_EQ(failed.rfind("SetupMapView - failed create file view\n  size        = 4096\n", 0), 0u);
     SetupMapView(view, 8192, PROT_READ | PROT_WRITE, nullptr);
     static_cast<char*>(view.Address())[8191] = 1;
     EXPECT_FALSE(view.Address() == nullptr);

@@ -1,12 +1,13 @@
 // The library's strings and exceptions in the form a test compares: its
 // byte and wide strings as standard ones and back (embedded NULs kept),
-// bytes as hex, and the message of whatever an operation throws.
+// bytes as text and hex, and the message of whatever an operation throws.
 #pragma once
 
 #include <karu/string/buffer.h>
 #include <karu/string/karuExp.h>
 #include <karu/string/stringEx.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <string>
@@ -46,12 +47,28 @@ inline std::string Hex(const Karu::byteEx& bytes)
     return out;
 }
 
-// The message `op` throws, or a text no message of the library reads like.
-inline std::string MessageOf(const std::function<void()>& op)
+// Text as bytes, and bytes as text, as they stand.
+inline Karu::byteEx BytesOf(const std::string& text)
+{
+    return Karu::byteEx(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+}
+
+inline std::string TextOf(const Karu::byteEx& bytes)
+{
+    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+// The message `op` throws as an E, with its code in `code`; or a text no
+// message of the library reads like. A failure of another class is not
+// caught here, so it fails the test: the class is part of what is checked.
+template <class E = Karu::karuExp>
+std::string MessageOf(const std::function<void()>& op, int32_t* code = nullptr)
 {
     try {
         op();
-    } catch (const Karu::karuExp& e) {
+    } catch (const E& e) {
+        if (code)
+            *code = e.code;
         return S(e.message);
     }
     return "(nothing raised)";

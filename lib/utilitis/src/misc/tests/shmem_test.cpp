@@ -12,6 +12,7 @@
 #include <cstring>
 #include <vector>
 
+#include "file/tests/text_helpers.h"
 #include "sync/tests/forktest.h"
 
 using namespace Karu;
@@ -82,15 +83,10 @@ TEST(SharedMemory, OneMappingAcrossProcessesAndTheCreatorRemoves)
     EXPECT_FALSE(NameExists(name));
 
     SMO_HANDLE missing;
-    try {
-        OpenMapView(missing, name.c_str(), kAccessReadWrite);
-        FAIL() << "opened a removed name";
-    } catch (const shmemExp& e) {
-        EXPECT_EQ(std::string(e.message.c_str()),
-                  "OpenSharedMemoryObject - failed create shared memory object\n  smo name    = " + name +
-                      "\n  flag        = 3\n  access mode = 2\n  error code  = 2\n"
-                      "  error desc  = the shared memory object does not exist\n");
-    }
+    EXPECT_EQ(MessageOf<shmemExp>([&] { OpenMapView(missing, name.c_str(), kAccessReadWrite); }),
+              "OpenSharedMemoryObject - failed create shared memory object\n  smo name    = " + name +
+                  "\n  flag        = 3\n  access mode = 2\n  error code  = 2\n"
+                  "  error desc  = the shared memory object does not exist\n");
 }
 
 TEST(SharedMemory, AMappingFailureNamesFlagAndAccessMode)
@@ -99,16 +95,12 @@ TEST(SharedMemory, AMappingFailureNamesFlagAndAccessMode)
     SMO_HANDLE empty;
     ASSERT_TRUE(CreateSharedMemoryObject(empty, name.c_str(), kAccessReadWrite, 0));
     SMO_HANDLE opener;
-    try {
-        OpenMapView(opener, name.c_str(), kAccessReadWrite);
-        ADD_FAILURE() << "mapped an object of no size";
-    } catch (const shmemExp& e) {
-        EXPECT_EQ(e.code, 3);
-        EXPECT_EQ(std::string(e.message.c_str()),
-                  "SetupMapView - failed create memory view\n  smo name    = " + name +
-                      "\n  flag        = 3\n  access mode = 2\n  size        = 0\n  error code  = 22\n"
-                      "  error desc  = invalid size, address, or flags argument\n");
-    }
+    int32_t code = 0;
+    EXPECT_EQ(MessageOf<shmemExp>([&] { OpenMapView(opener, name.c_str(), kAccessReadWrite); }, &code),
+              "SetupMapView - failed create memory view\n  smo name    = " + name +
+                  "\n  flag        = 3\n  access mode = 2\n  size        = 0\n  error code  = 22\n"
+                  "  error desc  = invalid size, address, or flags argument\n");
+    EXPECT_EQ(code, 3);
     CloseAndRemoveSharedMemoryObject(empty, name.c_str());
 }
 

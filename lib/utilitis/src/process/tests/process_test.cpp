@@ -13,9 +13,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <thread>
 
 #include "file/tests/deadline.h"
+#include "file/tests/text_helpers.h"
 #include "sync/tests/forktest.h"
 
 using namespace Karu;
@@ -83,49 +85,43 @@ TEST(Process, ReadinessAndBoost)
     EXPECT_FALSE(quick.WaitForReady(100));
 }
 
-TEST(Process, AProgramThatCannotStartRaisesInTheParent)
+// Every failure is the process layer's own class, with its message: a
+// program that cannot start (told in the parent), every operation of an
+// empty object, and the scheduling calls on a process already reaped.
+TEST(Process, FailuresAreTheProcessLayersWithTheirMessages)
 {
-    const Deadline deadline(std::chrono::seconds(60), "Process.AProgramThatCannotStartRaisesInTheParent");
-    CProcess child;
-    try {
-        child.Create("/nonexistent/program", Args({"program"}));
-        FAIL() << "started a missing program";
-    } catch (const procExp& e) {
-        const std::string text = e.message.c_str();
-        EXPECT_EQ(text.rfind("PosixExec - failed execute new image\n  image path = /nonexistent/program\n", 0), 0u)
-            << text;
-        EXPECT_NE(text.find("path does not exits"), std::string::npos) << text;
-    }
-}
-
-TEST(Process, AnEmptyObjectRaisesForEveryOperation)
-{
-    CProcess none;
+    const Deadline deadline(std::chrono::seconds(60), "Process.FailuresAreTheProcessLayersWithTheirMessages");
+    CProcess none, gone;
+    gone.Create("/bin/sh", Args({"sh", "-c", "exit 0"}));
+    ASSERT_TRUE(gone.Wait(5000));  // reaped: its identity names nobody now
+    const std::string pid = std::to_string(gone.GetPID());
+    auto empty = [](const char* name) { return std::string("CProcess::") + name + " - invalid object"; };
     struct Row {
-        const char* name;
-        void (*call)(CProcess&);
+        const char* why;
+        std::function<void()> op;
+        std::string message;
     } rows[] = {
-        {"GetPID", [](CProcess& p) { (void)p.GetPID(); }},
-        {"ToSysHandle", [](CProcess& p) { (void)p.ToSysHandle(); }},
-        {"GetBinFilePath", [](CProcess& p) { (void)p.GetBinFilePath(); }},
-        {"Wait", [](CProcess& p) { (void)p.Wait(0); }},
-        {"WaitForReady", [](CProcess& p) { (void)p.WaitForReady(0); }},
-        {"SetDynamicBoost", [](CProcess& p) { p.SetDynamicBoost(0); }},
-        {"Terminate", [](CProcess& p) { p.Terminate(); }},
-        {"QueueSignal", [](CProcess& p) { p.QueueSignal(SIGUSR1, 1); }},
-        {"GetMemUsage", [](CProcess& p) {
-             uint64_t a, b;
-             p.GetMemUsage(a, b);
-         }},
+        {"a missing program", [] { CProcess().Create("/nonexistent/program", Args({"program"})); },
+         "PosixExec - failed execute new image\n  image path = /nonexistent/program\n  error code = 2\n"
+         "  error desc = path does not exits\n"},
+        {"GetPID", [&] { (void)none.GetPID(); }, empty("GetPID")},
+        {"ToSysHandle", [&] { (void)none.ToSysHandle(); }, empty("ToSysHandle")},
+        {"GetBinFilePath", [&] { (void)none.GetBinFilePath(); }, empty("GetBinFilePath")},
+        {"Wait", [&] { (void)none.Wait(0); }, empty("Wait")},
+        {"WaitForReady", [&] { (void)none.WaitForReady(0); }, empty("WaitForReady")},
+        {"SetDynamicBoost", [&] { none.SetDynamicBoost(0); }, empty("SetDynamicBoost")},
+        {"Terminate", [&] { none.Terminate(); }, empty("Terminate")},
+        {"QueueSignal", [&] { none.QueueSignal(SIGUSR1, 1); }, empty("QueueSignal")},
+        {"GetMemUsage", [&] { uint64_t a, b; none.GetMemUsage(a, b); }, empty("GetMemUsage")},
+        {"reading the boost of the reaped", [&] { (void)gone.GetDynamicBoost(); },
+         "GetSchedParam - failed retrive sched's pri range\n  target pid = " + pid +
+             "\n  error code = 3\n  error desc = no such process\n"},
+        {"setting the boost of the reaped", [&] { gone.SetDynamicBoost(0); },
+         "CThread_Imp::_SetThreadShcdParam - failed set process' sched param\n  target pid = " + pid +
+             "\n  boost      = 0\n  error code = 3\n  error desc = no such process\n"},
     };
-    for (const Row& row : rows) {
-        try {
-            row.call(none);
-            ADD_FAILURE() << row.name << " did not raise";
-        } catch (const procExp& e) {
-            EXPECT_EQ(std::string(e.message.c_str()), std::string("CProcess::") + row.name + " - invalid object");
-        }
-    }
+    for (const Row& row : rows)
+        EXPECT_EQ(MessageOf<procExp>(row.op), row.message) << row.why;
 }
 
 TEST(Process, WhatThisProcessReadsAboutItself)
@@ -152,13 +148,8 @@ TEST(Process, WhatThisProcessReadsAboutItself)
     EXPECT_GT(soft, 3u);
 
     char small[4];
-    try {
-        ReadProcFile("/proc/self/status", small, sizeof small);
-        FAIL() << "a too small buffer passed";
-    } catch (const procExp& e) {
-        EXPECT_NE(std::string(e.message.c_str()).find("  size too big\n  buffer size = 4\n"), std::string::npos)
-            << e.message.c_str();
-    }
+    const std::string tooSmall = MessageOf<procExp>([&] { ReadProcFile("/proc/self/status", small, sizeof small); });
+    EXPECT_NE(tooSmall.find("  size too big\n  buffer size = 4\n"), std::string::npos) << tooSmall;
 }
 
 // Another process is held by a descriptor: Wait sees its end even while its
@@ -197,45 +188,11 @@ TEST(Process, AnOpenedProcessIsWatchedUntilClosed)
     for (int fd : before)
         after.erase(std::find(after.begin(), after.end(), fd));
     close(after[0]);
-    try {
-        self.Close();
-        FAIL() << "a failed close passed";
-    } catch (const procExp& e) {
-        EXPECT_EQ(e.code, 22);
-        EXPECT_EQ(std::string(e.message.c_str()), "CProcess::__CloseProcess - error close process\n  handle     = " +
-                                                      std::to_string(after[0]) +
-                                                      "\n  error code = 9\n  error desc = invalid process handle\n");
-    }
-}
-
-TEST(Process, SchedulingFailuresAreTheProcessLayers)
-{
-    CProcess gone;
-    gone.Create("/bin/sh", Args({"sh", "-c", "exit 0"}));
-    ASSERT_TRUE(gone.Wait(5000));  // reaped: its identity names nobody now
-    const std::string pid = std::to_string(gone.GetPID());
-    struct Row {
-        const char* why;
-        void (*call)(CProcess&);
-        std::string message;
-    } rows[] = {
-        {"reading the boost", [](CProcess& p) { (void)p.GetDynamicBoost(); },
-         "GetSchedParam - failed retrive sched's pri range\n  target pid = " + pid +
-             "\n  error code = 3\n  error desc = no such process\n"},
-        {"setting the boost", [](CProcess& p) { p.SetDynamicBoost(0); },
-         "CThread_Imp::_SetThreadShcdParam - failed set process' sched param\n  target pid = " + pid +
-             "\n  boost      = 0\n  error code = 3\n  error desc = no such process\n"},
-    };
-    for (const Row& row : rows) {
-        try {
-            row.call(gone);
-            ADD_FAILURE() << row.why << ": no failure";
-        } catch (const procExp& e) {
-            EXPECT_EQ(std::string(e.message.c_str()), row.message) << row.why;
-        } catch (const karuExp& e) {
-            ADD_FAILURE() << row.why << ": not the process layer's class: " << e.message.c_str();
-        }
-    }
+    int32_t code = 0;
+    EXPECT_EQ(MessageOf<procExp>([&] { self.Close(); }, &code),
+              "CProcess::__CloseProcess - error close process\n  handle     = " + std::to_string(after[0]) +
+                  "\n  error code = 9\n  error desc = invalid process handle\n");
+    EXPECT_EQ(code, 22);
 }
 
 int g_inThisProgram;
@@ -329,23 +286,15 @@ TEST(Pipe, BrokenPipePeekAndAvailableBytes)
     EXPECT_EQ(copy.GetTotalBytesCouldBeReadNow(), 3u);
     char buffer[4];
     EXPECT_THROW(reader.Peek(buffer, 3), pipeExp);
-    CPipe closed;
-    try {
-        closed.GetTotalBytesCouldBeReadNow();
-        ADD_FAILURE() << "asked a closed pipe";
-    } catch (const pipeExp& e) {
-        EXPECT_EQ(e.code, 35);  // the control operation on a pipe
-    }
+    int32_t code = 0;
+    EXPECT_NE(MessageOf<pipeExp>([] { CPipe().GetTotalBytesCouldBeReadNow(); }, &code), "(nothing raised)");
+    EXPECT_EQ(code, 35);  // the control operation on a pipe
 
     reader.Close();
     copy.Close();
     // No reader: a write error, not the end of the process.
-    try {
-        writer.Write("x", 1);
-        FAIL() << "wrote into a broken pipe";
-    } catch (const sysfileExp& e) {
-        EXPECT_NE(std::string(e.message.c_str()).find("error writing pipe, pipe has been broken"), std::string::npos);
-    }
+    EXPECT_NE(MessageOf<sysfileExp>([&] { writer.Write("x", 1); }).find("error writing pipe, pipe has been broken"),
+              std::string::npos);
 }
 
 }  // namespace

@@ -30,6 +30,7 @@
 
 using namespace Karu;
 using namespace Karu::RegTest;
+using namespace KaruTest;
 
 // The C library's newlocale reads LOCPATH (set by these tests, to find the
 // locales they make) into a list that it never frees; the leak checker of
@@ -41,18 +42,6 @@ extern "C" const char* __lsan_default_suppressions()
 }
 
 namespace {
-
-std::string Message(const std::function<void()>& op, int32_t* code = nullptr)
-{
-    try {
-        op();
-    } catch (const karuExp& e) {
-        if (code)
-            *code = e.code;
-        return e.message.c_str();
-    }
-    return "(nothing raised)";
-}
 
 byteEx Compiled(CFakeRegistry key)
 {
@@ -111,7 +100,7 @@ TEST(Registry, KeysValuesAndTheirMessages)
     };
     for (const Row& r : rows) {
         int32_t code = -1;
-        EXPECT_EQ(Message(r.op, &code), r.message) << r.why;
+        EXPECT_EQ(MessageOf(r.op, &code), r.message) << r.why;
         EXPECT_EQ(code, r.code) << r.why;
     }
 
@@ -130,8 +119,7 @@ TEST(Registry, KeysValuesAndTheirMessages)
     stringEx text;
     root.ReadValueEx("exp", text);
     EXPECT_EQ(text, stringEx("<expanded|>"));
-    const byteEx raw = root.ReadRawValue("exp");  // the raw form stays unexpanded
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(raw.data()), raw.size()), "<${KARU_REG_TEST}|${KARU_REG_UNSET}>");
+    EXPECT_EQ(TextOf(root.ReadRawValue("exp")), "<${KARU_REG_TEST}|${KARU_REG_UNSET}>");  // the raw form stays unexpanded
     double fallback = 0;
     root.ReadValueEx("missing", fallback, 2.5);
     EXPECT_EQ(fallback, 2.5);
@@ -281,7 +269,7 @@ try {
     // Too deep a tree is refused, not written, with the error of a compile.
     CFakeRegistry deep = RichTree(600);
     int32_t code = 0;
-    EXPECT_EQ(Message([&] { Compiled(deep); }, &code),
+    EXPECT_EQ(MessageOf([&] { Compiled(deep); }, &code),
               "RegCompile - io failed when trying compile fake registry\n@ RegCompile - key nesting too deep\n"
               "  max depth = 512\n");
     EXPECT_EQ(code, 5);
@@ -290,12 +278,12 @@ try {
     created.Open(stringEx((dir + "/new/one.reg").c_str()), true);
     EXPECT_EQ(created.GetSubkeyCount() + created.GetValueCount(), 0u);
     EXPECT_TRUE(CDir::IsDir(stringEx((dir + "/new").c_str())));
-    EXPECT_EQ(Message([&] { created.Open(stringEx((dir + "/none.reg").c_str())); }).substr(0, 60),
+    EXPECT_EQ(MessageOf([&] { created.Open(stringEx((dir + "/none.reg").c_str())); }).substr(0, 60),
               std::string("CFakeRegistry::Open - failed open file\n  file name = ") + dir.substr(0, 7));
 
     CFakeRegistry limited = RichTree(3);
     limited.SetMaxSize(40);
-    EXPECT_EQ(Message([&] { Compiled(limited); }).substr(0, 101),
+    EXPECT_EQ(MessageOf([&] { Compiled(limited); }).substr(0, 101),
               "RegCompile - io failed when trying compile fake registry\n@ CISXFBasic::_CheckBound - buffer "
               "overflow\n");
 } catch (const karuExp& e) {
@@ -375,15 +363,7 @@ TEST(RegistryFile, FailedSavesChangeNothing)
         CFakeRegistry key = RichTree(3);
         key.SetValue("changed", true);
         int32_t code = 0;
-        try {
-            r.op(key);
-            ADD_FAILURE() << r.why << ": nothing raised";
-        } catch (const regExp& e) {
-            code = e.code;
-            EXPECT_EQ(std::string(e.message.c_str()).substr(0, std::strlen(r.head)), r.head) << r.why;
-        } catch (const karuExp& e) {
-            ADD_FAILURE() << r.why << ": not the store's exception: " << e.message.c_str();
-        }
+        EXPECT_EQ(MessageOf<regExp>([&] { r.op(key); }, &code).substr(0, std::strlen(r.head)), r.head) << r.why;
         EXPECT_EQ(code, r.code) << r.why;
         if (r.code != 7) {
             EXPECT_TRUE(key.IsDirty()) << r.why;
@@ -416,7 +396,7 @@ TEST(RegistryFile, DamagedFilesKeepWhatWasReadWhole)
     auto load = [](const byteEx& bytes, CFakeRegistry& key) {
         byteEx copy(bytes.data(), bytes.size());
         CMemorySource source(copy);
-        return Message([&] { key.Open(source); });
+        return MessageOf([&] { key.Open(source); });
     };
     struct Row {
         const char* why;
@@ -485,14 +465,14 @@ std::string Exported(const CFakeRegistry& key, bool csv)
     byteEx bytes;
     CMemorySink sink(bytes);
     csv ? key.ExportCsv(sink) : key.ExportIni(sink);
-    return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    return TextOf(bytes);
 }
 
-std::string Imported(CFakeRegistry& key, const std::string& text, bool csv)
+std::string Imported(CFakeRegistry& key, const std::string& text, bool csv, int32_t* code = nullptr)
 {
-    byteEx bytes(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+    byteEx bytes = BytesOf(text);
     CMemorySource source(bytes);
-    return Message([&] { csv ? key.ImportCsv(source) : key.ImportIni(source); });
+    return MessageOf([&] { csv ? key.ImportCsv(source) : key.ImportIni(source); }, code);
 }
 
 TEST(RegistryExchange, TreesRoundTripThroughIniAndCsv)
@@ -551,10 +531,7 @@ TEST(RegistryExchange, TreesRoundTripThroughIniAndCsv)
         const std::string head = b.csv ? "CFakeRegistry::ImportCsv - failed import from csv\n@ "
                                        : "CFakeRegistry::ImportIni - failed import from ini\n@ ";
         int32_t code = 0;
-        byteEx bytes(reinterpret_cast<const unsigned char*>(b.text.data()), b.text.size());
-        CMemorySource source(bytes);
-        EXPECT_EQ(Message([&] { b.csv ? key.ImportCsv(source) : key.ImportIni(source); }, &code), head + b.cause)
-            << b.why;
+        EXPECT_EQ(Imported(key, b.text, b.csv, &code), head + b.cause) << b.why;
         EXPECT_EQ(code, 18) << b.why;
         EXPECT_EQ(key.GetValueCount() + key.GetSubkeyCount(), 1u) << b.why;  // nothing of a bad text lands
     }
@@ -565,7 +542,7 @@ TEST(RegistryExchange, TreesRoundTripThroughIniAndCsv)
 // what the file holds; every locale the machine has is tried.
 std::string TextHex(const stringEx& text)
 {
-    return Hex(byteEx(reinterpret_cast<const unsigned char*>(text.data()), text.size()));
+    return Hex(BytesOf(S(text)));
 }
 
 TEST(RegistryText, EveryByteComesBackThroughTheLocale)
@@ -650,8 +627,7 @@ TEST(RegistryText, TheStoreWritesTextOfTheEnvironmentsLocale)
     CFakeRegistry key;
     key.SetValue("t", text);
     const byteEx file = Compiled(key);
-    const std::string forms[] = {std::string(reinterpret_cast<const char*>(file.data()), file.size()),
-                                 Exported(key, false), Exported(key, true)};
+    const std::string forms[] = {TextOf(file), Exported(key, false), Exported(key, true)};
     const char* const names[] = {"file", "ini", "csv"};
     for (int i = 0; i < 3; ++i) {
         EXPECT_NE(forms[i].find(expected), std::string::npos) << names[i] << " does not hold " << TextHex(utf8);
