@@ -120,21 +120,15 @@ TEST(WholeFileFailure, AWriterKilledAtRandomLeavesAnAllowedState)
     int midway = 0;
     for (int run = 0; run < 16; ++run) {
         dir.Put("f", before);
-        int ready[2];
-        ASSERT_EQ(pipe(ready), 0);
-        const pid_t child = fork();
-        if (child == 0) {
+        KaruTest::Baton ready;
+        const pid_t child = KaruTest::StartChild([&] {
             alarm(20);
-            close(ready[0]);
-            (void)!write(ready[1], "go", 2);
+            ready.Pass();
             CDir::WriteFile(stringEx((dir / "f").c_str()), content);
             pause();  // killed here at the latest
-            _exit(0);
-        }
-        close(ready[1]);
-        char go[2];
-        ASSERT_EQ(read(ready[0], go, 2), 2);
-        close(ready[0]);
+            return 0;
+        });
+        ASSERT_TRUE(ready.Take());
         usleep(random() % 8000);
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);

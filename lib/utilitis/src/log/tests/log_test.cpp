@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "file/tests/deadline.h"
+#include "file/tests/text_helpers.h"
 #include "sync/tests/forktest.h"
 
 using namespace Karu;
@@ -170,23 +171,14 @@ TEST_F(LogFilter, MainLoggerAndStackFailures)
     EXPECT_EQ(second->flushes, 1);
     EXPECT_EQ(main->flushes, 0);  // the main logger is not flushed
 
-    try {
-        log->PushLogger(nullptr);
-        ADD_FAILURE();
-    } catch (const logExp& e) {
-        EXPECT_EQ(e.code, 5);
-        EXPECT_STREQ(e.message.c_str(), "CLog::PushLogger - invalid logger handle");
-    }
+    int32_t code = 0;
+    EXPECT_EQ(MessageOf<logExp>([&] { log->PushLogger(nullptr); }, &code), "CLog::PushLogger - invalid logger handle");
+    EXPECT_EQ(code, 5);
     log->RemoveLogger(first);
     EXPECT_EQ(log->LoggerCount(), 1u);
     EXPECT_EQ(log->PopLogger(), second);
-    try {
-        log->PopLogger();
-        ADD_FAILURE();
-    } catch (const logExp& e) {
-        EXPECT_EQ(e.code, 1);
-        EXPECT_STREQ(e.message.c_str(), "CLog::PopLogger - nothing to pop");
-    }
+    EXPECT_EQ(MessageOf<logExp>([&] { log->PopLogger(); }, &code), "CLog::PopLogger - nothing to pop");
+    EXPECT_EQ(code, 1);
 }
 
 TEST_F(LogConcurrency, ManyProducersLoseNothingAndKeepTheirOrder)

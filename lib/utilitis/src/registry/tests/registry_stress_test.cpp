@@ -134,16 +134,8 @@ TEST(RegistryDeep, AVeryDeepTreeIsFreedAndRefusedCleanly)
             }
             byteEx bytes;
             CMemorySink sink(bytes);
-            try {
-                root.Save(sink);
-            } catch (const karuExp& e) {
-                w.saved = e.message.c_str();
-            }
-            try {
-                root.ExportIni(sink);
-            } catch (const karuExp& e) {
-                w.exported = e.message.c_str();
-            }
+            w.saved = KaruTest::MessageOf([&] { root.Save(sink); });
+            w.exported = KaruTest::MessageOf([&] { root.ExportIni(sink); });
         }
         for (CFakeRegistry key = w.middle; key.GetSubkeyCount() > 0; key = key.ObtainChild("x"))
             ++w.middleDepth;
@@ -186,11 +178,9 @@ CFakeRegistry Version(uint32_t n)
 std::string CheckOpen(const stringEx& path, const std::vector<std::string>& versions)
 {
     CFakeRegistry store;
-    try {
-        store.Open(path);
-    } catch (const karuExp& e) {
-        return std::string("open failed: ") + e.message.c_str();
-    }
+    const std::string failed = KaruTest::MessageOf([&] { store.Open(path); });
+    if (failed != "(nothing raised)")
+        return "open failed: " + failed;
     uint32_t version = kVersions;
     store.ReadValueEx("version", version, kVersions);
     if (version >= kVersions)
@@ -210,11 +200,10 @@ std::string SaveAndOpenInTurn(const stringEx& path, const std::vector<std::strin
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1200);
     for (int round = 0; round < kMinRounds || std::chrono::steady_clock::now() < until; ++round) {
         if (round % 2 == worker % 2) {
-            try {
-                Version(static_cast<uint32_t>(worker * 4 + round / 2 % 4) % kVersions).Save(path);
-            } catch (const karuExp& e) {
-                return std::string("save failed: ") + e.message.c_str();
-            }
+            const std::string failed = KaruTest::MessageOf(
+                [&] { Version(static_cast<uint32_t>(worker * 4 + round / 2 % 4) % kVersions).Save(path); });
+            if (failed != "(nothing raised)")
+                return "save failed: " + failed;
             ++saves;
         } else {
             const std::string found = CheckOpen(path, versions);

@@ -276,16 +276,10 @@ std::string ReadFailure(byteEx bytes, int64_t bound, const std::function<void(CI
 {
     CByteIO io(bytes);
     CISXFReader<CByteIO> reader(io, bound);
-    try {
-        read(reader);
-    } catch (const isxfExp& e) {
-        if (code)
-            *code = e.code;
-        if (boundAfter)
-            *boundAfter = reader.GetBound();
-        return e.message.c_str();
-    }
-    return "(nothing raised)";
+    const std::string message = KaruTest::MessageOf<isxfExp>([&] { read(reader); }, code);
+    if (boundAfter)
+        *boundAfter = reader.GetBound();
+    return message;
 }
 
 TEST(Isxf, ReaderChecksTypesVoidsBoundsAndBuffers)

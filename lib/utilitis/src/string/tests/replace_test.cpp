@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "file/tests/text_helpers.h"
+
 #include <random>
 #include <string>
 
@@ -11,10 +13,7 @@ using namespace Karu;
 
 namespace {
 
-std::wstring W(const wstringEx& s)
-{
-    return std::wstring(s.data(), s.size());
-}
+using KaruTest::W;
 
 struct Row {
     const char* why;
