@@ -47,9 +47,11 @@
 // RX_MATCHES_ASCII. Finds and patterns search the view; what is copied comes
 // from the bytes, so unmatched text keeps its bytes without being converted
 // at all. The first piece (it may begin with a signature), pieces with broken
-// bytes, and replace texts the encoding cannot hold or that hold a backslash
-// as a second byte (a pattern's replace text reads it as an escape) take the
-// conversions. Any other piece takes the conversions as well.
+// bytes (unless they are carried and each stands alone, as every byte above
+// 0x7F does in the C locale's ASCII), and replace texts the encoding cannot
+// hold or that hold a backslash as a second byte (a pattern's replace text
+// reads it as an escape) take the conversions. Any other piece takes the
+// conversions as well.
 #pragma once
 
 #include <array>
