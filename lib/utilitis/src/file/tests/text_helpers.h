@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <type_traits>
 
 namespace KaruTest {
 
@@ -59,14 +60,18 @@ inline std::string TextOf(const Karu::byteEx& bytes)
 }
 
 // The message `op` throws as an E, with its code in `code`; or a text no
-// message of the library reads like. A failure of another class is not
-// caught here, so it fails the test: the class is part of what is checked.
+// message of the library reads like. The class is part of what is checked:
+// a failure of another class reads as such, so that no row passes on it.
 template <class E = Karu::karuExp>
 std::string MessageOf(const std::function<void()>& op, int32_t* code = nullptr)
 {
     try {
         op();
-    } catch (const E& e) {
+    } catch (const Karu::karuExp& e) {
+        if constexpr (!std::is_same_v<E, Karu::karuExp>) {
+            if (!dynamic_cast<const E*>(&e))
+                return "(not of the expected class) " + S(e.message);
+        }
         if (code)
             *code = e.code;
         return S(e.message);
