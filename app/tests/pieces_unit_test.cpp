@@ -168,8 +168,15 @@ TEST(Pieces, GiveTheBytesOfTheWholeText)
          Patterns({{L"t", L"\u4e57t"}}), "first\nt\x81\x74t\n"},
         {"double-byte patterns: broken bytes and a lone lead byte", "GBK", "GBK", kMethodRegex,
          Patterns({{L"ab", L"-"}}), "first\n\xFF" "ab\nab\x81\n\x81\x61\x62\n"},
+        // Big5 reads 0xA2CC as the character it writes as 0xA451: a piece
+        // holding it is written as converting it would write it.
+        {"double-byte: a character read from a second form", "BIG5", "BIG5", kMethodLiteral, Pairs({{L"ab", L"X"}}),
+         "first\n\xA2\xCC ab\n"},
+        {"double-byte patterns: a character read from a second form", "BIG5", "BIG5", kMethodRegex,
+         Patterns({{L"a+", L"X"}}), "first\naa\xA2\xCC\n"},
     };
     FillTables("GBK");
+    FillTables("BIG5");
     for (const Row& row : rows) {
         const TextConvPtr in = TTextConv::CreateConv(0, stringEx(row.in));
         const TextConvPtr out = TTextConv::CreateConv(0, stringEx(row.out));

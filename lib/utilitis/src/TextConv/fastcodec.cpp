@@ -934,6 +934,12 @@ struct DoubleByteTables {
     // And nothing else reads as ASCII: a search for ASCII text may look at
     // the bytes with the second bytes of pairs masked (AsciiView).
     bool asciiApart = false;
+    // One bit per pair (lead byte * 256 + trail byte) whose character is
+    // written back as that pair. A view stands for copying the bytes where
+    // the text would be decoded and encoded again, so a piece holding any
+    // other pair (Big5 reads 0xA2CC and 0xA451 as one character and writes
+    // only the second) is not shown in one.
+    std::array<uint64_t, 1024> keptPairs{};
 };
 
 // Fewer lead bytes or pairs than these: not a double-byte code page.
@@ -1054,10 +1060,16 @@ std::unique_ptr<DoubleByteTables> BuildDoubleByte(const ByteImages& images, cons
     for (uint32_t c = 0; c < 0x80; ++c)
         tables->asciiSelf &= images[c] == c && tables->bytesOf[c] == PairForm(1, c, 0);
     tables->asciiApart = tables->asciiSelf;
-    for (uint32_t b = 0x80; b < 0x100; ++b)
-        tables->asciiApart &= images[b] == kNoImage || images[b] >= 0x80;
-    for (const uint32_t p : pairs)
-        tables->asciiApart &= tables->pair[p] >= 0x80;
+    for (uint32_t b = 0x80; b < 0x100; ++b) {
+        const uint32_t c = images[b];
+        tables->asciiApart &= c == kNoImage || (c >= 0x80 && c <= 0xFFFF && tables->bytesOf[c] == PairForm(1, b, 0));
+    }
+    for (const uint32_t p : pairs) {
+        const uint32_t c = tables->pair[p];
+        tables->asciiApart &= c >= 0x80;
+        if (c <= 0xFFFF && tables->bytesOf[c] == PairForm(2, p >> 8, p & 0xFF))
+            tables->keptPairs[p >> 6] |= uint64_t(1) << (p & 63);
+    }
     return tables;
 }
 
@@ -1097,7 +1109,8 @@ public:
     bool EncodeCarrying(stringEx& dst, const wstringEx& src) const override { return EncodeWith<true>(dst, src); }
 
     // Every pair in the tables, its second byte masked where it is below
-    // 0x80; anything else (a broken byte, a lead byte at the end) fails.
+    // 0x80; anything else (a broken byte, a lead byte at the end, a pair
+    // that is not written back as itself) fails.
     bool AsciiView(stringEx& view, const stringEx& src, bool) const override
     {
         const DoubleByteTables* t = Ready(src.size());
@@ -1121,7 +1134,10 @@ public:
                 out[i++] = lead;
                 continue;
             }
-            if (i + 1 == n || t->pair[static_cast<uint32_t>(lead) << 8 | in[i + 1]] == kNoImage)
+            if (i + 1 == n)
+                return false;
+            const uint32_t p = static_cast<uint32_t>(lead) << 8 | in[i + 1];
+            if (!(t->keptPairs[p >> 6] >> (p & 63) & 1))
                 return false;
             out[i] = lead;
             out[i + 1] = in[i + 1] < 0x80 ? 0x80 : in[i + 1];

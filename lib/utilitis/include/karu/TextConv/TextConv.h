@@ -117,8 +117,10 @@ public:
     // then finds in the view what it finds in the decoded text, at the
     // matching byte offsets, even where the second byte of a character looks
     // like a letter. False, with `view` unspecified, where the converter
-    // cannot vouch for that: an encoding with states, or bytes it does not
-    // read as whole characters. In UTF-8 the view shares the bytes.
+    // cannot vouch for that: an encoding with states, bytes it does not read
+    // as whole characters, or a character it does not write back as the
+    // bytes it was read from (where copying the bytes would differ from
+    // converting them twice). In UTF-8 the view shares the bytes.
     // `carried`: for a text read and written in the carrying form, where a
     // byte that stands alone undecoded is an escape unit, never ASCII; such
     // bytes then keep their place in the view instead of failing it.
