@@ -33,20 +33,10 @@ using namespace KaruTest;
 namespace {
 
 // A scratch tree whose read-only parts (made by the tests of refusals) are
-// opened up before it is removed, and that tells a missing file from an
-// empty one.
+// opened up before it is removed.
 class Tree : public karu_test::ScratchDir {
 public:
     ~Tree() { std::system(("chmod -R u+w '" + root + "'").c_str()); }
-    stringEx At(const std::string& name) const { return stringEx((*this / name).c_str()); }
-    std::string Get(const std::string& name) const
-    {
-        std::ifstream in(*this / name);
-        if (!in)
-            return "(missing)";
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-    bool Has(const std::string& name) const { return CDir::Exists(At(name)); }
     const std::string& root = path;
 };
 

@@ -33,7 +33,6 @@ using Names = std::vector<std::string>;
 class Tree : public karu_test::ScratchDir {
 public:
     void Put(const std::string& name) const { ScratchDir::Put(name, "content"); }
-    void Dir(const std::string& name) const { CDir::MakeDir(stringEx((*this / name).c_str()), true); }
     void Link(const std::string& target, const std::string& name) const
     {
         ASSERT_EQ(symlink(target.c_str(), (*this / name).c_str()), 0) << name;

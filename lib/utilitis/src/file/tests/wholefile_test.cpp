@@ -68,7 +68,7 @@ TEST(WholeFileFailure, AKillAtEachStepLeavesAnAllowedState)
             [&] {
                 g_stopAt = row.step;
                 IMPL::SetFileStepHook(StopAt);
-                CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(row.after.c_str()));
+                CDir::WriteFile(dir.At("f"), stringEx(row.after.c_str()));
                 return 1;  // the step was never reached
             },
             20000);
@@ -99,7 +99,7 @@ TEST(WholeFileFailure, WhatOldAndNewShareAtTheStartStays)
         dir.Put("f", row.before);
         const utimbuf stamp{1000000000, 1000000000};
         utime((dir / "f").c_str(), &stamp);
-        CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(row.after.data(), row.after.size()));
+        CDir::WriteFile(dir.At("f"), stringEx(row.after.data(), row.after.size()));
         EXPECT_TRUE(dir.Get("f") == row.after) << row.why;
         struct stat after {};
         stat((dir / "f").c_str(), &after);
@@ -124,7 +124,7 @@ TEST(WholeFileFailure, AWriterKilledAtRandomLeavesAnAllowedState)
         const pid_t child = KaruTest::StartChild([&] {
             alarm(20);
             ready.Pass();
-            CDir::WriteFile(stringEx((dir / "f").c_str()), content);
+            CDir::WriteFile(dir.At("f"), content);
             pause();  // killed here at the latest
             return 0;
         });
@@ -169,7 +169,7 @@ TEST(WholeFileFailure, TheFileSizeLimitFailsBeforeAnythingChanges)
             if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
                 return 3;
             try {
-                CDir::WriteFile(stringEx((dir / "f").c_str()), stringEx(std::string(row.newSize, 'n').c_str()),
+                CDir::WriteFile(dir.At("f"), stringEx(std::string(row.newSize, 'n').c_str()),
                                 false, row.append);
             } catch (const sysfileExp& e) {
                 const bool named = std::strstr(e.message.c_str(), "CDir::WriteFile - no room for the new content\n") &&

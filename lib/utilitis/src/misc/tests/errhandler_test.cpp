@@ -153,8 +153,7 @@ TEST(ErrorHandler, ASecondFaultDuringTheReportEndsAtOnce)
         raise(SIGSEGV);
         return 0;
     });
-    EXPECT_TRUE(end.exited);
-    EXPECT_EQ(end.status, 255);
+    ExpectExit(end, 255);
 }
 
 TEST(ErrorHandler, InstalledBeforeMain)

@@ -91,10 +91,7 @@ TEST(Exceptions, MessagesChainTopDown)
                              "  file name  = a.txt\n"
                              "  error code = 2\n"
                              "  error desc = the file does not exist\n"));
-}
-
-TEST(Exceptions, ErrnoOutsideTheTableReadsAsUnexpected)
-{
+    // An errno outside the table reads as unexpected, with the system's text.
     EXPECT_EQ(ErrnoDescription(EACCES, {{EACCES, "permission denied"}}), stringEx("permission denied"));
     EXPECT_EQ(ErrnoDescription(ENOENT, {{EACCES, "permission denied"}}),
               stringEx("unexpect system error: No such file or directory"));
