@@ -1,14 +1,17 @@
-// A scratch directory for the file tests, removed with all it holds.
+// A scratch directory for the file tests, removed with all it holds: its
+// files by name, and what a search of it found.
 #pragma once
 
 #include <karu/file/dir.h>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
 
 namespace karu_test {
 
@@ -40,6 +43,18 @@ public:
         if (!in)
             return "(missing)";
         return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    // The names of what a search found, below the directory, in the order
+    // found or sorted.
+    std::vector<std::string> Relative(const Karu::StringVector& found, bool sorted = true) const
+    {
+        std::vector<std::string> names;
+        for (const Karu::stringEx& f : found)
+            names.push_back(std::string(f.c_str()).substr(path.size() + 1));
+        if (sorted)
+            std::sort(names.begin(), names.end());
+        return names;
     }
 
     std::string path;

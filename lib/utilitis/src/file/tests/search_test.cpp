@@ -37,16 +37,6 @@ public:
     {
         ASSERT_EQ(symlink(target.c_str(), (*this / name).c_str()), 0) << name;
     }
-    // The names below the root, in the order found or sorted.
-    Names Relative(const StringVector& found, bool sorted = true) const
-    {
-        Names names;
-        for (const stringEx& f : found)
-            names.push_back(std::string(f.c_str()).substr(path.size() + 1));
-        if (sorted)
-            std::sort(names.begin(), names.end());
-        return names;
-    }
 };
 
 // Exposes the directory twin of the regular-expression search.
