@@ -7,6 +7,8 @@
 #include <karu/string/karuExp.h>
 #include <karu/string/stringEx.h>
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -61,7 +63,8 @@ inline std::string TextOf(const Karu::byteEx& bytes)
 
 // The message `op` throws as an E, with its code in `code`; or a text no
 // message of the library reads like. The class is part of what is checked:
-// a failure of another class reads as such, so that no row passes on it.
+// a failure of another class fails the test here, whatever the caller then
+// looks for in the message, and the rows after it still run.
 template <class E = Karu::karuExp>
 std::string MessageOf(const std::function<void()>& op, int32_t* code = nullptr)
 {
@@ -69,8 +72,10 @@ std::string MessageOf(const std::function<void()>& op, int32_t* code = nullptr)
         op();
     } catch (const Karu::karuExp& e) {
         if constexpr (!std::is_same_v<E, Karu::karuExp>) {
-            if (!dynamic_cast<const E*>(&e))
+            if (!dynamic_cast<const E*>(&e)) {
+                ADD_FAILURE() << "a failure not of the expected class: " << S(e.message);
                 return "(not of the expected class) " + S(e.message);
+            }
         }
         if (code)
             *code = e.code;
