@@ -350,8 +350,9 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
             byteWay = (options.escapes == EscapeWriting::kCarry || IsWellFormedUtf8(pending.data(), cut)) &&
                       (method != kMethodRegex || !BeyondBmp(pending.data(), cut));
         byteWay = byteWay && !HoldsAny(pending.data(), cut, bytePairs.foldingIntoFinds);
-        // A view holds no broken bytes; the first piece, which may start
-        // with a signature, is decoded.
+        // A view holds no broken bytes but carried ones that stand alone
+        // (AsciiView says); the first piece, which may start with a
+        // signature, is decoded.
         if (byteWay && bytePairs.viewed) {
             byteWay = !result.empty && in.AsciiView(view, piece, options.escapes == EscapeWriting::kCarry);
             if (byteWay && !bytePairs.replaceChecked) {
