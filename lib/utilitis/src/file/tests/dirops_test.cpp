@@ -151,16 +151,14 @@ TEST(DirOps, EnvironmentLookupsAndSystemInformation)
         {"nothing", "(missing)"},
     };
     for (const Row& r : rows) {
-        std::string found;
-        try {
-            found = CDir::FindInPath(r.name).c_str();
-        } catch (const dirExp& e) {
-            found = "(missing)";
-            EXPECT_EQ(std::string(e.message.c_str()),
-                      std::string("CDir::FindInPath - can't find file in path\n  file name         = ") + r.name +
-                          "\n  environment path  = " + (t / "bin1") + ":" + (t / "bin2") + "\n");
-        }
+        std::string found = "(missing)";
+        const std::string raised = MessageOf<dirExp>([&] { found = CDir::FindInPath(r.name).c_str(); });
         EXPECT_EQ(found, r.expect) << r.name;
+        EXPECT_EQ(raised, found != "(missing)" ? "(nothing raised)"
+                                               : "CDir::FindInPath - can't find file in path\n  file name         = " +
+                                                     std::string(r.name) + "\n  environment path  = " + (t / "bin1") +
+                                                     ":" + (t / "bin2") + "\n")
+            << r.name;
     }
     setenv("PATH", savedPath.c_str(), 1);
 
