@@ -51,6 +51,13 @@ byteEx Compiled(CFakeRegistry key)
     return bytes;
 }
 
+// Opens `key` from the bytes of a file: the failure's message, if any.
+std::string Opened(CFakeRegistry& key, const byteEx& bytes)
+{
+    byteEx copy(bytes.data(), bytes.size());
+    CMemorySource source(copy);
+    return MessageOf([&] { key.Open(source); });
+}
 
 TEST(Registry, KeysValuesAndTheirMessages)
 {
@@ -215,9 +222,7 @@ TEST(RegistryFile, WireBytes)
         EXPECT_EQ(entry, v.entry) << v.why;
 
         CFakeRegistry back;
-        byteEx bytes = Compiled(key);
-        CMemorySource source(bytes);
-        back.Open(source);
+        ASSERT_EQ(Opened(back, Compiled(key)), "(nothing raised)") << v.why;
         EXPECT_EQ(FirstDifference(Dump(back), Dump(key)), "") << v.why;
         EXPECT_EQ(back.GetWriteTime(), key.GetWriteTime()) << v.why;
     }
@@ -226,8 +231,7 @@ TEST(RegistryFile, WireBytes)
     key.SetValue("f", -0.0);
     byteEx bytes = Compiled(key);
     EXPECT_EQ(Hex(bytes).substr(24 + 24, 27), "0a 01 00 00 00 66 8a 07 00 ");
-    CMemorySource source(bytes);
-    key.Open(source);
+    ASSERT_EQ(Opened(key, bytes), "(nothing raised)");
     double f = 1;
     key.ReadValueEx("f", f);
     EXPECT_FALSE(std::signbit(f));
@@ -393,11 +397,6 @@ byteEx Nested(int levels)
 TEST(RegistryFile, DamagedFilesKeepWhatWasReadWhole)
 {
     const byteEx whole = Compiled(RichTree(20));
-    auto load = [](const byteEx& bytes, CFakeRegistry& key) {
-        byteEx copy(bytes.data(), bytes.size());
-        CMemorySource source(copy);
-        return MessageOf([&] { key.Open(source); });
-    };
     struct Row {
         const char* why;
         byteEx file;
@@ -417,12 +416,12 @@ TEST(RegistryFile, DamagedFilesKeepWhatWasReadWhole)
     };
     for (const Row& r : rows) {
         CFakeRegistry key = RichTree(1);
-        EXPECT_EQ(load(r.file, key), r.message) << r.why;
+        EXPECT_EQ(Opened(key, r.file), r.message) << r.why;
         // The old content is gone, and nothing of these was read whole.
         EXPECT_EQ(key.GetValueCount() + key.GetSubkeyCount(), 0u) << r.why;
     }
     CFakeRegistry deepest;
-    EXPECT_EQ(load(Nested(512), deepest), "(nothing raised)");
+    EXPECT_EQ(Opened(deepest, Nested(512)), "(nothing raised)");
 
     // Every cut of a real file fails, and keeps what was read whole: each
     // value it kept is the file's, each subkey it kept is complete, and a
@@ -431,7 +430,7 @@ TEST(RegistryFile, DamagedFilesKeepWhatWasReadWhole)
     uint64_t kept = 0;
     for (size_t cut = 0; cut < whole.size(); ++cut) {
         CFakeRegistry key;
-        const std::string message = load(byteEx(whole.data(), cut), key);
+        const std::string message = Opened(key, byteEx(whole.data(), cut));
         EXPECT_NE(message, "(nothing raised)") << "cut at " << cut;
         for (uint64_t i = 0; i < key.GetValueCount(); ++i) {
             const stringEx name = key.EnumValue(i);
@@ -455,7 +454,7 @@ TEST(RegistryFile, DamagedFilesKeepWhatWasReadWhole)
         for (int flips = 1 + trial % 4; flips > 0; --flips)
             units[random() % damaged.size()] ^= static_cast<unsigned char>(1u << (random() % 8));
         CFakeRegistry key;
-        load(damaged, key);
+        Opened(key, damaged);
         Dump(key);
     }
 }
@@ -632,13 +631,7 @@ TEST(RegistryText, TheStoreWritesTextOfTheEnvironmentsLocale)
     for (int i = 0; i < 3; ++i) {
         EXPECT_NE(forms[i].find(expected), std::string::npos) << names[i] << " does not hold " << TextHex(utf8);
         CFakeRegistry back;
-        if (i == 0) {
-            byteEx bytes(file.data(), file.size());
-            CMemorySource source(bytes);
-            back.Open(source);
-        } else {
-            EXPECT_EQ(Imported(back, forms[i], i == 2), "(nothing raised)") << names[i];
-        }
+        EXPECT_EQ(i == 0 ? Opened(back, file) : Imported(back, forms[i], i == 2), "(nothing raised)") << names[i];
         stringEx read;
         back.ReadValueEx("t", read, stringEx());
         EXPECT_EQ(TextHex(read), TextHex(text)) << names[i];
