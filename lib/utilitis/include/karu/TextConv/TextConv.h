@@ -97,8 +97,11 @@ public:
     // karu/string/unicode.h) and an escape unit is written back as its byte;
     // the rest converts as in the ordinary form. Text read and written again
     // in one encoding so gives back the very bytes it came from, broken ones
-    // included. A back end that cannot tell where its input is broken (ICU)
-    // decodes as in the ordinary form.
+    // included, except where the encoding reads a character from a second
+    // form and writes only its first (Big5 reads 0xF9F9 as the character it
+    // writes 0xA2A4): such a pair decodes, so it is a character, and comes
+    // back in its first form. A back end that cannot tell where its input is
+    // broken (ICU) decodes as in the ordinary form.
     virtual void MBtoWCCarrying(wstringEx& dst, const stringEx& src);
     virtual void WCtoMBCarrying(stringEx& dst, const wstringEx& src);
 
