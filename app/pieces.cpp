@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -53,12 +54,11 @@ struct BYTE_PAIRS {
     // Case-blind finds: the characters that fold into ASCII like a letter of
     // a find, in UTF-8. A piece holding one is converted.
     std::vector<stringEx> foldingIntoFinds;
-    // Patterns over an encoding other than UTF-8: each searches the piece's
+    // Pairs over an encoding other than UTF-8: each searches the piece's
     // ASCII view. Whether the replace texts read back as themselves there
-    // is known once the converter can give a view at all (replaceViewed).
+    // is known once the converter can give a view at all.
     bool viewed = false;
-    bool replaceChecked = false;
-    bool replaceViewed = false;
+    std::optional<bool> replaceViewed;
 };
 
 bool AllScalars(const wstringEx& text) noexcept
@@ -123,7 +123,8 @@ BYTE_PAIRS PairsForBytes(int32_t method, const ReplacePairs& pairs, TTextConv& i
             return BYTE_PAIRS();
         // A replace text the encoding cannot hold is for the text's way to
         // refuse or carry.
-        if (encoded.viewed && !(in.MBtoWC(out.WCtoMB(pair.replace)) == pair.replace))
+        const stringEx replace = out.WCtoMB(pair.replace);
+        if (encoded.viewed && !(in.MBtoWC(replace) == pair.replace))
             return BYTE_PAIRS();
         // A pattern that did not compile replaces nothing, in bytes as well.
         if (method == kMethodRegex && pair.regex && !pair.bytesRegex)
@@ -131,7 +132,7 @@ BYTE_PAIRS PairsForBytes(int32_t method, const ReplacePairs& pairs, TTextConv& i
         // A view shows only ASCII as it is.
         if ((method == kMethodLiteralNoCase || (encoded.viewed && method == kMethodLiteral)) && !AllAscii(pair.find))
             return BYTE_PAIRS();
-        encoded.pairs.push_back({out.WCtoMB(pair.find), out.WCtoMB(pair.replace), pair.bytesRegex});
+        encoded.pairs.push_back({out.WCtoMB(pair.find), replace, pair.bytesRegex});
     }
     if (method == kMethodLiteralNoCase && !NoteFoldingIntoFinds(pairs, out, encoded.foldingIntoFinds))
         return BYTE_PAIRS();
@@ -148,8 +149,10 @@ bool ReplaceTextsViewed(int32_t method, const std::vector<BYTE_PAIR>& pairs, con
     for (const BYTE_PAIR& pair : pairs) {
         if (!in.AsciiView(view, pair.replace))
             return false;
+        if (method != kMethodRegex)
+            continue;
         for (uint64_t i = 0; i < view.size(); ++i)
-            if (method == kMethodRegex && pair.replace[i] == '\\' && view[i] != '\\')
+            if (pair.replace[i] == '\\' && view[i] != '\\')
                 return false;
     }
     return true;
@@ -298,6 +301,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
     };
     PIECES_RESULT result;
     BYTE_PAIRS bytePairs = PairsForBytes(method, pairs, in, out);
+    const bool carried = options.escapes == EscapeWriting::kCarry;
     // The cuts of long lines, worked out when the first one comes.
     std::array<bool, 256> cuts{};
     bool cutsKnown = false, moreCuts = false;
@@ -347,19 +351,17 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
         const stringEx piece = basic_buffer<char>::View(pending.data(), cut);
         bool byteWay = !bytePairs.pairs.empty();
         if (byteWay && !bytePairs.viewed)
-            byteWay = (options.escapes == EscapeWriting::kCarry || IsWellFormedUtf8(pending.data(), cut)) &&
+            byteWay = (carried || IsWellFormedUtf8(pending.data(), cut)) &&
                       (method != kMethodRegex || !BeyondBmp(pending.data(), cut));
         byteWay = byteWay && !HoldsAny(pending.data(), cut, bytePairs.foldingIntoFinds);
         // A view holds no broken bytes but carried ones that stand alone
         // (AsciiView says); the first piece, which may start with a
         // signature, is decoded.
         if (byteWay && bytePairs.viewed) {
-            byteWay = !result.empty && in.AsciiView(view, piece, options.escapes == EscapeWriting::kCarry);
-            if (byteWay && !bytePairs.replaceChecked) {
-                bytePairs.replaceChecked = true;
+            byteWay = !result.empty && in.AsciiView(view, piece, carried);
+            if (byteWay && !bytePairs.replaceViewed)
                 bytePairs.replaceViewed = ReplaceTextsViewed(method, bytePairs.pairs, in);
-            }
-            byteWay = byteWay && bytePairs.replaceViewed;
+            byteWay = byteWay && *bytePairs.replaceViewed;
         }
         if (byteWay) {
             uint64_t skip = 0;
@@ -408,8 +410,7 @@ PIECES_RESULT ReplaceByPieces(const PieceReader& read, int32_t method, const Rep
                     continue;
                 result.replaced += replaced;
                 bytes.swap(byteScratch);
-                if (k + 1 < bytePairs.pairs.size() &&
-                    !in.AsciiView(view, bytes, options.escapes == EscapeWriting::kCarry))
+                if (k + 1 < bytePairs.pairs.size() && !in.AsciiView(view, bytes, carried))
                     throw std::logic_error("ReplaceByPieces: a replaced text lost its view");
             }
             append(bytes.data(), bytes.size());

@@ -30,6 +30,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bitset>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -939,7 +940,7 @@ struct DoubleByteTables {
     // the text would be decoded and encoded again, so a piece holding any
     // other pair (Big5 reads 0xA2CC and 0xA451 as one character and writes
     // only the second) is not shown in one.
-    std::array<uint64_t, 1024> keptPairs{};
+    std::bitset<65536> keptPairs;
 };
 
 // Fewer lead bytes or pairs than these: not a double-byte code page.
@@ -1068,7 +1069,7 @@ std::unique_ptr<DoubleByteTables> BuildDoubleByte(const ByteImages& images, cons
         const uint32_t c = tables->pair[p];
         tables->asciiApart &= c >= 0x80;
         if (c <= 0xFFFF && tables->bytesOf[c] == PairForm(2, p >> 8, p & 0xFF))
-            tables->keptPairs[p >> 6] |= uint64_t(1) << (p & 63);
+            tables->keptPairs.set(p);
     }
     return tables;
 }
@@ -1137,7 +1138,7 @@ public:
             if (i + 1 == n)
                 return false;
             const uint32_t p = static_cast<uint32_t>(lead) << 8 | in[i + 1];
-            if (!(t->keptPairs[p >> 6] >> (p & 63) & 1))
+            if (!t->keptPairs.test(p))
                 return false;
             out[i] = lead;
             out[i + 1] = in[i + 1] < 0x80 ? 0x80 : in[i + 1];

@@ -255,9 +255,11 @@ uint32_t ReplaceCopyNoCase(const basic_string_ex<T>& source, basic_string_ex<T>&
 uint32_t ReplaceCopyViewed(const stringEx& source, const stringEx& view, stringEx& dest, const stringEx& find,
                            const stringEx& replace, bool asciiNoCase)
 {
+    // The case-sensitive search refers to its find: a copy outlives any
+    // change to an argument that is also the destination.
     const stringEx held = find;
     if (asciiNoCase)
-        return CopyReplacing(source, view, dest, held, replace, 0, CaseBlind<char>(held, true));
+        return CopyReplacing(source, view, dest, find, replace, 0, CaseBlind<char>(find, true));
     return CopyReplacing(source, view, dest, held, replace, 0, CaseSensitive<char>(held));
 }
 
